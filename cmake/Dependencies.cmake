@@ -1,0 +1,19 @@
+# Every dependency comes from a Debian -dev package; nothing is fetched.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(nlohmann_json 3.10 REQUIRED)
+find_package(ZLIB REQUIRED)
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+
+if(NOT EXISTS /usr/include/asio.hpp)
+  message(FATAL_ERROR "standalone Asio is missing: run scripts/install-deps.sh")
+endif()
+
+# Public: what the installed headers need. Private: what only the sources use.
+add_library(qvcore_public_deps INTERFACE)
+target_link_libraries(qvcore_public_deps INTERFACE nlohmann_json::nlohmann_json Threads::Threads)
+
+add_library(qvcore_private_deps INTERFACE)
+target_compile_definitions(qvcore_private_deps INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
+target_link_libraries(qvcore_private_deps INTERFACE PkgConfig::PLIST PkgConfig::UUID ZLIB::ZLIB)

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "qvcore/QVExport.h"
+#include "qvcore/core/QVLifecycleObject.h"
+#include "qvcore/platform/QVNotification.h"
+#include "qvcore/platform/QVValue.h"
+
+namespace qv {
+
+class QVMessage;
+
+// The one object through which modules use the framework: it starts and stops
+// the core services, keeps the registry of started modules, gates posted
+// messages and forwards them to the queue service.
+class QV_EXPORT QVCore : public QVLifecycleObject {
+ public:
+  using ModuleRegistry = std::map<std::string, std::shared_ptr<QVLifecycleObject>>;
+
+  static std::shared_ptr<QVCore> sharedInstance();
+
+  // QVLifecycleObject
+  std::string className() const override { return "QVCore"; }
+  bool enable() override;
+  bool disable() override;
+  bool isEnabled() const override { return enabled_.load(); }
+  std::string settingsBundlePath() const override;
+
+  bool sleepSystem();
+  bool wakeSystem();
+  void batteryLevelChanged(int64_t level);
+
+  bool enableModule(const std::string& name);
+  bool startModule(const std::string& name);
+  bool disableModule(const std::string& name);
+  std::shared_ptr<QVLifecycleObject> lifecycleObjectForName(const std::string& name) const;
+
+  bool postMessageForModuleName(std::shared_ptr<QVMessage> message, const std::string& name);
+  bool postMessageForModuleNameWithSessionID(std::shared_ptr<QVMessage> message,
+                                             const std::string& name,
+                                             const std::optional<std::string>& sessionID);
+  bool canPostMessage(const QVMessage* message) const;
+
+  void flushQueues();
+  void flushCompleted();
+
+  std::string currentSessionID();
+  std::string generateUUID() const;
+  int64_t getCurrentSessionStartTimeforModuleName(const std::string& name) const;
+  void networkConnectivityHasChanged(const QVNotification& notification);
+
+  // A snapshot of the registry of started modules; none before the first
+  // enable and after a successful disable.
+  std::optional<ModuleRegistry> classReferences() const;
+  int32_t currentLoggingLevel() const { return currentLoggingLevel_.load(); }
+  std::string frameworkVersion() const { return "2.0.0.81"; }
+
+  // Items handed in before the core was enabled: module name to a dictionary
+  // of pending items. Reads and writes of the whole dictionary are atomic.
+  QVValue tempConfigDict() const;
+  void setTempConfigDict(QVValue dict);
+  // Takes the pending items of one module and leaves an empty dictionary in
+  // their place, in one step, so that an item handed in meanwhile is not lost.
+  QVValue takeTempConfigForModuleName(const std::string& name);
+
+  QVCore(const QVCore&) = delete;
+  QVCore& operator=(const QVCore&) = delete;
+  ~QVCore() override;
+
+ private:
+  QVCore();
+
+  std::shared_ptr<QVLifecycleObject> registeredModule(const std::string& name) const;
+  void registerModule(const std::string& name, std::shared_ptr<QVLifecycleObject> module);
+  bool startCoreServices();
+  void observeNetworkChanges();
+
+  std::atomic<bool> enabled_{false};
+  std::atomic<int32_t> currentLoggingLevel_{0};
+
+  mutable std::mutex registryMutex_;
+  std::shared_ptr<ModuleRegistry> classReferences_;
+
+  std::mutex sessionMutex_;
+  std::optional<std::string> currentSessionID_;
+
+  mutable std::mutex tempConfigMutex_;
+  QVValue tempConfigDict_ = QVValue::object();
+};
+
+}  // namespace qv

@@ -1,0 +1,176 @@
+#include "qvcore/model/QVApplicationContextMessage.h"
+
+#include <exception>
+
+#include "qvcore/core/QVCoreHelper.h"
+#include "qvcore/model/QVMessageConstants.h"
+#include "qvcore/platform/QVKeyedArchiver.h"
+#include "qvcore/platform/QVKeyedUnarchiver.h"
+
+namespace qv {
+
+using OptionalString = QVApplicationContextMessage::OptionalString;
+
+QVApplicationContextMessage::QVApplicationContextMessage() : QVMessage(PlainInit{}) {
+  superInitWrapper();
+}
+
+// Deliberately not QVMessage(coder): the base's archived fields are neither
+// written nor read by this class, so offset and log level come from init.
+QVApplicationContextMessage::QVApplicationContextMessage(const QVKeyedUnarchiver& coder)
+    : QVApplicationContextMessage() {
+  decodeWithCoder(coder);
+}
+
+void QVApplicationContextMessage::superInitWrapper() { applyInit(); }
+
+std::shared_ptr<QVApplicationContextMessage> QVApplicationContextMessage::initWithTypeNameReferrer(
+    int64_t contextType, OptionalString name, OptionalString referrer) {
+  return initWithTypeNameReferrerKlassNameReferrerKlassName(contextType, std::move(name),
+                                                            std::move(referrer), "", "");
+}
+
+std::shared_ptr<QVApplicationContextMessage>
+QVApplicationContextMessage::initWithTypeNameReferrerKlassNameReferrerKlassName(
+    int64_t contextType, OptionalString name, OptionalString referrer, OptionalString klassName,
+    OptionalString referrerKlassName) {
+  // Not the full initialiser: that one would stamp the set date for a
+  // non-zero type, and these leave it 0.
+  auto message = std::make_shared<QVApplicationContextMessage>();
+  message->setContextType(contextType);
+  message->setName(std::move(name));
+  message->setReferrer(std::move(referrer));
+  message->setKlassName(std::move(klassName));
+  message->setReferrerKlassName(std::move(referrerKlassName));
+  return message;
+}
+
+std::shared_ptr<QVApplicationContextMessage> QVApplicationContextMessage::
+    initWithTypeNameReferrerKlassNameReferrerKlassNameCurrentScreenIdCurrentScreenIdSetDatePreviousScreenIdPreviousScreenIdSetDate(
+        int64_t contextType, OptionalString name, OptionalString referrer, OptionalString klassName,
+        OptionalString referrerKlassName, uint64_t currentScreenId, uint64_t currentScreenIdSetDate,
+        uint64_t previousScreenId, uint64_t previousScreenIdSetDate) {
+  auto message = initWithTypeNameReferrerKlassNameReferrerKlassName(
+      contextType, std::move(name), std::move(referrer), std::move(klassName),
+      std::move(referrerKlassName));
+  // Intended asymmetry: only a type-0 context keeps a caller-supplied set
+  // date; every other type is stamped with the time of its creation.
+  message->setCurrentScreenIdSetDate(contextType != 0 ? QVCoreHelper::sharedInstance()->now()
+                                                      : currentScreenIdSetDate);
+  message->setCurrentScreenId(currentScreenId);
+  message->setPreviousScreenId(previousScreenId);
+  message->setPreviousScreenIdSetDate(previousScreenIdSetDate);
+  return message;
+}
+
+uint64_t QVApplicationContextMessage::timeSinceStart() const {
+  return QVCoreHelper::sharedInstance()->now() - currentScreenIdSetDate();
+}
+
+// Deliberately does not chain to QVMessage::encodeWithCoder: archives of this
+// class have never carried offset and log level.
+void QVApplicationContextMessage::encodeWithCoder(QVKeyedArchiver& coder) const {
+  try {
+    coder.encodeInt64ForKey(contextType(), KeyQVApplicationContextType);
+    coder.encodeObjectForKey(name(), KeyQVApplicationContextName);
+    coder.encodeObjectForKey(referrer(), KeyQVApplicationContextReferrer);
+    coder.encodeObjectForKey(klassName(), KeyQVApplicationContextKlassName);
+    coder.encodeObjectForKey(referrerKlassName(), KeyQVApplicationContextReferrerKlassName);
+    coder.encodeUInt64ForKey(currentScreenId(), KeyQVApplicationContextCurrentScreenId);
+    coder.encodeUInt64ForKey(currentScreenIdSetDate(),
+                             KeyQVApplicationContextCurrentScreenIdSetDate);
+    coder.encodeUInt64ForKey(previousScreenId(), KeyQVApplicationContextPreviousScreenId);
+    coder.encodeUInt64ForKey(previousScreenIdSetDate(),
+                             KeyQVApplicaitonContextPreviousScreenIdSetDate);
+  } catch (const std::exception&) {
+    // The archive keeps what was written before the refused key.
+  }
+}
+
+void QVApplicationContextMessage::decodeWithCoder(const QVKeyedUnarchiver& coder) {
+  try {
+    setContextType(coder.decodeInt64ForKey(KeyQVApplicationContextType));
+    setName(coder.decodeObjectForKey(KeyQVApplicationContextName));
+    setReferrer(coder.decodeObjectForKey(KeyQVApplicationContextReferrer));
+    setKlassName(coder.decodeObjectForKey(KeyQVApplicationContextKlassName));
+    setReferrerKlassName(coder.decodeObjectForKey(KeyQVApplicationContextReferrerKlassName));
+    setCurrentScreenId(coder.decodeUInt64ForKey(KeyQVApplicationContextCurrentScreenId));
+    setCurrentScreenIdSetDate(
+        coder.decodeUInt64ForKey(KeyQVApplicationContextCurrentScreenIdSetDate));
+    setPreviousScreenId(coder.decodeUInt64ForKey(KeyQVApplicationContextPreviousScreenId));
+    setPreviousScreenIdSetDate(
+        coder.decodeUInt64ForKey(KeyQVApplicaitonContextPreviousScreenIdSetDate));
+  } catch (const std::exception&) {
+    // A damaged archive yields the fields read before the damage.
+  }
+}
+
+int64_t QVApplicationContextMessage::contextType() const { return contextType_.load(); }
+
+void QVApplicationContextMessage::setContextType(int64_t v) { contextType_.store(v); }
+
+OptionalString QVApplicationContextMessage::name() const {
+  std::lock_guard lock(stringsMutex_);
+  return name_;
+}
+
+void QVApplicationContextMessage::setName(OptionalString v) {
+  std::lock_guard lock(stringsMutex_);
+  name_ = std::move(v);
+}
+
+OptionalString QVApplicationContextMessage::referrer() const {
+  std::lock_guard lock(stringsMutex_);
+  return referrer_;
+}
+
+void QVApplicationContextMessage::setReferrer(OptionalString v) {
+  std::lock_guard lock(stringsMutex_);
+  referrer_ = std::move(v);
+}
+
+OptionalString QVApplicationContextMessage::klassName() const {
+  std::lock_guard lock(stringsMutex_);
+  return klassName_;
+}
+
+void QVApplicationContextMessage::setKlassName(OptionalString v) {
+  std::lock_guard lock(stringsMutex_);
+  klassName_ = std::move(v);
+}
+
+OptionalString QVApplicationContextMessage::referrerKlassName() const {
+  std::lock_guard lock(stringsMutex_);
+  return referrerKlassName_;
+}
+
+void QVApplicationContextMessage::setReferrerKlassName(OptionalString v) {
+  std::lock_guard lock(stringsMutex_);
+  referrerKlassName_ = std::move(v);
+}
+
+uint64_t QVApplicationContextMessage::currentScreenId() const { return currentScreenId_.load(); }
+
+void QVApplicationContextMessage::setCurrentScreenId(uint64_t v) { currentScreenId_.store(v); }
+
+uint64_t QVApplicationContextMessage::currentScreenIdSetDate() const {
+  return currentScreenIdSetDate_.load();
+}
+
+void QVApplicationContextMessage::setCurrentScreenIdSetDate(uint64_t v) {
+  currentScreenIdSetDate_.store(v);
+}
+
+uint64_t QVApplicationContextMessage::previousScreenId() const { return previousScreenId_.load(); }
+
+void QVApplicationContextMessage::setPreviousScreenId(uint64_t v) { previousScreenId_.store(v); }
+
+uint64_t QVApplicationContextMessage::previousScreenIdSetDate() const {
+  return previousScreenIdSetDate_.load();
+}
+
+void QVApplicationContextMessage::setPreviousScreenIdSetDate(uint64_t v) {
+  previousScreenIdSetDate_.store(v);
+}
+
+}  // namespace qv

@@ -1,0 +1,105 @@
+#include "qvcore/model/QVCoreExtensions.h"
+
+#include <cmath>
+#include <string_view>
+
+namespace qv {
+
+namespace {
+
+// dump() writes NaN and infinity as null and binary values as objects, both
+// of which would silently change the data, so they are looked for first.
+bool isJsonCapable(const QVValue& v) {
+  switch (v.type()) {
+    case QVValue::value_t::number_float:
+      return std::isfinite(v.get_ref<const QVValue::number_float_t&>());
+    case QVValue::value_t::binary:
+      return false;
+    case QVValue::value_t::array:
+    case QVValue::value_t::object:
+      for (const auto& item : v) {
+        if (!isJsonCapable(item)) return false;
+      }
+      return true;
+    default:
+      return true;
+  }
+}
+
+// RFC 3986 query characters: unreserved, sub-delimiters, ":", "@", "/", "?".
+bool isQueryCharacter(unsigned char c) {
+  static constexpr std::string_view kPunctuation = "-._~!$&'()*+,;=:@/?";
+  if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')) return true;
+  return kPunctuation.find(static_cast<char>(c)) != std::string_view::npos;
+}
+
+// "&" is a query character yet would split the pair, so it is escaped too.
+// Slashes stay readable only under "ul"; that exemption is deliberate.
+std::string encodeString(const std::string& value, bool keepSlashes) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(value.size());
+  for (unsigned char c : value) {
+    if (c == '&') {
+      out += "%26";
+    } else if (c == '/' && !keepSlashes) {
+      out += "%2F";
+    } else if (isQueryCharacter(c)) {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 0xF];
+    }
+  }
+  return out;
+}
+
+// Not JSON, but readable: the form a number prints itself in.
+std::string floatText(double d) {
+  if (std::isnan(d)) return "nan";
+  if (std::isinf(d)) return d > 0 ? "inf" : "-inf";
+  return QVValue(d).dump();
+}
+
+std::string valueText(const std::string& key, const QVValue& value) {
+  switch (value.type()) {
+    case QVValue::value_t::string:
+      return encodeString(value.get_ref<const std::string&>(), key == "ul");
+    case QVValue::value_t::boolean:
+      return value.get<bool>() ? "1" : "0";
+    case QVValue::value_t::null:
+      return "<null>";
+    case QVValue::value_t::number_float:
+      return floatText(value.get<double>());
+    default:
+      // Numbers, and nested containers as readable, deterministic JSON.
+      return value.dump(-1, ' ', false, QVValue::error_handler_t::replace);
+  }
+}
+
+}  // namespace
+
+std::string QVCoreExtensions::toJson(const QVValue& dict) {
+  if (!dict.is_object() || !isJsonCapable(dict)) return "";
+  try {
+    // The writer never escapes "/", so there is no "\/" to undo here.
+    return dict.dump();
+  } catch (const QVValue::exception&) {
+    return "";  // text that is not UTF-8
+  }
+}
+
+std::string QVCoreExtensions::urlEncodedString(const QVValue& dict) {
+  if (!dict.is_object()) return "";
+  std::string result;
+  for (auto it = dict.begin(); it != dict.end(); ++it) {
+    if (!result.empty()) result += '&';
+    result += it.key();
+    result += '=';
+    result += valueText(it.key(), it.value());
+  }
+  return result;
+}
+
+}  // namespace qv

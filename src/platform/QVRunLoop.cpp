@@ -1,0 +1,265 @@
+#include "qvcore/platform/QVRunLoop.h"
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+
+#if defined(__linux__)
+#include <unistd.h>
+#endif
+
+#include "platform/QVTimerQueue.h"
+#include "qvcore/platform/QVRealClock.h"
+
+namespace qv {
+namespace {
+
+// How often runUntil looks at a predicate that another thread may change.
+constexpr std::chrono::milliseconds kPredicateRecheck{5};
+
+// The loop that the calling thread is pumping right now, if any.
+thread_local QVRunLoop* tlsPumping = nullptr;
+// The loop of a thread that has no other, made on first use.
+thread_local std::unique_ptr<QVRunLoop> tlsOwnLoop;
+
+#if !defined(__linux__)
+// Static initialisation runs on the main thread unless the library is loaded
+// late from another one; Linux asks the kernel instead.
+const std::thread::id gInitialThread = std::this_thread::get_id();
+#endif
+
+bool isMainThread() {
+#if defined(__linux__)
+  return ::gettid() == ::getpid();
+#else
+  return std::this_thread::get_id() == gInitialThread;
+#endif
+}
+
+}  // namespace
+
+struct QVRunLoop::Impl : std::enable_shared_from_this<Impl> {
+  explicit Impl(std::shared_ptr<QVClock> c) : clock(std::move(c)) {}
+  ~Impl() { clock->removeListener(listenerId); }
+
+  void submit(Task task);
+  void schedule(TimePoint due, Task task);
+  void watchClock();
+  void releaseDue();
+  void arm();
+  std::optional<TimePoint> nextWake();
+
+  asio::io_context io{1};
+  asio::executor_work_guard<asio::io_context::executor_type> work = asio::make_work_guard(io);
+  asio::steady_timer wakeTimer{io};
+  // What wakeTimer waits for; touched only by the pumping thread.
+  TimePoint timerSetFor = TimePoint::max();
+  std::atomic<size_t> tasksRun{0};
+
+  mutable std::mutex mutex;
+  std::shared_ptr<QVClock> clock;         // guarded by mutex
+  QVClock::ListenerId listenerId = 0;     // guarded by mutex
+  QVTimerQueue delayed;                   // guarded by mutex
+  TimePoint armedFor = TimePoint::max();  // guarded by mutex
+};
+
+void QVRunLoop::Impl::submit(Task task) {
+  // Handlers capture the raw pointer: they run or die inside io, which this
+  // object owns.
+  asio::post(io, [this, task = std::move(task)] {
+    tasksRun.fetch_add(1, std::memory_order_relaxed);
+    task();
+  });
+}
+
+void QVRunLoop::Impl::schedule(TimePoint due, Task task) {
+  bool dueNow = false;
+  bool earlierWake = false;
+  {
+    std::lock_guard lock(mutex);
+    delayed.add(due, std::move(task));
+    dueNow = due <= clock->now();
+    earlierWake = clock->isSteady() && due < armedFor;
+    if (earlierWake) armedFor = due;
+  }
+  // The OS timer may be touched only by the pumping thread, so both paths go
+  // through the loop's own queue.
+  if (dueNow) {
+    asio::post(io, [this] { releaseDue(); });
+  } else if (earlierWake) {
+    asio::post(io, [this] { arm(); });
+  }
+}
+
+void QVRunLoop::Impl::watchClock() {
+  // A virtual clock says when it moves; the loop then releases what became
+  // due. The weak reference lets the loop die while a move is under way.
+  std::weak_ptr<Impl> weak = weak_from_this();
+  listenerId = clock->addListener([weak] {
+    if (auto self = weak.lock()) asio::post(self->io, [raw = self.get()] { raw->releaseDue(); });
+  });
+}
+
+void QVRunLoop::Impl::releaseDue() {
+  std::vector<Task> due;
+  {
+    std::lock_guard lock(mutex);
+    due = delayed.takeDue(clock->now());
+  }
+  for (auto& task : due) submit(std::move(task));
+  arm();
+}
+
+std::optional<QVRunLoop::TimePoint> QVRunLoop::Impl::nextWake() {
+  std::lock_guard lock(mutex);
+  std::optional<TimePoint> next;
+  if (clock->isSteady()) next = delayed.earliest();
+  armedFor = next.value_or(TimePoint::max());
+  return next;
+}
+
+void QVRunLoop::Impl::arm() {
+  const TimePoint next = nextWake().value_or(TimePoint::max());
+  // Re-arming cancels the pending wait, which wakes the loop once more; doing
+  // it only on a change lets runUntilIdle settle.
+  if (next == timerSetFor) return;
+  timerSetFor = next;
+  if (next == TimePoint::max()) {
+    wakeTimer.cancel();
+    return;
+  }
+  wakeTimer.expires_at(next);
+  wakeTimer.async_wait([this](const std::error_code& error) {
+    if (error) return;  // replaced by a newer wait
+    timerSetFor = TimePoint::max();
+    releaseDue();
+  });
+}
+
+namespace {
+
+// Marks the calling thread as the pumper of a loop for the span of a pump,
+// and readies a stopped loop for the next one.
+class PumpScope {
+ public:
+  PumpScope(QVRunLoop* loop, asio::io_context& io) : previous_(tlsPumping), io_(io) {
+    tlsPumping = loop;
+  }
+  ~PumpScope() {
+    tlsPumping = previous_;
+    if (io_.stopped()) io_.restart();
+  }
+  PumpScope(const PumpScope&) = delete;
+  PumpScope& operator=(const PumpScope&) = delete;
+
+ private:
+  QVRunLoop* previous_;
+  asio::io_context& io_;
+};
+
+}  // namespace
+
+QVRunLoop::QVRunLoop() : QVRunLoop(nullptr) {}
+
+QVRunLoop::QVRunLoop(std::shared_ptr<QVClock> clock)
+    : impl_(std::make_shared<Impl>(clock ? std::move(clock) : QVRealClock::shared())) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->watchClock();
+}
+
+QVRunLoop::~QVRunLoop() = default;
+
+QVRunLoop& QVRunLoop::main() {
+  // Never destroyed: tasks and timers may still reach it during exit.
+  static auto* loop = new QVRunLoop;
+  return *loop;
+}
+
+QVRunLoop& QVRunLoop::current() {
+  if (tlsPumping) return *tlsPumping;
+  if (isMainThread()) return main();
+  if (!tlsOwnLoop) tlsOwnLoop = std::make_unique<QVRunLoop>();
+  return *tlsOwnLoop;
+}
+
+bool QVRunLoop::isCurrent() const {
+  if (tlsPumping) return tlsPumping == this;
+  if (isMainThread()) return &main() == this;
+  return tlsOwnLoop.get() == this;
+}
+
+void QVRunLoop::post(Task task) { impl_->submit(std::move(task)); }
+
+void QVRunLoop::postAfter(Duration delay, Task task) {
+  postAt(QVTimerQueue::later(clock()->now(), delay), std::move(task));
+}
+
+void QVRunLoop::postAt(TimePoint due, Task task) { impl_->schedule(due, std::move(task)); }
+
+std::shared_ptr<QVClock> QVRunLoop::clock() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->clock;
+}
+
+void QVRunLoop::setClock(std::shared_ptr<QVClock> clock) {
+  if (!clock) clock = QVRealClock::shared();
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->clock->removeListener(impl_->listenerId);
+    impl_->delayed.shift(clock->now() - impl_->clock->now());
+    impl_->clock = std::move(clock);
+    impl_->armedFor = TimePoint::max();
+    impl_->watchClock();
+  }
+  asio::post(impl_->io, [impl = impl_.get()] { impl->releaseDue(); });
+}
+
+void QVRunLoop::run() {
+  PumpScope scope(this, impl_->io);
+  impl_->io.run();
+}
+
+void QVRunLoop::stop() { impl_->io.stop(); }
+
+size_t QVRunLoop::runFor(Duration limit) {
+  const size_t before = impl_->tasksRun.load();
+  {
+    PumpScope scope(this, impl_->io);
+    impl_->io.run_for(limit);
+  }
+  return impl_->tasksRun.load() - before;
+}
+
+size_t QVRunLoop::runUntilIdle() {
+  const size_t before = impl_->tasksRun.load();
+  {
+    PumpScope scope(this, impl_->io);
+    // Releasing by hand covers a virtual clock moved before the loop heard,
+    // and a real-clock task whose OS timer has not fired yet.
+    do {
+      impl_->releaseDue();
+    } while (impl_->io.poll() > 0);
+  }
+  return impl_->tasksRun.load() - before;
+}
+
+bool QVRunLoop::runUntil(const std::function<bool()>& predicate, Duration timeout) {
+  PumpScope scope(this, impl_->io);
+  const auto deadline = QVTimerQueue::later(std::chrono::steady_clock::now(), timeout);
+  while (!predicate()) {
+    const auto left = deadline - std::chrono::steady_clock::now();
+    if (left <= Duration::zero() || impl_->io.stopped()) return false;
+    impl_->io.run_one_for(std::min<Duration>(left, kPredicateRecheck));
+  }
+  return true;
+}
+
+}  // namespace qv
