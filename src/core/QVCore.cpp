@@ -3,10 +3,11 @@
 #include <uuid/uuid.h>
 
 #include <algorithm>
-#include <cctype>
 #include <exception>
 
+#include "qvcore/config/QVConfigService.h"
 #include "qvcore/model/QVMessage.h"
+#include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 
@@ -16,6 +17,8 @@ namespace {
 const char* const kNetworkChangeNotification =
     "kQVEnvironmentalServiceDidPostNetworkChangeNotification";
 }  // namespace
+
+QV_REGISTER_MODULE(QVCore);
 
 std::shared_ptr<QVCore> QVCore::sharedInstance() {
   // Never destroyed: modules and the crash hook may reach the core while the
@@ -37,10 +40,15 @@ bool QVCore::enable() {
   return enabled_;
 }
 
-// The configuration, environmental and queue services start here in that
-// order, each only when the one before it started. None of them is part of
-// this build yet, so the core cannot report itself enabled.
-bool QVCore::startCoreServices() { return false; }
+// Each service starts only when the one before it started.
+bool QVCore::startCoreServices() {
+  auto config = QVConfigService::sharedInstance();
+  if (!config->enable()) return false;
+  if (!config->loadConfig(sharedInstance())) return false;
+  // The environmental and queue services start here, in that order, once
+  // they are part of the build; until then the core cannot be enabled.
+  return false;
+}
 
 void QVCore::observeNetworkChanges() {
   // Registered again on every enable and never removed, so repeated enables
@@ -68,10 +76,10 @@ bool QVCore::sleepSystem() {
   if (auto registry = classReferences()) {
     for (const auto& [name, module] : *registry) result = disableModule(name) && result;
   }
-  // The queue and configuration services are stopped here, unconditionally,
-  // once they are part of the build; until then stopping them cannot succeed.
+  // The queue service is stopped here, before the configuration service, once
+  // it is part of the build; until then stopping it cannot succeed.
   const bool queueStopped = false;
-  const bool configStopped = false;
+  const bool configStopped = QVConfigService::sharedInstance()->disable();
   return result && queueStopped && configStopped;
 }
 
@@ -102,9 +110,9 @@ bool QVCore::startModule(const std::string& name) {
   auto module = lifecycleObjectForName(name);
   if (!module) return false;
   if (!module->isEnabled() && !module->enable()) return false;
-  // The module is registered once its configuration has loaded; the
-  // configuration service is not part of this build yet, so a started module
-  // stays unregistered, as one without configuration files does.
+  // A module without configuration is started but deliberately left out of
+  // the registry: it is then not reached by sleep, wake or the crash hook.
+  if (QVConfigService::sharedInstance()->loadConfig(module)) registerModule(name, module);
   return true;
 }
 
@@ -123,8 +131,9 @@ std::shared_ptr<QVLifecycleObject> QVCore::registeredModule(const std::string& n
 
 void QVCore::registerModule(const std::string& name, std::shared_ptr<QVLifecycleObject> module) {
   std::lock_guard lock(registryMutex_);
-  if (!classReferences_) classReferences_ = std::make_shared<ModuleRegistry>();
-  (*classReferences_)[name] = std::move(module);
+  // Before the first enable and after a full disable there is no registry,
+  // and a started module is not recorded anywhere.
+  if (classReferences_) (*classReferences_)[name] = std::move(module);
 }
 
 std::shared_ptr<QVLifecycleObject> QVCore::lifecycleObjectForName(const std::string& name) const {
@@ -157,10 +166,12 @@ bool QVCore::canPostMessage(const QVMessage* message) const {
     // The level is compared as an unsigned 32-bit value widened to 64 bits.
     const auto level = static_cast<uint32_t>(message->logLevel());
     if (level == 0) return false;
-    // The limit is the raw "PostMessageLevelWiFi" or "PostMessageLevelCellular"
-    // item of the core's configuration; without the configuration service no
-    // item exists and a missing item lets nothing pass.
-    const int64_t limit = 0;
+    // The raw item, not the defaulted accessor: a missing limit is 0 and lets
+    // nothing pass.
+    const char* key = isConnectedViaWifi() ? "PostMessageLevelWiFi" : "PostMessageLevelCellular";
+    const auto item =
+        QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(key, sharedInstance());
+    const int64_t limit = item ? QVValues::integerValue(*item) : 0;
     return static_cast<int64_t>(level) <= limit;
   } catch (const std::exception&) {
     return false;
@@ -197,10 +208,32 @@ int64_t QVCore::getCurrentSessionStartTimeforModuleName(const std::string& name)
   return 0;
 }
 
+bool QVCore::isConnectedViaWifi() const {
+  // The environmental service answers this once it is part of the build.
+  return false;
+}
+
+int64_t QVCore::currentNetworkStatus() const {
+  // 0 (unknown) until the environmental service is part of the build.
+  return 0;
+}
+
 void QVCore::networkConnectivityHasChanged(const QVNotification&) {
-  // Without the environmental service the network status reads as unknown,
-  // which maps to level 1.
-  currentLoggingLevel_ = 1;
+  auto config = QVConfigService::sharedInstance();
+  std::optional<QVValue> value;
+  switch (currentNetworkStatus()) {
+    case 3:
+      // Deliberately 2, not the cellular accessor's default of 3.
+      value = config->getNumberItemForWithDefaultForModule("PostMessageLevelCellular", 2,
+                                                           sharedInstance());
+      break;
+    case 2:
+      value = config->postMessageLevelWifi();
+      break;
+    default:
+      value = 1;
+  }
+  currentLoggingLevel_ = value ? static_cast<int32_t>(QVValues::integerValue(*value)) : 1;
 }
 
 std::optional<QVCore::ModuleRegistry> QVCore::classReferences() const {
@@ -209,7 +242,81 @@ std::optional<QVCore::ModuleRegistry> QVCore::classReferences() const {
   return *classReferences_;
 }
 
-std::string QVCore::settingsBundlePath() const { return {}; }
+std::string QVCore::settingsBundlePath() const { return QVBundle::coreSettingsBundlePath(); }
+
+std::optional<QVValue> QVCore::getConfigItemForModuleName(const std::string& key,
+                                                          const std::string& name) const {
+  try {
+    auto module = lifecycleObjectForName(name);
+    if (!module) return std::nullopt;
+    return QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(key, module);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+std::optional<QVValue> QVCore::getConfigItemAsNumberForModuleName(const std::string& key,
+                                                                  const std::string& name) const {
+  auto item = getConfigItemForModuleName(key, name);
+  if (item && QVValues::isNumber(*item)) return item;
+  return std::nullopt;
+}
+
+std::optional<QVValue> QVCore::getConfigItemAsStringForModuleName(const std::string& key,
+                                                                  const std::string& name) const {
+  auto item = getConfigItemForModuleName(key, name);
+  if (item && item->is_string()) return item;
+  return std::nullopt;
+}
+
+bool QVCore::getConfigItemAsBoolWithDefaultForModuleName(const std::string& key, bool defaultValue,
+                                                         const std::string& name) const {
+  try {
+    auto module = lifecycleObjectForName(name);
+    if (!module) return defaultValue;
+    auto item = QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(key, module);
+    return item && QVValues::isNumber(*item) ? QVValues::boolValue(*item) : defaultValue;
+  } catch (const std::exception&) {
+    return defaultValue;
+  }
+}
+
+bool QVCore::updateConfigForModuleNameWithData(const std::string& name, const QVValue& items) {
+  if (isEnabled()) {
+    return QVConfigService::sharedInstance()->updateConfigWithData(lifecycleObjectForName(name),
+                                                                   items);
+  }
+  if (!items.is_object()) return false;
+  {
+    std::lock_guard lock(tempConfigMutex_);
+    QVValues::addEntriesFromDictionary(tempConfigDict_[name], items);
+  }
+  // Kept for the module's next load all the same.
+  return false;
+}
+
+bool QVCore::reloadConfigForModuleName(const std::string& name) {
+  auto module = lifecycleObjectForName(name);
+  if (!module) return false;
+  auto config = QVConfigService::sharedInstance();
+  config->unloadConfig(module);
+  return config->loadConfig(module);
+}
+
+std::optional<QVValue> QVCore::defaultLogLevel() const {
+  // Raw, without the accessor's default.
+  return getConfigItemAsNumberForModuleName("LoggingLevel", className());
+}
+
+QVValue QVCore::loggingLevel() const { return QVConfigService::sharedInstance()->loggingLevel(); }
+
+bool QVCore::isDynamicConfigurationEnabled() const {
+  return QVConfigService::sharedInstance()->isDynamicConfigurationEnabled();
+}
+
+bool QVCore::isManualPostEnabled() const {
+  return QVConfigService::sharedInstance()->isManualPostingEnabled();
+}
 
 QVValue QVCore::tempConfigDict() const {
   std::lock_guard lock(tempConfigMutex_);

@@ -7,9 +7,11 @@
 #include <set>
 
 #include "QVShellModule.h"
+#include "qvcore/core/QVApplicationHelper.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVApplicationContextMessage.h"
 #include "qvcore/model/QVMessage.h"
+#include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVRunLoop.h"
 
 namespace qv::shell {
@@ -77,11 +79,48 @@ std::optional<std::string> sessionOption(const QVShellLine& line) { return line.
 QVShell::QVShell() {
   addCoreCommands();
   addMessageCommands();
+  addConfigCommands();
   addMiscCommands();
 }
 
 void QVShell::addCommand(const std::string& name, Handler handler) {
   commands_[name] = std::move(handler);
+}
+
+void QVShell::addConfigCommands() {
+  addCommand("bundles", [](const QVShellLine& line) {
+    expectArguments(line, 1, 1);
+    QVBundle::addSearchPath(line.positional()[0].value);
+    return std::string("ok");
+  });
+  addCommand("main-bundle", [](const QVShellLine& line) {
+    expectArguments(line, 1, 1);
+    QVBundle::setMainBundlePath(line.positional()[0].value);
+    return std::string("ok");
+  });
+  addCommand("config", [](const QVShellLine& line) {
+    expectArguments(line, 2, 4);
+    const std::string& action = line.positional()[0].value;
+    const std::string& module = line.positional()[1].value;
+    const size_t count = line.positional().size();
+    auto core = QVCore::sharedInstance();
+    if (action == "get" && count == 3) {
+      auto item = core->getConfigItemForModuleName(line.positional()[2].value, module);
+      return item ? item->dump() : std::string("none");
+    }
+    if (action == "set" && count == 4) {
+      return boolText(QVApplicationHelper::sharedInstance()->setConfigItemValueForModuleName(
+          line.positional()[2].value, parseJson(line.restOfLine(3), "config set"), module));
+    }
+    if (action == "update" && count == 3) {
+      return boolText(core->updateConfigForModuleNameWithData(
+          module, parseJson(line.restOfLine(2), "config update")));
+    }
+    if (action == "reload" && count == 2) return boolText(core->reloadConfigForModuleName(module));
+    throw QVShellError(
+        "config: expected get MODULE KEY, set MODULE KEY JSON, update MODULE JSON "
+        "or reload MODULE");
+  });
 }
 
 void QVShell::addCoreCommands() {
@@ -214,6 +253,8 @@ value, or ok. A failed command prints "error: ..." on standard error; the exit
 status is 1 when any command failed.
 
 Commands:
+  bundles DIR                 add a folder to the bundle search path
+  main-bundle DIR             the host application's bundle (with Info.plist)
   module NAME BUNDLE_DIR      define a module class NAME with its settings bundle
   enable | disable            start or stop the core
   sleep-system | wake-system  stop or restart the core services and modules
@@ -225,6 +266,10 @@ Commands:
                [referrer-klass=TEXT] [session=ID] [level=N]
                               post an application-context message
   flush                       ask for a flush of every queue
+  config get MODULE KEY       a configuration item as JSON, or none
+  config set MODULE KEY JSON  set an item as a module does
+  config update MODULE JSON   merge items into a module's configuration
+  config reload MODULE        read a module's files again
   run SECONDS                 run the main run loop that long
   session-id                  the core's session identifier
   echo TEXT                   print TEXT

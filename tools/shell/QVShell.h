@@ -35,6 +35,7 @@ class QVShell {
   void addCommand(const std::string& name, Handler handler);
   void addCoreCommands();
   void addMessageCommands();
+  void addConfigCommands();
   void addMiscCommands();
 
   std::map<std::string, Handler> commands_;

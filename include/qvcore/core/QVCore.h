@@ -62,6 +62,25 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   int32_t currentLoggingLevel() const { return currentLoggingLevel_.load(); }
   std::string frameworkVersion() const { return "2.0.0.81"; }
 
+  // Configuration of modules by name. Reads of a module that cannot be found
+  // give none (or the default); see QVApplicationHelper for the checked front.
+  std::optional<QVValue> getConfigItemForModuleName(const std::string& key,
+                                                    const std::string& name) const;
+  std::optional<QVValue> getConfigItemAsNumberForModuleName(const std::string& key,
+                                                            const std::string& name) const;
+  std::optional<QVValue> getConfigItemAsStringForModuleName(const std::string& key,
+                                                            const std::string& name) const;
+  bool getConfigItemAsBoolWithDefaultForModuleName(const std::string& key, bool defaultValue,
+                                                   const std::string& name) const;
+  // While the core is not enabled the items are kept for the module's next
+  // load and the answer is false.
+  bool updateConfigForModuleNameWithData(const std::string& name, const QVValue& items);
+  bool reloadConfigForModuleName(const std::string& name);
+  std::optional<QVValue> defaultLogLevel() const;
+  QVValue loggingLevel() const;
+  bool isDynamicConfigurationEnabled() const;
+  bool isManualPostEnabled() const;
+
   // Items handed in before the core was enabled: module name to a dictionary
   // of pending items. Reads and writes of the whole dictionary are atomic.
   QVValue tempConfigDict() const;
@@ -80,6 +99,8 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   std::shared_ptr<QVLifecycleObject> registeredModule(const std::string& name) const;
   void registerModule(const std::string& name, std::shared_ptr<QVLifecycleObject> module);
   bool startCoreServices();
+  bool isConnectedViaWifi() const;
+  int64_t currentNetworkStatus() const;
   void observeNetworkChanges();
 
   std::atomic<bool> enabled_{false};

@@ -1,0 +1,467 @@
+#include "qvcore/config/QVConfigService.h"
+
+#include <cctype>
+#include <condition_variable>
+#include <thread>
+#include <unordered_map>
+
+#include "config/QVConfigJSONReader.h"
+#include "qvcore/config/QVConfigKeys.h"
+#include "qvcore/core/QVConfigurationSaver.h"
+#include "qvcore/core/QVCore.h"
+#include "qvcore/platform/QVBundle.h"
+#include "qvcore/platform/QVFileSystem.h"
+#include "qvcore/platform/QVPropertyList.h"
+
+namespace qv {
+
+namespace {
+
+namespace keys = QVConfigKeys;
+
+// The one-time guard of sharedInstance. Making the service loads its own
+// configuration, which asks QVCore for pending items, and QVCore may come
+// back here; std::call_once or a function-local static would deadlock on
+// that re-entry. The thread that is making the instance gets it at once,
+// other threads wait until it is complete.
+struct ServiceSingleton {
+  std::atomic<bool> complete{false};
+  std::mutex mutex;
+  std::condition_variable completed;
+  std::shared_ptr<QVConfigService> instance;
+  std::thread::id maker;
+};
+
+ServiceSingleton& serviceSingleton() {
+  // Never destroyed: modules may read configuration during static destruction.
+  static auto* singleton = new ServiceSingleton;
+  return *singleton;
+}
+
+void markComplete(ServiceSingleton& s) {
+  std::lock_guard lock(s.mutex);
+  s.complete.store(true, std::memory_order_release);
+  s.completed.notify_all();
+}
+
+// Copies every entry of from into to, replacing same-named keys. The ordered
+// dictionary finds keys by a linear scan, so large merges go through an index.
+void mergeEntries(QVValue& to, const QVValue& from) {
+  if (!from.is_object() || from.empty() || !to.is_object()) return;
+  auto& entries = static_cast<QVValue::object_t::Container&>(to.get_ref<QVValue::object_t&>());
+  std::unordered_map<std::string, std::size_t> position;
+  position.reserve(entries.size() + from.size());
+  for (std::size_t i = 0; i < entries.size(); ++i) position.emplace(entries[i].first, i);
+  for (auto it = from.begin(); it != from.end(); ++it) {
+    auto [found, added] = position.emplace(it.key(), entries.size());
+    if (added) {
+      entries.emplace_back(it.key(), it.value());
+    } else {
+      entries[found->second].second = it.value();
+    }
+  }
+}
+
+bool endsWith(const std::string& text, std::string_view suffix) {
+  return text.size() >= suffix.size() &&
+         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The boolean value of an item of any type, as the platform's number and
+// string classes answer it. Strings: leading blanks, a sign and zeros are
+// skipped, then "Y", "y", "T", "t" or a digit 1 to 9 means true. Other types
+// have no boolean value; asking for one is an error, which reads as false.
+bool anyBoolValue(const QVValue& item) {
+  if (QVValues::isNumber(item)) return QVValues::boolValue(item);
+  if (!item.is_string()) return false;
+  const std::string& text = item.get_ref<const std::string&>();
+  std::size_t i = 0;
+  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
+  while (i < text.size() && text[i] == '0') ++i;
+  if (i == text.size()) return false;
+  const char c = text[i];
+  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
+}  // namespace
+
+std::shared_ptr<QVConfigService> QVConfigService::sharedInstance() {
+  ServiceSingleton& s = serviceSingleton();
+  if (s.complete.load(std::memory_order_acquire)) return s.instance;
+  std::unique_lock lock(s.mutex);
+  if (s.instance) {
+    if (s.maker != std::this_thread::get_id()) {
+      s.completed.wait(lock, [&] { return s.complete.load(); });
+    }
+    return s.instance;
+  }
+  s.instance = std::shared_ptr<QVConfigService>(new QVConfigService);
+  s.maker = std::this_thread::get_id();
+  std::shared_ptr<QVConfigService> instance = s.instance;
+  lock.unlock();
+  struct Completion {
+    ServiceSingleton& s;
+    ~Completion() { markComplete(s); }
+  } completion{s};
+  // The service's own configuration comes from the core's settings bundle.
+  instance->loadConfig(instance);
+  return instance;
+}
+
+QVConfigService::QVConfigService() = default;
+QVConfigService::~QVConfigService() = default;
+
+bool QVConfigService::enable() {
+  enabled_ = true;
+  return true;
+}
+
+bool QVConfigService::disable() {
+  enabled_ = false;
+  return true;
+}
+
+std::string QVConfigService::settingsBundlePath() const {
+  return QVBundle::coreSettingsBundlePath();
+}
+
+// ---- loading ------------------------------------------------------------------
+
+bool QVConfigService::loadConfig(const ModuleRef& module) {
+  if (!module) return false;
+  try {
+    const std::string name = module->className();
+    if (storedConfig(name)) return true;
+    std::optional<QVValue> merged = mergedFileConfig(module->settingsBundlePath());
+    if (!merged) return false;
+    const QVValue pending = QVCore::sharedInstance()->takeTempConfigForModuleName(name);
+    mergeEntries(*merged, pending);
+    if (merged->empty()) return false;
+    return storeLoadedConfig(name, std::move(*merged), pending);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// The three files of the bundle merged in order; none when one of them is
+// well formed but not a dictionary. A module without a bundle folder has no
+// files (an empty path is not taken to mean the current folder).
+std::optional<QVValue> QVConfigService::mergedFileConfig(const std::string& path) const {
+  QVValue merged = QVValue::object();
+  if (path.empty()) return merged;
+  const std::optional<QVValue> sources[] = {basicPlistFileConfig(path), jsonConfigForBundle(path),
+                                            layoutJsonConfigForBundle(path)};
+  for (const std::optional<QVValue>& source : sources) {
+    if (!source) continue;  // Malformed or unreadable: adds nothing.
+    if (!source->is_object()) return std::nullopt;
+    mergeEntries(merged, *source);
+  }
+  return merged;
+}
+
+bool QVConfigService::storeLoadedConfig(const std::string& name, QVValue merged,
+                                        const QVValue& pending) {
+  std::lock_guard lock(dataMutex_);
+  auto it = configurations_.find(name);
+  if (it != configurations_.end() && it->second) {
+    // A load on another thread stored the same files first; the pending
+    // items went to this load alone, so they are applied to that dictionary.
+    mergeEntries(*it->second, pending);
+    return true;
+  }
+  configurations_[name] = std::make_shared<QVValue>(std::move(merged));
+  return true;
+}
+
+void QVConfigService::unloadConfig(const ModuleRef& module) {
+  if (!module) return;
+  const std::string name = module->className();
+  std::lock_guard lock(dataMutex_);
+  configurations_.erase(name);
+}
+
+std::string QVConfigService::configFilePath(const std::string& path, const char* baseName) const {
+  if (path.empty()) return "";
+  return QVFileSystem::stringByAppendingPathComponent(path,
+                                                      prefixForModuleBundleName(path) + baseName);
+}
+
+std::optional<QVValue> QVConfigService::basicPlistFileConfig(const std::string& path) const {
+  const std::string file = configFilePath(path, keys::kBasicConfigFile);
+  if (!fileExistsAtFullPath(file)) return std::nullopt;
+  return QVPropertyList::propertyListWithContentsOfFile(file);
+}
+
+QVValue QVConfigService::plistConfigForBundle(const std::string& path) const {
+  try {
+    std::optional<QVValue> plist = basicPlistFileConfig(path);
+    if (plist && plist->is_object()) return std::move(*plist);
+  } catch (const std::exception&) {
+  }
+  return QVValue::object();
+}
+
+std::optional<QVValue> QVConfigService::jsonFileConfig(const std::string& path,
+                                                       const char* baseName) const {
+  try {
+    const std::string file = configFilePath(path, baseName);
+    if (!fileExistsAtFullPath(file)) return QVValue::object();
+    return QVConfigJSONReader::jsonWithContentsOfFile(file);
+  } catch (const std::exception&) {
+    return QVValue::object();
+  }
+}
+
+std::optional<QVValue> QVConfigService::jsonConfigForBundle(const std::string& path) const {
+  return jsonFileConfig(path, keys::kAdvancedConfigFile);
+}
+
+std::optional<QVValue> QVConfigService::layoutJsonConfigForBundle(const std::string& path) const {
+  if (prefixForModuleBundleName(path) != "Brevant") return QVValue::object();
+  return jsonFileConfig(path, keys::kLayoutConfigFile);
+}
+
+std::string QVConfigService::prefixForModuleBundleName(const std::string& path) const {
+  if (endsWith(path, "BRVResources.bundle")) return "Brevant";
+  if (endsWith(path, "TestModuleResources.bundle")) return "Brevant";
+  if (endsWith(path, "QVCoreSettings.bundle")) return "QVCore";
+  return "";
+}
+
+bool QVConfigService::fileExistsAtFullPath(const std::string& path) const {
+  return QVFileSystem::isFileAtPath(path);
+}
+
+QVConfigService::Configurations QVConfigService::configurations() const {
+  std::lock_guard lock(dataMutex_);
+  return configurations_;
+}
+
+void QVConfigService::setConfigurations(Configurations configurations) {
+  std::lock_guard lock(dataMutex_);
+  configurations_ = std::move(configurations);
+}
+
+// ---- reading and changing items ----------------------------------------------
+
+QVDictionaryRef QVConfigService::storedConfig(const std::string& name) const {
+  std::lock_guard lock(dataMutex_);
+  auto it = configurations_.find(name);
+  return it == configurations_.end() ? nullptr : it->second;
+}
+
+QVDictionaryRef QVConfigService::getConfig(const ModuleRef& module) {
+  if (!module) return nullptr;
+  try {
+    const std::string name = module->className();
+    if (QVDictionaryRef config = storedConfig(name)) return config;
+    if (!loadConfig(module)) return nullptr;
+    return storedConfig(name);
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+std::optional<QVValue> QVConfigService::getConfigItemForLifecycleObject(const std::string& key,
+                                                                        const ModuleRef& module) {
+  try {
+    QVDictionaryRef config = getConfig(module);
+    if (!config) return std::nullopt;
+    std::lock_guard lock(dataMutex_);
+    std::optional<QVValue> item = QVValues::objectForKey(*config, key);
+    if (!item || item->is_null()) return std::nullopt;
+    return item;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+bool QVConfigService::updateConfigWithData(const ModuleRef& module, const QVValue& items) {
+  QVDictionaryRef config = getConfig(module);
+  if (!config) return false;
+  if (items.is_null()) return true;  // No dictionary: nothing to add.
+  if (!items.is_object()) return false;
+  try {
+    std::lock_guard lock(dataMutex_);
+    mergeEntries(*config, items);
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool QVConfigService::setConfigItemForKeyWithValueForModule(const std::string& key,
+                                                            const std::optional<QVValue>& value,
+                                                            const ModuleRef& module) {
+  try {
+    std::lock_guard persisting(configurationsLock_);
+    QVDictionaryRef config = getConfig(module);
+    if (key.empty() || !config || !value) return false;
+    if (!QVValues::isString(*value) && !QVValues::isNumber(*value)) return false;
+    {
+      std::lock_guard lock(dataMutex_);
+      QVValues::setValueForKey(*config, key, *value);
+    }
+    return saveCurrentConfigurableItemsForLifeCycleObject(config, module);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+QVDictionaryRef QVConfigService::currentConfigurableItemsForLifecycleObject(
+    const ModuleRef& module) {
+  return getConfig(module);
+}
+
+bool QVConfigService::saveCurrentConfigurableItemsForLifeCycleObject(const QVDictionaryRef& items,
+                                                                     const ModuleRef& module) {
+  auto* saver = dynamic_cast<QVConfigurationSaver*>(module.get());
+  if (!saver || !items || !items->is_object()) return false;
+  try {
+    const std::string name = module->className();
+    std::lock_guard persisting(configurationsLock_);
+    QVValue snapshot;
+    {
+      std::lock_guard lock(dataMutex_);
+      configurations_[name] = items;
+      snapshot = *items;
+    }
+    // The module saves a copy, so that updates on other threads cannot
+    // change the dictionary under it while it writes.
+    return saver->saveCurrentConfigurableItems(snapshot);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// ---- typed readers -----------------------------------------------------------
+
+bool QVConfigService::getConfigItemAsBoolWithDefaultForModuleName(const std::string& key,
+                                                                  bool defaultValue,
+                                                                  const ModuleRef& module) {
+  if (!module) return defaultValue;
+  try {
+    std::optional<QVValue> item = getConfigItemForLifecycleObject(key, module);
+    if (item && QVValues::isNumber(*item)) return QVValues::boolValue(*item);
+  } catch (const std::exception&) {
+  }
+  return defaultValue;
+}
+
+QVValue QVConfigService::getNumberItemForWithDefaultForModule(const std::string& key,
+                                                              const QVValue& defaultValue,
+                                                              const ModuleRef& module) {
+  try {
+    std::optional<QVValue> item = getConfigItemForLifecycleObject(key, module);
+    if (item && QVValues::isNumber(*item)) return std::move(*item);
+  } catch (const std::exception&) {
+  }
+  return defaultValue;
+}
+
+// ---- accessors of the core's configuration -------------------------------------
+
+std::optional<QVValue> QVConfigService::coreItem(const char* key) {
+  return getConfigItemForLifecycleObject(key, QVCore::sharedInstance());
+}
+
+bool QVConfigService::coreBool(const char* key, bool defaultValue) {
+  return getConfigItemAsBoolWithDefaultForModuleName(key, defaultValue, QVCore::sharedInstance());
+}
+
+QVValue QVConfigService::coreNumber(const char* key, const QVValue& defaultValue) {
+  return getNumberItemForWithDefaultForModule(key, defaultValue, QVCore::sharedInstance());
+}
+
+bool QVConfigService::isManualPostingEnabled() { return coreBool(keys::kManualPostEnabled, true); }
+
+// Deliberately not the typed reader: a missing item means on, and a present
+// item of any type gives its own boolean value (a string is interpreted, not
+// replaced by the default). Any failure means off.
+bool QVConfigService::isCompressPostMessageEnabled() {
+  try {
+    std::optional<QVValue> item = coreItem(keys::kCompressPostMessage);
+    return !item || anyBoolValue(*item);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+QVValue QVConfigService::cachingLevel() { return coreNumber(keys::kCachingLevel, 3); }
+
+bool QVConfigService::isDoPostOnIntervalsEnabled() {
+  return coreBool(keys::kDoPostOnIntervals, true);
+}
+
+bool QVConfigService::isHasToPersistLocalCacheEnabled() {
+  return coreBool(keys::kHasToPersistLocalCache, true);
+}
+
+QVValue QVConfigService::loggingLevel() { return coreNumber(keys::kLoggingLevel, 3); }
+
+// The network-change handler of QVCore reads this key with a default of 2;
+// the accessor's 3 is the documented default for modules. Both are intended.
+QVValue QVConfigService::postMessageLevelCellular() {
+  return coreNumber(keys::kPostMessageLevelCellular, 3);
+}
+
+QVValue QVConfigService::postMessageLevelWifi() {
+  return coreNumber(keys::kPostMessageLevelWiFi, 3);
+}
+
+QVValue QVConfigService::postMessageTimeIntervals() {
+  return coreNumber(keys::kPostMessageTimeIntervals, 30);
+}
+
+// The lifecycle manager reads the four "DoPostApp..." keys raw, where a
+// missing item means off; the defaults here differ on purpose.
+bool QVConfigService::isDoPostAppComesFromBackgroundEnabled() {
+  return coreBool(keys::kDoPostAppComesFromBackground, false);
+}
+
+bool QVConfigService::isDoPostAppGoesToBackgroundEnabled() {
+  return coreBool(keys::kDoPostAppGoesToBackground, true);
+}
+
+bool QVConfigService::isDoPostAppGoesToCloseEnabled() {
+  return coreBool(keys::kDoPostAppGoesToClose, false);
+}
+
+bool QVConfigService::isDoPostAppIsLaunchedEnabled() {
+  return coreBool(keys::kDoPostAppIsLaunched, true);
+}
+
+bool QVConfigService::isDoPostOnScreenChangeEnabled() {
+  return coreBool(keys::kDoPostOnScreenChange, true);
+}
+
+bool QVConfigService::isDynamicConfigurationEnabled() {
+  return coreBool(keys::kDynamicConfigurationEnabled, true);
+}
+
+QVValue QVConfigService::cachedFileMaxBytesSize() {
+  return coreNumber(keys::kCachedFileMaxBytesSize, 512000);
+}
+
+QVValue QVConfigService::postMessageMaxBytesSize() {
+  return coreNumber(keys::kPostMessageMaxBytesSize, 200000);
+}
+
+QVValue QVConfigService::postMessageTimeout() { return coreNumber(keys::kPostMessageTimeout, 5); }
+
+QVValue QVConfigService::criticalBatteryLevel() {
+  return coreNumber(keys::kCriticalBatteryLevel, 0.2);
+}
+
+std::optional<QVValue> QVConfigService::libraryVersion() { return coreItem(keys::kLibraryVersion); }
+
+std::optional<QVValue> QVConfigService::messageVersion() { return coreItem(keys::kMessageVersion); }
+
+bool QVConfigService::turnOffCorrectOrientationUpdates() {
+  return coreBool(keys::kTurnOffCorrectOrientationUpdates, false);
+}
+
+QVValue QVConfigService::defaultOrientation() { return coreNumber(keys::kDefaultOrientation, 0); }
+
+}  // namespace qv
