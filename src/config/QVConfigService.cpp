@@ -10,6 +10,7 @@
 #include "qvcore/core/QVConfigurationSaver.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVBundle.h"
+#include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVPropertyList.h"
 
@@ -85,6 +86,8 @@ bool anyBoolValue(const QVValue& item) {
 }
 
 }  // namespace
+
+QV_REGISTER_MODULE(QVConfigService);
 
 std::shared_ptr<QVConfigService> QVConfigService::sharedInstance() {
   ServiceSingleton& s = serviceSingleton();

@@ -1,7 +1,5 @@
 #include "qvcore/core/QVCore.h"
 
-#include <uuid/uuid.h>
-
 #include <algorithm>
 #include <exception>
 
@@ -10,6 +8,7 @@
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVNotificationCenter.h"
+#include "qvcore/platform/QVUUID.h"
 
 namespace qv {
 
@@ -193,11 +192,7 @@ std::string QVCore::currentSessionID() {
 }
 
 std::string QVCore::generateUUID() const {
-  uuid_t uuid;
-  uuid_generate_random(uuid);
-  char text[37];
-  uuid_unparse_upper(uuid, text);
-  std::string id(text);
+  std::string id = QVUUID::randomUUIDString();
   id.erase(std::remove(id.begin(), id.end(), '-'), id.end());
   return id;
 }

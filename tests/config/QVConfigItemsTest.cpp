@@ -5,45 +5,40 @@
 
 #include "config/QVConfigTestSupport.h"
 #include "qvcore/config/QVConfigService.h"
+#include "qvcore/core/QVApplicationHelper.h"
+#include "qvcore/core/QVCore.h"
 
 namespace qv {
 namespace {
 
-using test::QVSavingModule;
-using test::QVTestModule;
+using ModuleRef = QVConfigService::ModuleRef;
 
 class QVConfigItemsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     folder_.write("S.bundle/AdvancedConfig.json", R"({"A": 1, "Gone": null, "L": [1]})");
-    saving_ = std::make_shared<QVSavingModule>("Saving", folder_.at("S.bundle"));
-    plain_ = std::make_shared<QVTestModule>("PlainItems", folder_.at("S.bundle"));
+    saving_ = std::make_shared<test::QVSavingModule>("Saving", folder_.at("S.bundle"));
   }
-  void TearDown() override {
-    service_->unloadConfig(saving_);
-    service_->unloadConfig(plain_);
-  }
-  std::optional<QVValue> item(const std::string& key, const QVConfigService::ModuleRef& m) {
+  void TearDown() override { service_->unloadConfig(saving_); }
+  std::optional<QVValue> item(const std::string& key, const ModuleRef& m) {
     return service_->getConfigItemForLifecycleObject(key, m);
+  }
+  bool set(const std::string& key, const std::optional<QVValue>& value, const ModuleRef& m) {
+    return service_->setConfigItemForKeyWithValueForModule(key, value, m);
   }
 
   std::shared_ptr<QVConfigService> service_ = QVConfigService::sharedInstance();
   test::QVTempFolder folder_;
-  std::shared_ptr<QVSavingModule> saving_;
-  std::shared_ptr<QVTestModule> plain_;
+  std::shared_ptr<test::QVSavingModule> saving_;
 };
 
-TEST_F(QVConfigItemsTest, ReadsLoadOnDemandAndNullIsAbsent) {
+TEST_F(QVConfigItemsTest, ReadsLoadOnDemandNullIsAbsentAndUpdatesMergeWithoutSaving) {
   EXPECT_EQ(service_->configurations().count("Saving"), 0u);
   EXPECT_EQ(item("A", saving_), QVValue(1));
   EXPECT_EQ(service_->configurations().count("Saving"), 1u);
   EXPECT_FALSE(item("Gone", saving_));
   EXPECT_FALSE(item("Missing", saving_));
-  EXPECT_EQ(service_->getConfig(saving_),
-            service_->currentConfigurableItemsForLifecycleObject(saving_));
-}
 
-TEST_F(QVConfigItemsTest, UpdateMergesInMemoryWithoutSaving) {
   QVDictionaryRef live = service_->getConfig(saving_);
   EXPECT_TRUE(service_->updateConfigWithData(saving_, {{"A", 2}, {"B", "b"}}));
   EXPECT_EQ(item("A", saving_), QVValue(2));
@@ -53,46 +48,40 @@ TEST_F(QVConfigItemsTest, UpdateMergesInMemoryWithoutSaving) {
 }
 
 TEST_F(QVConfigItemsTest, SetItemStoresStringsAndNumbersAndAnswersTheSave) {
-  EXPECT_TRUE(service_->setConfigItemForKeyWithValueForModule("A", QVValue("x"), saving_));
-  EXPECT_EQ(saving_->saved, QVValue::parse(R"({"A": "x", "Gone": null, "L": [1]})"));
-  saving_->saveResult = false;
-  EXPECT_FALSE(service_->setConfigItemForKeyWithValueForModule("N", QVValue(2.5), saving_));
-  EXPECT_EQ(item("N", saving_), QVValue(2.5));
-  EXPECT_EQ(saving_->saves, 2);
-
-  // Values of other types, an empty key or no value change nothing.
-  EXPECT_FALSE(service_->setConfigItemForKeyWithValueForModule("A", QVValue::array({1}), saving_));
-  EXPECT_FALSE(service_->setConfigItemForKeyWithValueForModule("", QVValue(1), saving_));
-  EXPECT_FALSE(service_->setConfigItemForKeyWithValueForModule("A", std::nullopt, saving_));
-  EXPECT_EQ(item("A", saving_), QVValue("x"));
-  EXPECT_EQ(saving_->saves, 2);
-}
-
-TEST_F(QVConfigItemsTest, ModuleThatCannotSaveKeepsTheValueButAnswersFalse) {
-  EXPECT_FALSE(service_->setConfigItemForKeyWithValueForModule("A", QVValue(5), plain_));
-  EXPECT_EQ(item("A", plain_), QVValue(5));
-  auto replacement = std::make_shared<QVValue>(QVValue{{"Only", 1}});
-  EXPECT_FALSE(service_->saveCurrentConfigurableItemsForLifeCycleObject(replacement, plain_));
-  EXPECT_EQ(item("A", plain_), QVValue(5));
-}
-
-TEST_F(QVConfigItemsTest, SaveReplacesTheWholeConfiguration) {
-  auto replacement = std::make_shared<QVValue>(QVValue{{"Only", 1}});
-  EXPECT_TRUE(service_->saveCurrentConfigurableItemsForLifeCycleObject(replacement, saving_));
-  EXPECT_EQ(service_->getConfig(saving_), replacement);
-  EXPECT_FALSE(item("A", saving_));
-  EXPECT_EQ(saving_->saved, *replacement);
-}
-
-TEST_F(QVConfigItemsTest, ModuleMayChangeItsConfigurationWhileSaving) {
   // The persisting lock is re-entrant: a save that sets another item nests.
   saving_->onSave = [this] {
     saving_->onSave = nullptr;
-    service_->setConfigItemForKeyWithValueForModule("Nested", QVValue(1), saving_);
+    set("Nested", QVValue(1), saving_);
   };
-  EXPECT_TRUE(service_->setConfigItemForKeyWithValueForModule("A", QVValue(2), saving_));
-  EXPECT_EQ(item("Nested", saving_), QVValue(1));
-  EXPECT_EQ(saving_->saves, 2);
+  EXPECT_TRUE(set("A", QVValue("x"), saving_));
+  EXPECT_EQ(saving_->saved, QVValue::parse(R"({"A": "x", "Gone": null, "L": [1], "Nested": 1})"));
+  saving_->saveResult = false;
+  EXPECT_FALSE(set("N", QVValue(2.5), saving_));
+  EXPECT_EQ(item("N", saving_), QVValue(2.5));
+  EXPECT_EQ(saving_->saves, 3);
+
+  // Values of other types, an empty key or no value change nothing.
+  EXPECT_FALSE(set("A", QVValue::array({1}), saving_));
+  EXPECT_FALSE(set("", QVValue(1), saving_));
+  EXPECT_FALSE(set("A", std::nullopt, saving_));
+  EXPECT_EQ(item("A", saving_), QVValue("x"));
+  EXPECT_EQ(saving_->saves, 3);
+
+  // Saving replaces the whole configuration, whatever the module answers.
+  auto replacement = std::make_shared<QVValue>(QVValue{{"Only", 1}});
+  EXPECT_FALSE(service_->saveCurrentConfigurableItemsForLifeCycleObject(replacement, saving_));
+  EXPECT_EQ(service_->getConfig(saving_), replacement);
+  EXPECT_EQ(saving_->saved, *replacement);
+}
+
+TEST_F(QVConfigItemsTest, ModuleThatCannotSaveKeepsTheValueButAnswersFalse) {
+  auto plain = std::make_shared<test::QVTestModule>("PlainItems", folder_.at("S.bundle"));
+  EXPECT_FALSE(set("A", QVValue(5), plain));
+  EXPECT_EQ(item("A", plain), QVValue(5));
+  auto replacement = std::make_shared<QVValue>(QVValue{{"Only", 1}});
+  EXPECT_FALSE(service_->saveCurrentConfigurableItemsForLifeCycleObject(replacement, plain));
+  EXPECT_EQ(item("A", plain), QVValue(5));
+  service_->unloadConfig(plain);
 }
 
 TEST_F(QVConfigItemsTest, ConcurrentWritersAndReadersLoseNothing) {
@@ -104,7 +93,7 @@ TEST_F(QVConfigItemsTest, ConcurrentWritersAndReadersLoseNothing) {
         if (t % 2) {
           service_->updateConfigWithData(saving_, {{key, i}});
         } else {
-          service_->setConfigItemForKeyWithValueForModule(key, QVValue(i), saving_);
+          set(key, QVValue(i), saving_);
         }
         item("A", saving_);
       }
@@ -115,6 +104,37 @@ TEST_F(QVConfigItemsTest, ConcurrentWritersAndReadersLoseNothing) {
     EXPECT_EQ(item("k" + std::to_string(t) + "_199", saving_), QVValue(199));
   }
   EXPECT_EQ(service_->getConfig(saving_)->size(), 3u + 4 * 200);
+}
+
+// The core is not enabled here: readers answer their defaults, updates are
+// refused, and only setConfigItemValueForModuleName keeps anything, as
+// pending items that override the files when the module loads.
+TEST(QVApplicationHelperTest, WhileTheCoreIsNotEnabledOnlyEarlyItemsAreKept) {
+  ASSERT_FALSE(QVCore::sharedInstance()->isEnabled());
+  test::QVTempFolder folder;
+  folder.write("H.bundle/AdvancedConfig.json", R"({"Url": "http://file", "N": 1})");
+  auto module = test::QVTestModule::define("HelperModule", folder.at("H.bundle"));
+  auto helper = QVApplicationHelper::sharedInstance();
+  auto pending = [] { return QVCore::sharedInstance()->tempConfigDict()["HelperModule"]; };
+
+  EXPECT_FALSE(helper->configurationCheck());
+  EXPECT_FALSE(helper->getConfigItemForModuleName("N", "HelperModule"));
+  EXPECT_FALSE(helper->getBOOLconfigItemForKeyWithDefaultForModuleName("N", false, "HelperModule"));
+  EXPECT_EQ(helper->getStringItemForKeyWithDefaultForModuleName("Url", "dflt", "HelperModule"),
+            "dflt");
+  EXPECT_EQ(helper->getNumberItemForKeyWithDefaultForModuleName("N", QVValue(9), "HelperModule"),
+            QVValue(9));
+  EXPECT_FALSE(helper->updateConfigWithDataForModuleName({{"N", 2}}, "HelperModule"));
+  EXPECT_TRUE(pending().is_null());
+
+  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://a"), "HelperModule"));
+  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://b"), "HelperModule"));
+  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Skipped", std::nullopt, "HelperModule"));
+  EXPECT_EQ(pending(), QVValue::parse(R"({"Url": "http://b"})"));
+  auto service = QVConfigService::sharedInstance();
+  EXPECT_EQ(service->getConfigItemForLifecycleObject("Url", module), QVValue("http://b"));
+  EXPECT_EQ(service->getConfigItemForLifecycleObject("N", module), QVValue(1));
+  EXPECT_EQ(pending(), QVValue::object());
 }
 
 }  // namespace

@@ -14,15 +14,12 @@ namespace {
 using Seen = std::vector<std::string>;
 
 // Records the deliveries of one test, in order.
-class Recorder {
- public:
+struct Recorder {
   QVNotificationCenter::Callback callback(std::string tag) {
-    return [this, tag](const QVNotification& n) { seen_.push_back(tag + ":" + n.name); };
+    return [this, tag](const QVNotification& n) { seen.push_back(tag + ":" + n.name); };
   }
-  Seen take() { return std::exchange(seen_, {}); }
-
- private:
-  Seen seen_;
+  Seen take() { return std::exchange(seen, {}); }
+  Seen seen;
 };
 
 TEST(QVNotificationCenterTest, FiltersAndRemovesByNameAndSender) {
