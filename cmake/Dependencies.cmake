@@ -3,8 +3,12 @@ find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(nlohmann_json 3.10 REQUIRED)
 find_package(ZLIB REQUIRED)
+# Debian ships no CMake config for libcurl; CMake's own module finds it.
+find_package(CURL REQUIRED)
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-uc)
 
 if(NOT EXISTS /usr/include/asio.hpp)
   message(FATAL_ERROR "standalone Asio is missing: run scripts/install-deps.sh")
@@ -16,4 +20,10 @@ target_link_libraries(qvcore_public_deps INTERFACE nlohmann_json::nlohmann_json 
 
 add_library(qvcore_private_deps INTERFACE)
 target_compile_definitions(qvcore_private_deps INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
-target_link_libraries(qvcore_private_deps INTERFACE PkgConfig::PLIST PkgConfig::UUID ZLIB::ZLIB)
+target_link_libraries(qvcore_private_deps INTERFACE PkgConfig::PLIST PkgConfig::UUID ZLIB::ZLIB
+                      OpenSSL::Crypto PkgConfig::ICU)
+target_link_libraries(qvcore_private_deps INTERFACE CURL::libcurl)
+
+# DNS-SD (browse and resolve for the log relay; qvcore-logtool also announces).
+pkg_check_modules(AVAHI REQUIRED IMPORTED_TARGET avahi-client)
+target_link_libraries(qvcore_private_deps INTERFACE PkgConfig::AVAHI)

@@ -4,11 +4,13 @@
 #include <exception>
 
 #include "qvcore/config/QVConfigService.h"
+#include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/model/QVMessage.h"
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVUUID.h"
+#include "qvcore/queue/QVQueueService.h"
 
 namespace qv {
 
@@ -36,6 +38,7 @@ bool QVCore::enable() {
   }
   enabled_ = startCoreServices();
   observeNetworkChanges();
+  setUncaughtExceptionHandler();
   return enabled_;
 }
 
@@ -44,9 +47,8 @@ bool QVCore::startCoreServices() {
   auto config = QVConfigService::sharedInstance();
   if (!config->enable()) return false;
   if (!config->loadConfig(sharedInstance())) return false;
-  // The environmental and queue services start here, in that order, once
-  // they are part of the build; until then the core cannot be enabled.
-  return false;
+  if (!QVEnvironmentalSerivce::sharedInstance()->enable()) return false;
+  return QVQueueService::sharedInstance()->enable();
 }
 
 void QVCore::observeNetworkChanges() {
@@ -59,8 +61,7 @@ void QVCore::observeNetworkChanges() {
 
 bool QVCore::disable() {
   const bool slept = sleepSystem();
-  // The environmental service stops here once it is part of the build.
-  const bool environmentStopped = false;
+  const bool environmentStopped = QVEnvironmentalSerivce::sharedInstance()->disable();
   const bool stopped = slept && environmentStopped;
   if (stopped) {
     std::lock_guard lock(registryMutex_);
@@ -75,9 +76,7 @@ bool QVCore::sleepSystem() {
   if (auto registry = classReferences()) {
     for (const auto& [name, module] : *registry) result = disableModule(name) && result;
   }
-  // The queue service is stopped here, before the configuration service, once
-  // it is part of the build; until then stopping it cannot succeed.
-  const bool queueStopped = false;
+  const bool queueStopped = QVQueueService::sharedInstance()->disable();
   const bool configStopped = QVConfigService::sharedInstance()->disable();
   return result && queueStopped && configStopped;
 }
@@ -153,10 +152,8 @@ bool QVCore::postMessageForModuleNameWithSessionID(std::shared_ptr<QVMessage> me
   if (!message || !canPostMessage(message.get())) return false;
   auto module = lifecycleObjectForName(name);
   if (!module || !module->isEnabled()) return false;
-  // Admitted messages go to the queue service, which is not part of this
-  // build yet: nothing can be queued.
-  (void)sessionID;
-  return false;
+  return QVQueueService::sharedInstance()->postMessageForModuleWithSessionID(
+      std::move(message), std::move(module), sessionID);
 }
 
 bool QVCore::canPostMessage(const QVMessage* message) const {
@@ -177,13 +174,7 @@ bool QVCore::canPostMessage(const QVMessage* message) const {
   }
 }
 
-void QVCore::flushQueues() {
-  // Flushing belongs to the queue service, which is not part of this build yet.
-}
-
-void QVCore::flushCompleted() {
-  // Signals the crash hook's wait once that hook is part of the build.
-}
+void QVCore::flushQueues() { QVQueueService::sharedInstance()->asyncFlushQueues(); }
 
 std::string QVCore::currentSessionID() {
   std::lock_guard lock(sessionMutex_);
@@ -198,19 +189,10 @@ std::string QVCore::generateUUID() const {
 }
 
 int64_t QVCore::getCurrentSessionStartTimeforModuleName(const std::string& name) const {
-  // Session start times live in the queue service, not part of this build yet.
-  (void)lifecycleObjectForName(name);
-  return 0;
-}
-
-bool QVCore::isConnectedViaWifi() const {
-  // The environmental service answers this once it is part of the build.
-  return false;
-}
-
-int64_t QVCore::currentNetworkStatus() const {
-  // 0 (unknown) until the environmental service is part of the build.
-  return 0;
+  auto module = lifecycleObjectForName(name);
+  if (!module) return 0;
+  return static_cast<int64_t>(
+      QVQueueService::sharedInstance()->getCurrentSessionStartTimeForModule(module));
 }
 
 void QVCore::networkConnectivityHasChanged(const QVNotification&) {

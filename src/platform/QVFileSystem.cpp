@@ -1,13 +1,19 @@
 #include "qvcore/platform/QVFileSystem.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <system_error>
+#include <vector>
+
+#include "platform/QVApplicationIdentifier.h"
 
 namespace qv {
 
@@ -48,6 +54,66 @@ bool writeAll(int fd, std::string_view bytes) {
   return true;
 }
 
+// The folder that the host set in place of the environment's choice. Never
+// destroyed: modules may write their files while the process exits.
+struct HomeOverride {
+  std::mutex mutex;
+  std::string path;
+};
+
+HomeOverride& homeOverride() {
+  static auto* settings = new HomeOverride;
+  return *settings;
+}
+
+std::string environmentValue(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+std::string userHome() {
+  std::string home = environmentValue("HOME");
+  if (!home.empty()) return home;
+  std::vector<char> buffer(16384);
+  struct passwd entry {};
+  struct passwd* found = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found ||
+      !found->pw_dir) {
+    return "";
+  }
+  return found->pw_dir;
+}
+
+std::string defaultHomeDirectory() {
+  std::string home = environmentValue("QVCORE_HOME");
+  if (!home.empty()) return home;
+  std::string dataHome = environmentValue("XDG_DATA_HOME");
+  if (dataHome.empty() || dataHome.front() != '/') {
+    const std::string user = userHome();
+    if (user.empty()) return "";
+    dataHome = QVFileSystem::stringByAppendingPathComponent(user, ".local/share");
+  }
+  return QVFileSystem::stringByAppendingPathComponent(dataHome, applicationIdentifier());
+}
+
+std::optional<QVFileSystemAttributes> statFileSystem(const std::string& path, int& error) {
+  struct statvfs st {};
+  if (::statvfs(path.c_str(), &st) != 0) {
+    error = errno;
+    return std::nullopt;
+  }
+  const uint64_t unit = st.f_frsize ? st.f_frsize : st.f_bsize;
+  return QVFileSystemAttributes{static_cast<uint64_t>(st.f_blocks) * unit,
+                                static_cast<uint64_t>(st.f_bavail) * unit};
+}
+
+// The folder that holds path; a relative path without a folder part lies in
+// the current folder.
+std::string containingFolder(const std::string& path) {
+  std::string parent = QVFileSystem::stringByDeletingLastPathComponent(path);
+  return parent.empty() ? std::string(".") : parent;
+}
+
 }  // namespace
 
 bool QVFileSystem::fileExistsAtPath(const std::string& path, bool* isDirectory) {
@@ -83,15 +149,64 @@ std::optional<std::string> QVFileSystem::contentsAtPath(const std::string& path,
 }
 
 bool QVFileSystem::writeAtomically(const std::string& path, std::string_view bytes) {
+  // mkostemp makes the file private; the file it replaces is an ordinary one.
+  return writeAtomically(path, bytes, 0644);
+}
+
+bool QVFileSystem::writeAtomically(const std::string& path, std::string_view bytes, mode_t mode) {
   std::string temp = path + ".XXXXXX";
   const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
   if (fd < 0) return false;
-  // mkostemp makes the file private; the file it replaces is an ordinary one.
-  const bool written = ::fchmod(fd, 0644) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
+  // fchmod is not masked by the umask, so the file gets the mode asked for.
+  const bool written = ::fchmod(fd, mode) == 0 && writeAll(fd, bytes) && ::fsync(fd) == 0;
   const bool closed = ::close(fd) == 0;
   if (written && closed && ::rename(temp.c_str(), path.c_str()) == 0) return true;
   ::unlink(temp.c_str());
   return false;
+}
+
+bool QVFileSystem::createDirectoryAtPath(const std::string& path, mode_t mode) {
+  if (path.empty()) return false;
+  if (isDirectoryAtPath(path)) return true;
+  const std::string parent = stringByDeletingLastPathComponent(path);
+  if (!parent.empty() && parent != path && !createDirectoryAtPath(parent, mode)) return false;
+  // mkdir's mode is masked by the umask; chmod sets it as asked.
+  if (::mkdir(path.c_str(), mode) == 0) return ::chmod(path.c_str(), mode) == 0;
+  return errno == EEXIST && isDirectoryAtPath(path);
+}
+
+std::string QVFileSystem::homeDirectory() {
+  {
+    HomeOverride& settings = homeOverride();
+    std::lock_guard lock(settings.mutex);
+    if (!settings.path.empty()) return settings.path;
+  }
+  return defaultHomeDirectory();
+}
+
+void QVFileSystem::setHomeDirectory(const std::string& path) {
+  HomeOverride& settings = homeOverride();
+  std::lock_guard lock(settings.mutex);
+  settings.path = path;
+}
+
+std::string QVFileSystem::documentsDirectory() {
+  const std::string home = homeDirectory();
+  return home.empty() ? "" : stringByAppendingPathComponent(home, "Documents");
+}
+
+std::optional<QVFileSystemAttributes> QVFileSystem::attributesOfFileSystemForPath(
+    const std::string& path) {
+  std::string probe = path;
+  while (!probe.empty()) {
+    int error = 0;
+    if (auto attributes = statFileSystem(probe, error)) return attributes;
+    if (error != ENOENT && error != ENOTDIR) return std::nullopt;
+    std::string parent = containingFolder(probe);
+    if (parent == probe) return std::nullopt;
+    probe = std::move(parent);
+  }
+  return std::nullopt;
 }
 
 std::string QVFileSystem::stringByAppendingPathComponent(const std::string& path,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -9,12 +10,12 @@
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 
-#if defined(__linux__)
+#include <fcntl.h>
 #include <unistd.h>
-#endif
 
 #include "platform/QVTimerQueue.h"
 #include "qvcore/platform/QVRealClock.h"
@@ -44,11 +45,38 @@ bool isMainThread() {
 #endif
 }
 
+// One watch of a file descriptor. The descriptor object is touched only by
+// tasks on the loop's thread, or by the loop's destructor when nothing pumps
+// it, which is all the thread safety Asio asks of it.
+struct DescriptorWatch {
+  DescriptorWatch(int duplicate, QVRunLoop::Task readable)
+      : pendingFd(duplicate),
+        readable(std::make_shared<const QVRunLoop::Task>(std::move(readable))) {}
+  ~DescriptorWatch() {
+    if (pendingFd >= 0) ::close(pendingFd);
+  }
+  DescriptorWatch(const DescriptorWatch&) = delete;
+  DescriptorWatch& operator=(const DescriptorWatch&) = delete;
+
+  std::shared_ptr<const QVRunLoop::Task> callback() {
+    std::lock_guard lock(mutex);
+    return readable;
+  }
+
+  // Owned here until the loop hands it to descriptor.
+  int pendingFd;
+  std::optional<asio::posix::stream_descriptor> descriptor;
+  std::mutex mutex;
+  // Guarded by mutex; null once cancelled. Shared so that a call under way
+  // keeps its function while another thread cancels.
+  std::shared_ptr<const QVRunLoop::Task> readable;
+};
+
 }  // namespace
 
 struct QVRunLoop::Impl : std::enable_shared_from_this<Impl> {
   explicit Impl(std::shared_ptr<QVClock> c) : clock(std::move(c)) {}
-  ~Impl() { clock->removeListener(listenerId); }
+  ~Impl();
 
   void submit(Task task);
   void schedule(TimePoint due, Task task);
@@ -56,6 +84,10 @@ struct QVRunLoop::Impl : std::enable_shared_from_this<Impl> {
   void releaseDue();
   void arm();
   std::optional<TimePoint> nextWake();
+  void startWatch(const std::shared_ptr<DescriptorWatch>& watch);
+  void awaitReadable(const std::shared_ptr<DescriptorWatch>& watch);
+  void onReadable(const std::shared_ptr<DescriptorWatch>& watch);
+  void endWatch(WatchId id);
 
   asio::io_context io{1};
   asio::executor_work_guard<asio::io_context::executor_type> work = asio::make_work_guard(io);
@@ -69,7 +101,18 @@ struct QVRunLoop::Impl : std::enable_shared_from_this<Impl> {
   QVClock::ListenerId listenerId = 0;     // guarded by mutex
   QVTimerQueue delayed;                   // guarded by mutex
   TimePoint armedFor = TimePoint::max();  // guarded by mutex
+  WatchId lastWatchId = 0;                // guarded by mutex
+  // Guarded by mutex. A watch stays here until the loop has closed its
+  // descriptor, so that the destructor can close what is left.
+  std::map<WatchId, std::shared_ptr<DescriptorWatch>> watches;
 };
+
+QVRunLoop::Impl::~Impl() {
+  clock->removeListener(listenerId);
+  // Descriptors must close while io still exists; the handlers that io
+  // destroys afterwards then find nothing left to do.
+  for (auto& entry : watches) entry.second->descriptor.reset();
+}
 
 void QVRunLoop::Impl::submit(Task task) {
   // Handlers capture the raw pointer: they run or die inside io, which this
@@ -144,6 +187,47 @@ void QVRunLoop::Impl::arm() {
   });
 }
 
+void QVRunLoop::Impl::startWatch(const std::shared_ptr<DescriptorWatch>& watch) {
+  if (!watch->callback()) return;  // cancelled before the loop got to it
+  try {
+    watch->descriptor.emplace(io, watch->pendingFd);
+  } catch (const std::exception&) {
+    return;  // the descriptor stays with the watch, which closes it
+  }
+  watch->pendingFd = -1;
+  awaitReadable(watch);
+}
+
+void QVRunLoop::Impl::awaitReadable(const std::shared_ptr<DescriptorWatch>& watch) {
+  // The handler holds the watch, and dies inside io like any other.
+  watch->descriptor->async_wait(asio::posix::stream_descriptor::wait_read,
+                                [this, watch](const std::error_code& error) {
+                                  if (!error) onReadable(watch);
+                                });
+}
+
+void QVRunLoop::Impl::onReadable(const std::shared_ptr<DescriptorWatch>& watch) {
+  const auto readable = watch->callback();
+  if (!readable || !watch->descriptor) return;
+  // Waiting again before reading, so that data that comes while readable
+  // runs finds a wait to complete and is never left unannounced.
+  awaitReadable(watch);
+  tasksRun.fetch_add(1, std::memory_order_relaxed);
+  (*readable)();
+}
+
+void QVRunLoop::Impl::endWatch(WatchId id) {
+  std::shared_ptr<DescriptorWatch> watch;
+  {
+    std::lock_guard lock(mutex);
+    auto found = watches.find(id);
+    if (found == watches.end()) return;
+    watch = std::move(found->second);
+    watches.erase(found);
+  }
+  watch->descriptor.reset();
+}
+
 namespace {
 
 // Marks the calling thread as the pumper of a loop for the span of a pump,
@@ -203,6 +287,41 @@ void QVRunLoop::postAfter(Duration delay, Task task) {
 }
 
 void QVRunLoop::postAt(TimePoint due, Task task) { impl_->schedule(due, std::move(task)); }
+
+QVRunLoop::WatchId QVRunLoop::watchReadable(int fd, Task readable) {
+  const int duplicate = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  if (duplicate < 0 || !readable) {
+    if (duplicate >= 0) ::close(duplicate);
+    return 0;
+  }
+  auto watch = std::make_shared<DescriptorWatch>(duplicate, std::move(readable));
+  WatchId id = 0;
+  {
+    std::lock_guard lock(impl_->mutex);
+    id = ++impl_->lastWatchId;
+    impl_->watches.emplace(id, watch);
+  }
+  asio::post(impl_->io, [impl = impl_.get(), watch] { impl->startWatch(watch); });
+  return id;
+}
+
+void QVRunLoop::cancelWatch(WatchId id) {
+  std::shared_ptr<DescriptorWatch> watch;
+  {
+    std::lock_guard lock(impl_->mutex);
+    auto found = impl_->watches.find(id);
+    if (found == impl_->watches.end()) return;
+    watch = found->second;
+  }
+  std::shared_ptr<const Task> readable;
+  {
+    std::lock_guard lock(watch->mutex);
+    readable = std::move(watch->readable);
+  }
+  // readable dies out here, as what it holds may call back into the loop.
+  readable.reset();
+  asio::post(impl_->io, [impl = impl_.get(), id] { impl->endWatch(id); });
+}
 
 std::shared_ptr<QVClock> QVRunLoop::clock() const {
   std::lock_guard lock(impl_->mutex);

@@ -40,7 +40,7 @@ class QVTempFolder {
     return at(relative);
   }
   std::string writePlist(const std::string& relative, const QVValue& dict,
-                         QVPropertyList::Format format) const {
+                         QVPropertyList::Format format = QVPropertyList::Format::kXML) const {
     std::filesystem::create_directories(std::filesystem::path(at(relative)).parent_path());
     EXPECT_TRUE(QVPropertyList::writeDictionaryToFile(dict, at(relative), format));
     return at(relative);

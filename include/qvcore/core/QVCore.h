@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "qvcore/QVExport.h"
 #include "qvcore/core/QVLifecycleObject.h"
@@ -49,7 +50,11 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   bool canPostMessage(const QVMessage* message) const;
 
   void flushQueues();
+  // Ends the crash handler's wait for a flush; does nothing before a crash.
   void flushCompleted();
+  // Installs the core's handler of uncaught exceptions, chained to the one
+  // installed before it.
+  void setUncaughtExceptionHandler();
 
   std::string currentSessionID();
   std::string generateUUID() const;
@@ -89,6 +94,38 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   // their place, in one step, so that an item handed in meanwhile is not lost.
   QVValue takeTempConfigForModuleName(const std::string& name);
 
+  // Device and application facts, answered by the environmental service
+  // exactly as it gives them.
+  int64_t deviceTotalStorageCapacity() const;
+  int64_t deviceTotalStorageFreeCapacity() const;
+  uint64_t deviceTotalMemory() const;
+  uint64_t deviceUserMemory() const;
+  // 0 unknown, 1 not reachable, 2 Wi-Fi, 3 cellular.
+  int64_t currentNetworkStatus() const;
+  std::string currentNetworkReachabilityName() const;
+  std::string currentConnectionType() const;
+  std::string networkCarrierName() const;
+  std::string networkWiFiIPAddress() const;
+  std::string networkIPAddress() const;
+  std::optional<std::string> appVersion() const;
+  std::string appVersionMajorMinor() const;
+  std::optional<std::string> appName() const;
+  std::string deviceID() const;
+  int64_t currentDeviceOrientation() const;
+  int64_t currentDeviceOrientationInDegrees() const;
+  int64_t currentUIOrientation() const;
+  int64_t currentUIOrientationInDegrees() const;
+  std::string currentOrientationName() const;
+  std::pair<double, double> currentScreenDimensions() const;
+  float getCurrentBatteryLevel() const;
+  std::string setUserAgentFromBrowser() const;
+  std::string getUserAgentFromBrowser() const;
+  bool setQVAdvertisingId(std::optional<std::string> advertisingId) const;
+  std::optional<std::string> getQVAdvertisingId() const;
+  // The gzip form of data, or data itself when it cannot be compressed.
+  std::shared_ptr<const std::string> compressData(
+      const std::shared_ptr<const std::string>& data) const;
+
   QVCore(const QVCore&) = delete;
   QVCore& operator=(const QVCore&) = delete;
   ~QVCore() override;
@@ -100,7 +137,6 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   void registerModule(const std::string& name, std::shared_ptr<QVLifecycleObject> module);
   bool startCoreServices();
   bool isConnectedViaWifi() const;
-  int64_t currentNetworkStatus() const;
   void observeNetworkChanges();
 
   std::atomic<bool> enabled_{false};

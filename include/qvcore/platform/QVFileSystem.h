@@ -1,16 +1,20 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "qvcore/QVExport.h"
+#include "qvcore/platform/QVFileSystemAttributes.h"
 
 namespace qv {
 
-// The file operations that configuration and bundle lookup need. Every
-// operation reports failure by its result and never throws.
+// The file operations of the core: configuration and bundle lookup, the
+// application's data folder, and the sizes of file systems. Every operation
+// reports failure by its result and never throws.
 class QV_EXPORT QVFileSystem {
  public:
   // Whether something exists at path; isDirectory, when given, tells whether
@@ -29,6 +33,32 @@ class QV_EXPORT QVFileSystem {
   // same folder is written, flushed and renamed over path, so readers see the
   // old contents or the new ones, never a part.
   static bool writeAtomically(const std::string& path, std::string_view bytes);
+  // The same, the new file getting exactly mode (whatever the umask).
+  static bool writeAtomically(const std::string& path, std::string_view bytes, mode_t mode);
+
+  // Creates the folder at path and its missing parents, each with exactly
+  // mode (whatever the umask); folders that exist keep their mode. True when
+  // a folder is at path afterwards.
+  static bool createDirectoryAtPath(const std::string& path, mode_t mode);
+
+  // The application's data folder: the folder given to setHomeDirectory, else
+  // $QVCORE_HOME, else $XDG_DATA_HOME/<id>, else $HOME/.local/share/<id>
+  // (the password database's home when $HOME is unset), where <id> is the
+  // main bundle's "CFBundleIdentifier" or, without one, the executable's file
+  // name. A relative $XDG_DATA_HOME is ignored, as the XDG rules ask. The
+  // environment is read at every call. Empty when no folder can be named.
+  // Asking creates nothing: the users of a folder create what they write.
+  static std::string homeDirectory();
+  // An empty path goes back to the environment's choice.
+  static void setHomeDirectory(const std::string& path);
+  // homeDirectory() + "/Documents"; empty when the home is.
+  static std::string documentsDirectory();
+
+  // Figures of the file system that holds path. A path that does not exist
+  // yet is measured at its nearest existing ancestor, the file system on
+  // which it would be created. None when nothing on the way can be examined.
+  static std::optional<QVFileSystemAttributes> attributesOfFileSystemForPath(
+      const std::string& path);
 
   // path + "/" + component, without doubling a trailing slash; an empty path
   // gives component unchanged.

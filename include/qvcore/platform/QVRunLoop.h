@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -19,6 +20,7 @@ class QV_EXPORT QVRunLoop {
   using Task = std::function<void()>;
   using Duration = QVClock::Duration;
   using TimePoint = QVClock::TimePoint;
+  using WatchId = uint64_t;
 
   // A loop on the real clock, or on the given one.
   QVRunLoop();
@@ -41,6 +43,19 @@ class QV_EXPORT QVRunLoop {
   void post(Task task);
   void postAfter(Duration delay, Task task);
   void postAt(TimePoint due, Task task);
+
+  // Calls readable on this loop whenever fd is readable, until cancelWatch().
+  // readable should read what is there: while data is left unread it is
+  // called again and again. The loop watches a duplicate of fd and does all
+  // the work of the watch on its own thread, so fd may be closed once the
+  // watch is cancelled. Answers 0 when fd cannot be watched. Safe from any
+  // thread.
+  WatchId watchReadable(int fd, Task readable);
+  // Once this returns, readable is not called again, except that a call
+  // already running on the loop's thread finishes. The loop lets go of its
+  // duplicate on its next pump, or when it is destroyed. Safe from any
+  // thread; unknown ids are ignored.
+  void cancelWatch(WatchId id);
 
   std::shared_ptr<QVClock> clock() const;
   // Replaces the clock; a null clock means the real one. Pending delayed tasks

@@ -1,0 +1,123 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "qvcore/QVExport.h"
+#include "qvcore/core/QVLifecycleObject.h"
+#include "qvcore/model/QVMessage.h"
+#include "qvcore/model/QVSession.h"
+#include "qvcore/platform/QVValue.h"
+
+namespace qv {
+
+// One module's messages, grouped by session, and the payload they are posted
+// as: {"messageVersion": "6.0.0.0", "serialNumber": n, "sessions": [...]}.
+// Sessions are kept, and serialised, in the order in which they were made.
+// Every operation is safe from any thread; one small mutex guards the
+// sessions and the current session, and is never held while other code
+// runs (sessions are made, closed and serialised outside it).
+//
+// Flushing goes: snapshot = initWithQueue(live); live->flush(); send the
+// snapshot's toJson(). The snapshot shares the session objects; flush drops
+// from the live queue exactly the sessions that the snapshot took, closing
+// them, so every message that a post accepts ends up either in that
+// snapshot or still in the live queue. A post that meets a session closed
+// under it starts a fresh session of the same identifier in the live queue.
+class QV_EXPORT QVQueue {
+ public:
+  // Session identifier and session, in the order in which the sessions were
+  // made.
+  using SessionList = std::vector<std::pair<std::string, std::shared_ptr<QVSession>>>;
+
+  // init: no sessions, serial number 1, current session the core's.
+  QVQueue();
+  ~QVQueue();
+  QVQueue(const QVQueue&) = delete;
+  QVQueue& operator=(const QVQueue&) = delete;
+
+  static std::shared_ptr<QVQueue> initForModule(std::shared_ptr<QVLifecycleObject> module);
+  // A queue read back from the cache: toJson() answers jsonPayload as it is,
+  // whatever is posted to the queue afterwards.
+  static std::shared_ptr<QVQueue> initWithJSONAndModule(std::string jsonPayload,
+                                                        std::shared_ptr<QVLifecycleObject> module);
+  // The copy that is sent while the live queue fills again: the same session
+  // objects, serial number, current session identifier and module; a start
+  // time of 0 and no cached text. Marks the sessions taken, for the next
+  // flush of other. Null for a null queue.
+  static std::shared_ptr<QVQueue> initWithQueue(const std::shared_ptr<QVQueue>& other);
+
+  // Adds the message to the session of sessionID (absent: the current
+  // session), made if it is new, which becomes the current session. False
+  // when there is no message, no identifier (absent with no current
+  // session, or empty), or the add fails.
+  bool postMessageToSessionID(std::shared_ptr<QVMessage> message,
+                              std::optional<std::string> sessionID);
+  // The session of sessionID (absent: the current one), made when it is new;
+  // null when there is no usable identifier. Leaves the current session as
+  // it was.
+  std::shared_ptr<QVSession> sessionForID(const std::optional<std::string>& sessionID);
+
+  // Each session's jsonDictionary(), in the order of the sessions.
+  QVValue jsonSerializedSessions() const;
+  QVValue jsonDictionary() const;
+  // The cached text when there is one, else the payload; empty on failure.
+  std::string toJson() const;
+
+  // Drops the sessions that the last initWithQueue took (all of them when
+  // none was taken since the previous flush), closes them, and adds 1 to the
+  // serial number. Sessions made after that snapshot stay for the next one.
+  void flush();
+
+  // The module, or null when it has gone.
+  std::shared_ptr<QVLifecycleObject> module() const;
+  void setModule(const std::shared_ptr<QVLifecycleObject>& module);
+  SessionList sessions() const;
+  // Replaces the sessions as given, without closing those it drops. A
+  // repeated identifier replaces the earlier entry's session in its place;
+  // null sessions are left out.
+  void setSessions(SessionList sessions);
+  std::size_t sessionCount() const;
+  bool isEmpty() const { return sessionCount() == 0; }
+  // Identifier of the session that last received a message; none when empty.
+  std::optional<std::string> currentSessionID() const;
+  // Start of the session this queue made last; 0 until it makes one.
+  uint64_t currentSessionStartTime() const;
+  int32_t serialNumber() const;
+  void setSerialNumber(int32_t serialNumber);
+
+ private:
+  QVQueue(std::optional<std::string> jsonPayload, std::string currentSessionID);
+
+  // The live session filed under id, or null; closed sessions count as none.
+  std::shared_ptr<QVSession> findLocked(const std::string& id) const;
+  // Files session under id, last; a closed session of that id leaves.
+  void insertLocked(const std::string& id, std::shared_ptr<QVSession> session);
+  void reindexLocked();
+  std::shared_ptr<QVSession> lookUp(const std::optional<std::string>& sessionID, bool makeCurrent);
+
+  const std::optional<std::string> jsonPayload_;
+  std::atomic<int32_t> serialNumber_{1};
+  std::atomic<uint64_t> currentSessionStartTime_{0};
+
+  mutable std::mutex mutex_;
+  std::weak_ptr<QVLifecycleObject> module_;
+  SessionList sessions_;
+  std::unordered_map<std::string, std::shared_ptr<QVSession>> index_;
+  // How many of the first sessions the last snapshot took, until a flush.
+  std::optional<std::size_t> snapshotCut_;
+  std::string currentSessionID_;
+  // index_[currentSessionID_] when that was last looked up; spares the hot
+  // path a hash of the identifier.
+  std::shared_ptr<QVSession> currentSession_;
+};
+
+}  // namespace qv

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "qvcore/QVExport.h"
+#include "qvcore/model/QVMessage.h"
+#include "qvcore/platform/QVValue.h"
+
+namespace qv {
+
+// The messages that one module posted under one session identifier, in the
+// order of arrival, as they go into one entry of a queue's payload. Held as
+// std::shared_ptr<QVSession>: a queue and the snapshots taken of it share
+// their sessions. Every operation is safe from any thread.
+//
+// A session is open until it is closed, which its queue does when a flush
+// drops it. A closed session keeps its messages for the snapshot that sends
+// them, but refuses new ones: an add racing with the flush either lands
+// before the close, and is sent with the snapshot, or answers false. Nothing
+// can add to a session that is being destroyed, since adding needs a
+// reference that keeps it alive; closing is what stands for destruction.
+class QV_EXPORT QVSession {
+ public:
+  using MessageList = std::vector<std::shared_ptr<QVMessage>>;
+
+  // init: starts now, records the core's current session identifier, has no
+  // identifier of its own.
+  QVSession();
+  // initWithSessionID:
+  explicit QVSession(std::string sessionID);
+  static std::shared_ptr<QVSession> initWithSessionID(std::string sessionID);
+  ~QVSession();
+  QVSession(const QVSession&) = delete;
+  QVSession& operator=(const QVSession&) = delete;
+
+  // Appends the message and hands it to the JSON test log. False for no
+  // message or a closed session.
+  bool addMessage(std::shared_ptr<QVMessage> message);
+
+  // Refuses every later add; the messages stay. Closing twice is harmless.
+  void close();
+  bool isClosed() const;
+
+  // Each message's jsonDictionary(), in arrival order.
+  QVValue jsonSerializedMessages() const;
+  // {"id", "startTime", "clientEnvironment", "messages", "QVCoreSessionID"},
+  // the identifiers left out when absent. The client environment describes
+  // the device now, not when the session began. A message whose
+  // jsonDictionary() throws ends the dictionary with the keys set so far.
+  QVValue jsonDictionary() const;
+  std::string toJson() const;
+
+  std::optional<std::string> coreSessionID() const;
+  void setCoreSessionID(std::optional<std::string> coreSessionID);
+  std::optional<std::string> sessionID() const;
+  void setSessionID(std::optional<std::string> sessionID);
+  // Milliseconds since 1970 when the session was made.
+  uint64_t startTime() const { return startTime_; }
+  // A copy of the list, so that it can be walked while adds go on.
+  MessageList messages() const;
+  std::size_t messageCount() const;
+
+ private:
+  const uint64_t startTime_;
+  mutable std::mutex mutex_;
+  // Set under mutex_ and never cleared; read without it only as a hint by
+  // the queue's lookups. Once set, messages_ no longer changes, so readers
+  // may walk it without the lock.
+  std::atomic<bool> closed_{false};
+  MessageList messages_;
+  std::optional<std::string> coreSessionID_;
+  std::optional<std::string> sessionID_;
+};
+
+}  // namespace qv

@@ -1,0 +1,247 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "qvcore/QVExport.h"
+#include "qvcore/core/QVLifecycleObject.h"
+#include "qvcore/queue/QVConnectionDelegate.h"
+
+namespace qv {
+
+class QVMessage;
+class QVQueue;
+class QVRepeatingTimer;
+class QVSerialQueue;
+class QVServerConnection;
+
+// Holds one message queue per module and moves the queues to the modules'
+// collection servers: the flush timer, the flush cycle on a serial queue
+// labelled "<bundle id>.qvcore.flush", the files of unsent queues, and the
+// one QVServerConnection, whose delegate it is.
+//
+// The flush cycle: flushQueues reads the cached files back onto the send
+// list (cachedQueues), cuts every non-empty module queue onto it (a snapshot
+// of the whole queue, or one entry per message for modules whose "URLEncoded"
+// is on), and, when no post is in flight, posts the head. Each outcome, on
+// the HTTP session's callback thread, removes that head (writing it to the
+// cache first when it failed and "HasToPersistLocalCache" is on) and posts
+// the next; a cycle that empties the list that way reports QVCore
+// flushCompleted. One post is in flight at a time. A head whose module has no
+// "PostMessageUrl" stays at the head and holds up the whole list.
+//
+// Cache files: "<module class name>_<seconds since 1970, %f>.json" in
+// cachedQueuesDirectory(), holding the queue's JSON text, mode 0600 in a
+// folder of mode 0700. Everything before the first "_" names the module, so
+// a module class name with "_" never gets its files back.
+//
+// Threads: any thread may post; flushes run on the serial queue (and, for the
+// terminate path, on the calling thread); outcomes arrive on the HTTP
+// callback thread. Small internal mutexes guard the module queues, the send
+// list, the connection, timer and dispatch queue fields, the cutting of a
+// module queue, and the cache folder; none is held while other subsystems'
+// code runs.
+class QV_EXPORT QVQueueService : public QVLifecycleObject,
+                                 public QVConnectionDelegate,
+                                 public std::enable_shared_from_this<QVQueueService> {
+ public:
+  // Module class name to its live queue.
+  using ModuleQueues = std::map<std::string, std::shared_ptr<QVQueue>>;
+  // Oldest first; the head is the queue being posted or about to be.
+  using SendList = std::vector<std::shared_ptr<QVQueue>>;
+
+  // Made on first use, never destroyed.
+  static std::shared_ptr<QVQueueService> sharedInstance();
+
+  // ---- lifecycle --------------------------------------------------------
+
+  std::string className() const override { return "QVQueueService"; }
+  // Makes a new dispatch queue and connection, then starts the flush timer
+  // and, only when that succeeds, creates the cache folder; the answer is
+  // the last step's. The dispatch queue and connection stay even when the
+  // answer is false (interval posting off), so asyncFlushQueues still
+  // flushes.
+  bool enable() override;
+  // Drops the connection, timer and dispatch queue; always true. Queued
+  // messages and the send list stay in memory for the next enable.
+  bool disable() override;
+  bool isEnabled() const override { return enabled_.load(); }
+  void setEnabled(bool enabled) { enabled_.store(enabled); }
+  // The service has no configuration of its own.
+  std::string settingsBundlePath() const override { return ""; }
+
+  // ---- posting ----------------------------------------------------------
+
+  // Adds the message to the queue of the module's class (made on first
+  // use), under sessionID or, when absent, the queue's current session.
+  // Works whether or not the service is enabled; the queue's answer.
+  bool postMessageForModuleWithSessionID(std::shared_ptr<QVMessage> message,
+                                         std::shared_ptr<QVLifecycleObject> module,
+                                         std::optional<std::string> sessionID);
+  // Start of the current session of the module class's queue, in
+  // milliseconds since 1970; 0 when it has no queue. Makes no queue.
+  uint64_t getCurrentSessionStartTimeForModule(
+      const std::shared_ptr<QVLifecycleObject>& module) const;
+  // The core's "ManualPostEnabled" (default true); false when asking fails.
+  bool isManualPostingEnabled() const;
+
+  // ---- flush cycle ------------------------------------------------------
+
+  // With manual posting: true and no timer. With "DoPostOnIntervals" off:
+  // false. Otherwise a repeating timer on the calling thread's run loop,
+  // every "PostMessageTimeIntervals" seconds (default 30, read now only),
+  // firing asyncFlushQueues. A timer already held is replaced without being
+  // invalidated, so it keeps firing.
+  bool startFlushTimer();
+  void stopFlushTimer();
+  // Runs flushQueues on the dispatch queue; nothing when there is none.
+  void asyncFlushQueues();
+  // The whole flush, on the calling thread; nothing without a dispatch
+  // queue (the service was never enabled, or was disabled).
+  void flushQueues();
+  // Cuts a module queue onto the send list as one snapshot.
+  void flushQueue(const std::shared_ptr<QVQueue>& queue);
+  // Cuts a module queue onto the send list as one entry per message, in
+  // session and message order; the first starts posting before the rest are
+  // appended.
+  void flushURLQueue(const std::shared_ptr<QVQueue>& queue);
+  // Posts the queue to its module's "PostMessageUrl"; without one, does
+  // nothing and leaves the queue where it is.
+  void flushCachedQueue(const std::shared_ptr<QVQueue>& queue);
+  // Posts the head of the send list, or reports QVCore flushCompleted when
+  // the list is empty.
+  void continueFlush();
+  // Removes the queue (by identity) from the send list and goes on.
+  void flushFinishedForQueue(const std::shared_ptr<QVQueue>& queue);
+
+  // QVConnectionDelegate
+  void flushCompletedForQueue(const std::shared_ptr<QVQueue>& queue) override;
+  void flushFailedForQueue(const std::shared_ptr<QVQueue>& queue) override;
+  // Gzips the body when the core's "CompressPostMessage" is on and the
+  // result is strictly shorter, setting "Content-Length" and
+  // "Content-Encoding: gzip"; answers the same request, changed or not.
+  std::shared_ptr<QVMutableURLRequest> beforeFlushingRequestForQueue(
+      const std::shared_ptr<QVMutableURLRequest>& request,
+      const std::shared_ptr<QVQueue>& queue) override;
+
+  // ---- disk cache of unsent queues -------------------------------------
+
+  // QVFileSystem::documentsDirectory() + "/QVCoreCachedQueues".
+  std::string cachedQueuesDirectory() const;
+  // True when the folder is there afterwards. The documents folder is made
+  // first when missing (a phone's platform guarantees it; a Linux data
+  // folder may not exist yet), then the cache folder alone, mode 0700.
+  bool createCachedQueueFolder();
+  // Writes the queue's JSON text atomically, mode 0600, into the cache
+  // folder, which must exist. False when that fails, when the queue has no
+  // JSON text, or when its module has gone (its file could never find it
+  // again).
+  bool saveQueueToFile(const std::shared_ptr<QVQueue>& queue);
+  // Reads every entry of the cache folder (in name order), deletes it, and
+  // appends a queue for each whose module QVCore knows by the name's first
+  // "_"-separated piece; the others are dropped.
+  void recoverSavedQueues();
+  // QVCore's lifecycleObjectForName of the first "_"-separated piece of the
+  // path's last component; null when there is none.
+  std::shared_ptr<QVLifecycleObject> moduleFromFilePath(const std::string& path) const;
+  // The file's text (none when it cannot be read as UTF-8), after which the
+  // file is deleted, read or not.
+  std::optional<std::string> recoverDataAtPath(const std::string& path);
+  // The last chance to send before the application is suspended for good:
+  // tells every queued module (QVAppTerminationObserver), flushes on the
+  // calling thread, then runs the calling thread's run loop in steps of
+  // 0.1 s for as long as a post is in flight. No overall time limit.
+  void flushBRVApplicationWillTerminateQueues();
+
+  // ---- accessors ---------------------------------------------------------
+
+  // Snapshots; the queues in them are the live ones.
+  ModuleQueues moduleQueues() const;
+  SendList cachedQueues() const;
+  // Null while disabled.
+  std::shared_ptr<QVServerConnection> serverConnection() const;
+  std::shared_ptr<QVRepeatingTimer> flushTimer() const;
+  std::shared_ptr<QVSerialQueue> flushDispatchQueue() const;
+  // How many cycles have reported flushCompleted since the process started.
+  uint64_t completedFlushCycles() const { return completedFlushCycles_.load(); }
+
+  // Storage for modules; the core itself never reads them and enforces no
+  // limit.
+  uint64_t maxPostsPerActivationCounter() const { return maxPostsPerActivationCounter_.load(); }
+  void setMaxPostsPerActivationCounter(uint64_t value) {
+    maxPostsPerActivationCounter_.store(value);
+  }
+  uint64_t maxBytesPerActivationCounter() const { return maxBytesPerActivationCounter_.load(); }
+  void setMaxBytesPerActivationCounter(uint64_t value) {
+    maxBytesPerActivationCounter_.store(value);
+  }
+  uint64_t configItemMaxPostsPerActivationCounter() const {
+    return configItemMaxPostsPerActivationCounter_.load();
+  }
+  void setConfigItemMaxPostsPerActivationCounter(uint64_t value) {
+    configItemMaxPostsPerActivationCounter_.store(value);
+  }
+  uint64_t configItemMaxBytesPerActivationCounter() const {
+    return configItemMaxBytesPerActivationCounter_.load();
+  }
+  void setConfigItemMaxBytesPerActivationCounter(uint64_t value) {
+    configItemMaxBytesPerActivationCounter_.store(value);
+  }
+
+  QVQueueService(const QVQueueService&) = delete;
+  QVQueueService& operator=(const QVQueueService&) = delete;
+  ~QVQueueService() override;
+
+ private:
+  QVQueueService();
+
+  std::shared_ptr<QVQueue> moduleQueueFor(const std::shared_ptr<QVLifecycleObject>& module);
+  // The snapshot to send, taken and cut from the live queue in one step;
+  // null when the queue holds no session.
+  std::shared_ptr<QVQueue> cut(const std::shared_ptr<QVQueue>& queue);
+  void appendToSendList(std::shared_ptr<QVQueue> queue);
+  bool hasQueuedPosts() const;
+  // Whether a connection exists and has a post in flight.
+  bool isConnectionBusy() const;
+  // Hands the queue to the connection; false when it was not handed over
+  // (no URL, no connection, a failure before the post).
+  bool postHead(const std::shared_ptr<QVQueue>& queue);
+  void releaseOffer();
+
+  std::atomic<bool> enabled_{false};
+  std::atomic<uint64_t> completedFlushCycles_{0};
+  std::atomic<uint64_t> maxPostsPerActivationCounter_{0};
+  std::atomic<uint64_t> maxBytesPerActivationCounter_{0};
+  std::atomic<uint64_t> configItemMaxPostsPerActivationCounter_{0};
+  std::atomic<uint64_t> configItemMaxBytesPerActivationCounter_{0};
+
+  mutable std::mutex stateMutex_;
+  std::shared_ptr<QVServerConnection> serverConnection_;
+  std::shared_ptr<QVRepeatingTimer> flushTimer_;
+  std::shared_ptr<QVSerialQueue> flushQueue_;
+
+  mutable std::mutex queuesMutex_;
+  ModuleQueues moduleQueues_;
+
+  // Guards the send list and offering_: true from the moment continueFlush
+  // hands the head to the connection until that post's outcome arrives, so
+  // that a flush and an outcome running at the same moment never offer two
+  // heads at once.
+  mutable std::mutex sendListMutex_;
+  SendList cachedQueues_;
+  bool offering_ = false;
+
+  // Makes snapshot-and-flush of a module queue one step, for the terminate
+  // path's flush that may run beside the dispatch queue's.
+  std::mutex cutMutex_;
+  // Keeps a listing of the cache folder from reading a file half written.
+  std::mutex cacheMutex_;
+};
+
+}  // namespace qv

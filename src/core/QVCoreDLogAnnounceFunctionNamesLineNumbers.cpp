@@ -1,0 +1,8 @@
+#include "qvcore/core/QVCoreDLogAnnounceFunctionNamesLineNumbers.h"
+
+namespace qv {
+
+void QVCoreDLogAnnounceFunctionNamesLineNumbers::announceFunctionLine(const std::string&, int64_t) {
+}
+
+}  // namespace qv

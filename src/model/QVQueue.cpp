@@ -1,0 +1,263 @@
+#include "qvcore/model/QVQueue.h"
+
+#include <algorithm>
+#include <exception>
+#include <iterator>
+
+#include "qvcore/core/QVCore.h"
+#include "qvcore/model/QVCoreExtensions.h"
+
+namespace qv {
+
+namespace {
+
+// A post whose session is closed under it by a flush tries again in the
+// live queue. Only flushes close sessions, so a second attempt practically
+// always lands; the bound keeps a post from chasing a storm of flushes.
+constexpr int kPostAttempts = 3;
+
+}  // namespace
+
+QVQueue::QVQueue() : QVQueue(std::nullopt, QVCore::sharedInstance()->currentSessionID()) {}
+
+QVQueue::QVQueue(std::optional<std::string> jsonPayload, std::string currentSessionID)
+    : jsonPayload_(std::move(jsonPayload)), currentSessionID_(std::move(currentSessionID)) {}
+
+QVQueue::~QVQueue() = default;
+
+std::shared_ptr<QVQueue> QVQueue::initForModule(std::shared_ptr<QVLifecycleObject> module) {
+  auto queue = std::make_shared<QVQueue>();
+  queue->module_ = module;
+  return queue;
+}
+
+std::shared_ptr<QVQueue> QVQueue::initWithJSONAndModule(std::string jsonPayload,
+                                                        std::shared_ptr<QVLifecycleObject> module) {
+  std::shared_ptr<QVQueue> queue(
+      new QVQueue(std::move(jsonPayload), QVCore::sharedInstance()->currentSessionID()));
+  queue->module_ = module;
+  return queue;
+}
+
+std::shared_ptr<QVQueue> QVQueue::initWithQueue(const std::shared_ptr<QVQueue>& other) {
+  if (!other) return nullptr;
+  SessionList taken;
+  std::string currentSessionID;
+  std::weak_ptr<QVLifecycleObject> module;
+  int32_t serialNumber;
+  {
+    // The serial number too, so that a flush cannot fall between the two.
+    std::lock_guard lock(other->mutex_);
+    serialNumber = other->serialNumber();
+    taken = other->sessions_;
+    currentSessionID = other->currentSessionID_;
+    module = other->module_;
+    other->snapshotCut_ = taken.size();
+  }
+  std::shared_ptr<QVQueue> copy(new QVQueue(std::nullopt, std::move(currentSessionID)));
+  copy->serialNumber_.store(serialNumber);
+  copy->module_ = std::move(module);
+  copy->sessions_ = std::move(taken);
+  copy->reindexLocked();  // not yet shared, so the lock is not needed
+  return copy;
+}
+
+bool QVQueue::postMessageToSessionID(std::shared_ptr<QVMessage> message,
+                                     std::optional<std::string> sessionID) {
+  if (!message) return false;
+  try {
+    for (int attempt = 0; attempt < kPostAttempts; ++attempt) {
+      auto session = lookUp(sessionID, true);
+      if (!session) return false;
+      if (session->addMessage(message)) return true;
+    }
+  } catch (const std::exception&) {
+    // Out of memory while filing the message: it is not accepted.
+  }
+  return false;
+}
+
+std::shared_ptr<QVSession> QVQueue::sessionForID(const std::optional<std::string>& sessionID) {
+  try {
+    return lookUp(sessionID, false);
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+std::shared_ptr<QVSession> QVQueue::lookUp(const std::optional<std::string>& sessionID,
+                                           bool makeCurrent) {
+  std::unique_lock lock(mutex_);
+  const std::string& wanted = sessionID ? *sessionID : currentSessionID_;
+  if (wanted.empty()) return nullptr;
+  const bool isCurrent = &wanted == &currentSessionID_ || wanted == currentSessionID_;
+  if (isCurrent && currentSession_ && !currentSession_->isClosed()) return currentSession_;
+
+  std::shared_ptr<QVSession> session = findLocked(wanted);
+  std::string made;  // the identifier of a new session
+  if (!session) {
+    // The session reads the core and the clock, which must not run under the
+    // lock; a session made meanwhile by another thread wins.
+    made = wanted;
+    lock.unlock();
+    auto fresh = QVSession::initWithSessionID(made);
+    lock.lock();
+    session = findLocked(made);
+    if (!session) {
+      session = std::move(fresh);
+      insertLocked(made, session);
+      currentSessionStartTime_.store(session->startTime(), std::memory_order_relaxed);
+    }
+  }
+  const std::string& id = made.empty() ? wanted : made;
+  if (makeCurrent) {
+    if (id != currentSessionID_) currentSessionID_ = id;
+    currentSession_ = session;
+  } else if (id == currentSessionID_) {
+    currentSession_ = session;
+  }
+  return session;
+}
+
+std::shared_ptr<QVSession> QVQueue::findLocked(const std::string& id) const {
+  auto it = index_.find(id);
+  if (it == index_.end() || it->second->isClosed()) return nullptr;
+  return it->second;
+}
+
+void QVQueue::insertLocked(const std::string& id, std::shared_ptr<QVSession> session) {
+  // A closed session under the same identifier leaves the list, and the new
+  // one goes to the end, past what the last snapshot took.
+  auto old = std::find_if(sessions_.begin(), sessions_.end(),
+                          [&](const auto& entry) { return entry.first == id; });
+  if (old != sessions_.end()) {
+    const auto position = static_cast<std::size_t>(old - sessions_.begin());
+    if (snapshotCut_ && position < *snapshotCut_) --*snapshotCut_;
+    sessions_.erase(old);
+  }
+  index_[id] = session;
+  sessions_.emplace_back(id, std::move(session));
+}
+
+void QVQueue::reindexLocked() {
+  index_.clear();
+  index_.reserve(sessions_.size());
+  for (const auto& [id, session] : sessions_) index_.emplace(id, session);
+  auto it = index_.find(currentSessionID_);
+  currentSession_ = it == index_.end() ? nullptr : it->second;
+}
+
+QVValue QVQueue::jsonSerializedSessions() const {
+  std::vector<std::shared_ptr<QVSession>> sessions;
+  {
+    std::lock_guard lock(mutex_);
+    sessions.reserve(sessions_.size());
+    for (const auto& entry : sessions_) sessions.push_back(entry.second);
+  }
+  QVValue array = QVValue::array();
+  array.get_ref<QVValue::array_t&>().reserve(sessions.size());
+  for (const auto& session : sessions) array.push_back(session->jsonDictionary());
+  return array;
+}
+
+QVValue QVQueue::jsonDictionary() const {
+  QVValue dict = QVValue::object();
+  try {
+    dict["messageVersion"] = "6.0.0.0";
+    dict["serialNumber"] = serialNumber();
+    dict["sessions"] = jsonSerializedSessions();
+  } catch (const std::exception&) {
+    // What was set before the failure is the answer.
+  }
+  return dict;
+}
+
+std::string QVQueue::toJson() const {
+  // A queue read back from the cache is sent again exactly as it was stored.
+  if (jsonPayload_) return *jsonPayload_;
+  try {
+    return QVCoreExtensions::toJson(jsonDictionary());
+  } catch (const std::exception&) {
+    return "";
+  }
+}
+
+void QVQueue::flush() {
+  SessionList dropped;
+  {
+    std::lock_guard lock(mutex_);
+    const std::size_t cut = std::min(snapshotCut_.value_or(sessions_.size()), sessions_.size());
+    if (cut == sessions_.size()) {
+      dropped.swap(sessions_);
+      index_.clear();
+    } else {
+      const auto end = sessions_.begin() + static_cast<std::ptrdiff_t>(cut);
+      dropped.assign(std::make_move_iterator(sessions_.begin()), std::make_move_iterator(end));
+      sessions_.erase(sessions_.begin(), end);
+      for (const auto& entry : dropped) index_.erase(entry.first);
+    }
+    snapshotCut_.reset();
+    if (currentSession_ && !index_.contains(currentSessionID_)) currentSession_.reset();
+    serialNumber_.fetch_add(1, std::memory_order_relaxed);
+  }
+  // Closed outside the queue's lock; an add that slips in before its
+  // session is closed still goes out with the snapshot that holds it.
+  for (const auto& entry : dropped) entry.second->close();
+}
+
+std::shared_ptr<QVLifecycleObject> QVQueue::module() const {
+  std::lock_guard lock(mutex_);
+  return module_.lock();
+}
+
+void QVQueue::setModule(const std::shared_ptr<QVLifecycleObject>& module) {
+  std::lock_guard lock(mutex_);
+  module_ = module;
+}
+
+QVQueue::SessionList QVQueue::sessions() const {
+  std::lock_guard lock(mutex_);
+  return sessions_;
+}
+
+void QVQueue::setSessions(SessionList sessions) {
+  SessionList unique;
+  unique.reserve(sessions.size());
+  std::unordered_map<std::string, std::size_t> positions;
+  for (auto& entry : sessions) {
+    if (!entry.second) continue;
+    auto [it, isNew] = positions.try_emplace(entry.first, unique.size());
+    if (isNew) {
+      unique.push_back(std::move(entry));
+    } else {
+      unique[it->second].second = std::move(entry.second);
+    }
+  }
+  std::lock_guard lock(mutex_);
+  sessions_ = std::move(unique);
+  snapshotCut_.reset();
+  reindexLocked();
+}
+
+std::size_t QVQueue::sessionCount() const {
+  std::lock_guard lock(mutex_);
+  return sessions_.size();
+}
+
+std::optional<std::string> QVQueue::currentSessionID() const {
+  std::lock_guard lock(mutex_);
+  if (currentSessionID_.empty()) return std::nullopt;
+  return currentSessionID_;
+}
+
+uint64_t QVQueue::currentSessionStartTime() const {
+  return currentSessionStartTime_.load(std::memory_order_relaxed);
+}
+
+int32_t QVQueue::serialNumber() const { return serialNumber_.load(std::memory_order_relaxed); }
+
+void QVQueue::setSerialNumber(int32_t serialNumber) {
+  serialNumber_.store(serialNumber, std::memory_order_relaxed);
+}
+
+}  // namespace qv

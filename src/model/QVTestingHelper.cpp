@@ -1,0 +1,41 @@
+#include "qvcore/model/QVTestingHelper.h"
+
+#include <cstdlib>
+
+#include "qvcore/platform/QVNotificationCenter.h"
+#include "qvcore/platform/QVRunLoop.h"
+
+namespace qv {
+
+namespace {
+
+bool isLoggingSwitchedOn() {
+  const char* value = std::getenv(QVTestingHelper::kJsonLoggingName);
+  return value && std::strtol(value, nullptr, 10) == 1;
+}
+
+void postJsonDictionaryOf(const QVMessage& message) {
+  QVValue dictionary = message.jsonDictionary();
+  if (dictionary.is_null()) return;
+  auto shared = std::make_shared<const QVValue>(std::move(dictionary));
+  QVNotification notification;
+  notification.name = QVTestingHelper::kJsonLoggingName;
+  notification.sender = shared.get();
+  notification.object = std::move(shared);
+  QVNotificationCenter::defaultCenter().post(notification);
+}
+
+}  // namespace
+
+void QVTestingHelper::logForTesting(std::shared_ptr<QVMessage> message) {
+  if (!message || !isLoggingSwitchedOn()) return;
+  QVRunLoop::main().post([message = std::move(message)] { postJsonDictionaryOf(*message); });
+}
+
+std::shared_ptr<const QVValue> QVTestingHelper::jsonDictionaryOfNotification(
+    const QVNotification& notification) {
+  const auto* dictionary = std::any_cast<std::shared_ptr<const QVValue>>(&notification.object);
+  return dictionary ? *dictionary : nullptr;
+}
+
+}  // namespace qv

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <thread>
+
+#include "qvcore/platform/QVHttpSession.h"
+
+namespace qv {
+
+// The HTTP session on libcurl: one multi handle driven by one callback
+// thread, which runs every transfer and calls every completion. Starting a
+// task from any thread hands the prepared transfer to that thread and wakes
+// it (curl_multi_wakeup). Cookies live in memory in a share handle that all
+// transfers of the session use; as easy handles are set up on the calling
+// thread, the share carries lock callbacks.
+//
+// What goes on the wire is the request, and libcurl adds only what HTTP
+// needs: "Host" and, for a body, "Content-Length" when the request has none.
+// Its own "Accept", "Expect: 100-continue" and form "Content-Type" are
+// suppressed, no "Accept-Encoding" or "User-Agent" is added, a GET carries no
+// body, and redirects are not followed. A request's "Cookie" header joins the
+// stored cookies in one "Cookie" line. Headers whose name is not an HTTP
+// token, or whose value holds CR, LF or NUL, are left out rather than let
+// split the request. Only http and https URLs are fetched.
+//
+// Destroying the session cancels what is unfinished: each completion is
+// called with QVHttpError::kCancelled. A completion that throws a
+// std::exception is ignored; it does not stop the thread.
+class QVCurlHttpSession : public QVHttpSession {
+ public:
+  QVCurlHttpSession();
+  ~QVCurlHttpSession() override;
+  QVCurlHttpSession(const QVCurlHttpSession&) = delete;
+  QVCurlHttpSession& operator=(const QVCurlHttpSession&) = delete;
+
+  void uploadTaskWithRequest(const QVMutableURLRequest& request,
+                             std::shared_ptr<const std::string> body,
+                             CompletionHandler completion) override;
+  void dataTaskWithRequest(const QVMutableURLRequest& request,
+                           CompletionHandler completion) override;
+
+  // The time-out libcurl is given, in milliseconds: the request's seconds
+  // rounded up, 60 s when not positive, at most 2^31-1 ms.
+  static long timeoutMilliseconds(double seconds);
+
+ private:
+  class Engine;
+  std::shared_ptr<Engine> engine_;
+  std::thread thread_;
+};
+
+}  // namespace qv

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "platform/QVNetlinkRoutes.h"
+#include "qvcore/platform/QVReachabilityTarget.h"
+
+namespace qv {
+
+// A target whose flags come from the kernel's route to its destination. Once
+// scheduled, a socket subscribed to the kernel's link, address and route
+// events is watched on the loop; after each burst of events the flags are
+// read again, and changed is called only when they differ from the last
+// ones, so that unrelated routing noise stays quiet.
+class QVNetlinkReachabilityTarget final : public QVReachabilityTarget {
+ public:
+  explicit QVNetlinkReachabilityTarget(QVNetlinkDestination destination);
+  ~QVNetlinkReachabilityTarget() override;
+
+  std::optional<uint32_t> flags() override;
+  bool schedule(QVRunLoop& loop, Changed changed) override;
+  bool unschedule() override;
+
+ private:
+  struct Subscription;
+
+  const QVNetlinkDestination destination_;
+  std::mutex mutex_;
+  std::shared_ptr<Subscription> subscription_;  // guarded by mutex_
+};
+
+}  // namespace qv

@@ -1,0 +1,7 @@
+#include "qvcore/platform/QVReachabilityTarget.h"
+
+namespace qv {
+
+QVReachabilityTarget::~QVReachabilityTarget() = default;
+
+}  // namespace qv

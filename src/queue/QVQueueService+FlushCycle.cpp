@@ -1,0 +1,229 @@
+// The flush cycle: the timer, cutting module queues onto the send list, and
+// the chain of posts that the connection's outcomes drive.
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "qvcore/config/QVConfigService.h"
+#include "qvcore/core/QVCore.h"
+#include "qvcore/model/QVQueue.h"
+#include "qvcore/platform/QVRepeatingTimer.h"
+#include "qvcore/platform/QVRunLoop.h"
+#include "qvcore/platform/QVSerialQueue.h"
+#include "qvcore/platform/QVValue.h"
+#include "qvcore/queue/QVDataCompression.h"
+#include "qvcore/queue/QVQueueService.h"
+#include "qvcore/queue/QVServerConnection.h"
+
+namespace qv {
+
+namespace {
+
+// The item as a boolean, the way the connection reads it, so that the
+// service and the connection agree on which queues are URL-encoded.
+bool isURLEncoded(const std::shared_ptr<QVLifecycleObject>& module) {
+  if (!module) return false;
+  const auto item =
+      QVConfigService::sharedInstance()->getConfigItemForLifecycleObject("URLEncoded", module);
+  return item && QVValues::boolValue(*item);
+}
+
+}  // namespace
+
+bool QVQueueService::startFlushTimer() {
+  try {
+    if (isManualPostingEnabled()) return true;
+    auto config = QVConfigService::sharedInstance();
+    if (!config->isDoPostOnIntervalsEnabled()) return false;
+    const QVValue interval = config->getNumberItemForWithDefaultForModule(
+        "PostMessageTimeIntervals", 30, QVCore::sharedInstance());
+    if (!QVValues::isNumber(interval)) return flushTimer() != nullptr;
+    std::weak_ptr<QVQueueService> weak = weak_from_this();
+    auto timer = QVRepeatingTimer::scheduledTimer(QVRunLoop::current(),
+                                                  QVValues::doubleValue(interval), [weak] {
+                                                    if (auto service = weak.lock())
+                                                      service->asyncFlushQueues();
+                                                  });
+    // A timer held before is dropped without being invalidated: it keeps
+    // firing, and only the newest one can be stopped.
+    std::lock_guard lock(stateMutex_);
+    flushTimer_ = std::move(timer);
+    return flushTimer_ != nullptr;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void QVQueueService::stopFlushTimer() {
+  std::shared_ptr<QVRepeatingTimer> timer;
+  {
+    std::lock_guard lock(stateMutex_);
+    timer = std::move(flushTimer_);
+  }
+  if (timer) timer->invalidate();
+}
+
+void QVQueueService::asyncFlushQueues() {
+  if (auto queue = flushDispatchQueue()) {
+    queue->async([self = shared_from_this()] { self->flushQueues(); });
+  }
+}
+
+void QVQueueService::flushQueues() {
+  if (!flushDispatchQueue()) return;
+  try {
+    recoverSavedQueues();
+  } catch (const std::exception&) {
+    // The files that were read are gone; the module queues are still sent.
+  }
+  try {
+    for (const auto& [name, queue] : moduleQueues()) {
+      if (!queue || queue->isEmpty()) continue;
+      if (isURLEncoded(queue->module())) {
+        flushURLQueue(queue);
+      } else {
+        flushQueue(queue);
+      }
+    }
+    auto connection = serverConnection();
+    if (hasQueuedPosts() && connection && !connection->isBusy()) continueFlush();
+  } catch (const std::exception&) {
+  }
+}
+
+std::shared_ptr<QVQueue> QVQueueService::cut(const std::shared_ptr<QVQueue>& queue) {
+  if (!queue) return nullptr;
+  std::lock_guard lock(cutMutex_);
+  // Checked again here: a flush beside this one may have cut it meanwhile.
+  if (queue->isEmpty()) return nullptr;
+  auto snapshot = QVQueue::initWithQueue(queue);
+  queue->flush();
+  return snapshot;
+}
+
+void QVQueueService::flushQueue(const std::shared_ptr<QVQueue>& queue) {
+  try {
+    if (auto snapshot = cut(queue)) appendToSendList(std::move(snapshot));
+    if (!isConnectionBusy()) continueFlush();
+  } catch (const std::exception&) {
+  }
+}
+
+void QVQueueService::flushURLQueue(const std::shared_ptr<QVQueue>& queue) {
+  try {
+    const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
+    if (!module) return;
+    // Walking the snapshot, not the live queue, keeps the sessions made
+    // after the cut for the next flush.
+    const auto snapshot = cut(queue);
+    if (!snapshot) return;
+    for (const auto& [id, session] : snapshot->sessions()) {
+      for (const auto& message : session->messages()) {
+        appendToSendList(QVQueue::initWithJSONAndModule(message->toJson(), module));
+        if (!isConnectionBusy()) continueFlush();
+      }
+    }
+  } catch (const std::exception&) {
+  }
+}
+
+void QVQueueService::continueFlush() {
+  std::shared_ptr<QVQueue> head;
+  {
+    std::lock_guard lock(sendListMutex_);
+    // An offer made by another thread is still unresolved: its outcome goes
+    // on from there. Without this, a flush and an outcome arriving together
+    // would both offer a head and the loser would be failed by the busy
+    // connection, and every queue after it with it.
+    if (offering_) return;
+    if (!cachedQueues_.empty()) {
+      head = cachedQueues_.front();
+      offering_ = true;
+    }
+  }
+  if (head) {
+    if (!postHead(head)) releaseOffer();
+    return;
+  }
+  ++completedFlushCycles_;
+  QVCore::sharedInstance()->flushCompleted();
+}
+
+void QVQueueService::flushCachedQueue(const std::shared_ptr<QVQueue>& queue) { postHead(queue); }
+
+bool QVQueueService::postHead(const std::shared_ptr<QVQueue>& queue) {
+  try {
+    const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
+    const auto url = QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(
+        "PostMessageUrl", module);
+    // Without a URL the queue stays at the head, holding up every module's
+    // queues behind it until the module gets one.
+    if (!url || !url->is_string() || url->get_ref<const std::string&>().empty()) return false;
+    auto connection = serverConnection();
+    if (!connection) return false;
+    connection->postQueueToURL(queue, url->get<std::string>());
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void QVQueueService::releaseOffer() {
+  std::lock_guard lock(sendListMutex_);
+  offering_ = false;
+}
+
+void QVQueueService::flushFinishedForQueue(const std::shared_ptr<QVQueue>& queue) {
+  {
+    std::lock_guard lock(sendListMutex_);
+    offering_ = false;
+    cachedQueues_.erase(std::remove(cachedQueues_.begin(), cachedQueues_.end(), queue),
+                        cachedQueues_.end());
+  }
+  continueFlush();
+}
+
+void QVQueueService::flushCompletedForQueue(const std::shared_ptr<QVQueue>& queue) {
+  flushFinishedForQueue(queue);
+}
+
+void QVQueueService::flushFailedForQueue(const std::shared_ptr<QVQueue>& queue) {
+  // Not retried in this cycle: the file brings it back at the next flush.
+  if (QVConfigService::sharedInstance()->isHasToPersistLocalCacheEnabled()) saveQueueToFile(queue);
+  flushFinishedForQueue(queue);
+}
+
+std::shared_ptr<QVMutableURLRequest> QVQueueService::beforeFlushingRequestForQueue(
+    const std::shared_ptr<QVMutableURLRequest>& request, const std::shared_ptr<QVQueue>&) {
+  if (!request || !QVConfigService::sharedInstance()->isCompressPostMessageEnabled()) {
+    return request;
+  }
+  const auto body = request->HTTPBody();
+  if (!body || body->empty()) return request;
+  const auto compressed = QVDataCompression::compressData(body);
+  // A failed compression hands back the body itself, which is not shorter.
+  if (compressed && !compressed->empty() && compressed->size() < body->size()) {
+    request->setHTTPBody(compressed);
+    request->setValueForHTTPHeaderField(std::to_string(compressed->size()), "Content-Length");
+    request->setValueForHTTPHeaderField("gzip", "Content-Encoding");
+  }
+  return request;
+}
+
+void QVQueueService::appendToSendList(std::shared_ptr<QVQueue> queue) {
+  if (!queue) return;
+  std::lock_guard lock(sendListMutex_);
+  cachedQueues_.push_back(std::move(queue));
+}
+
+bool QVQueueService::hasQueuedPosts() const {
+  std::lock_guard lock(sendListMutex_);
+  return !cachedQueues_.empty();
+}
+
+bool QVQueueService::isConnectionBusy() const {
+  auto connection = serverConnection();
+  return connection && connection->isBusy();
+}
+
+}  // namespace qv

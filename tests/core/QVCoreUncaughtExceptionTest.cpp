@@ -1,0 +1,133 @@
+// The core's terminate handler, in child processes that it ends. Traces in
+// the shared folder: "told" (a module was told), "released" (a flush was
+// about to be reported complete), "previous" (the application's handler ran).
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "qvcore/core/QVCore.h"
+#include "qvcore/platform/QVHttpSession.h"
+#include "support/QVCrashTestSupport.h"
+#include "support/QVFakeHttpSession.h"
+
+namespace qv {
+namespace {
+
+using test::QVCrashFolder;
+
+const QVCrashFolder* crashFolder = nullptr;
+
+// The application's handler: what it sees, and whether a flush had been
+// reported by then. It returns, which a terminate handler must not do.
+void applicationTerminateHandler() {
+  const std::string when = crashFolder->exists("released") ? "after release" : "early";
+  crashFolder->append("previous", test::describe(std::current_exception()) + " " + when);
+}
+
+class QVCoreUncaughtExceptionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    crashFolder = &folder;
+  }
+
+  // Child only: the application's handler, then the core enabled `enables`
+  // times, with a module that hears of crashes and one that cannot.
+  std::shared_ptr<test::QVCrashRecordingModule> startCore(int enables,
+                                                          QVValue items = {{"Any", 1}}) {
+    std::set_terminate(&applicationTerminateHandler);
+    auto recorder = std::make_shared<test::QVCrashRecordingModule>("Recorder", folder);
+    auto deaf = std::make_shared<test::QVTestModule>("Deaf", "");
+    test::configureCore(folder.at("home"), {{recorder, items}, {deaf, {{"Any", 1}}}});
+    auto core = QVCore::sharedInstance();
+    for (int i = 0; i < enables; ++i) {
+      // The network monitor does not start twice without a disable between;
+      // disabling leaves the terminate handler installed.
+      if (i > 0) {
+        EXPECT_TRUE(core->disable());
+      }
+      EXPECT_TRUE(core->enable());
+    }
+    EXPECT_TRUE(core->enableModule("Recorder") && core->enableModule("Deaf"));
+    return recorder;
+  }
+  void releaseWhen(const std::string& trace, size_t lines) {
+    std::thread([this, trace, lines] {
+      folder.waitForLines(trace, lines);
+      folder.append("released", "");
+      QVCore::sharedInstance()->flushCompleted();
+    }).detach();
+  }
+
+  QVCrashFolder folder;
+};
+
+// Nothing to send: only the completion reported by hand ends the wait, and
+// those reported before the crash count for nothing.
+TEST_F(QVCoreUncaughtExceptionTest, WaitsForAFlushToCompleteThenChainsAndAborts) {
+  EXPECT_EXIT(
+      {
+        startCore(1);
+        for (int i = 0; i < 3; ++i) QVCore::sharedInstance()->flushCompleted();
+        releaseWhen("told", 1);
+        test::crashWithUncaughtException("boom");
+      },
+      ::testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EQ(folder.lines("told"), std::vector<std::string>{"boom"});
+  EXPECT_EQ(folder.lines("previous"), std::vector<std::string>{"boom after release"});
+}
+
+// No exception: no module is told, yet the queued message is flushed and the
+// end of that flush ends the wait.
+TEST_F(QVCoreUncaughtExceptionTest, TerminatingWithoutAnExceptionStillFlushes) {
+  EXPECT_EXIT(
+      {
+        auto session = std::make_shared<test::QVFakeHttpSession>();
+        QVHttpSession::setShared(session);
+        startCore(1, {{"PostMessageUrl", "http://collector.test/crash"}});
+        QVCore::sharedInstance()->postMessageForModuleName(test::crashMessage(3), "Recorder");
+        std::thread([this, session] {
+          for (int i = 0; i < 3000 && session->taskCount() == 0; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+          }
+          folder.append("released", "");
+          if (session->taskCount() == 1) session->completeWithStatus(0, 200);
+        }).detach();
+        std::terminate();
+      },
+      ::testing::KilledBySignal(SIGABRT), "");
+  EXPECT_FALSE(folder.exists("told"));
+  EXPECT_EQ(folder.lines("previous"), std::vector<std::string>{"none after release"});
+}
+
+TEST_F(QVCoreUncaughtExceptionTest, AFailingModuleEndsTheHandlingBeforeTheChain) {
+  EXPECT_EXIT(
+      {
+        startCore(1)->failsWhenTold = true;
+        releaseWhen("told", 1);
+        test::crashWithUncaughtException("boom");
+      },
+      ::testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EQ(folder.lines("told"), std::vector<std::string>{"boom"});
+  EXPECT_FALSE(folder.exists("previous"));
+}
+
+// After a second enable the saved handler is the core's own: a completed
+// flush leads into the core's handler again, which tells the modules again
+// and waits again; the application's handler is never reached. The child
+// leaves once the second round has begun.
+TEST_F(QVCoreUncaughtExceptionTest, ASecondEnableChainsTheHandlerToItself) {
+  EXPECT_EXIT(
+      {
+        startCore(2);
+        releaseWhen("told", 1);
+        std::thread([this] { ::_exit(folder.waitForLines("told", 2) ? 42 : 1); }).detach();
+        test::crashWithUncaughtException("boom");
+      },
+      ::testing::ExitedWithCode(42), "");
+  EXPECT_EQ(folder.lines("told"), (std::vector<std::string>{"boom", "boom"}));
+  EXPECT_FALSE(folder.exists("previous"));
+}
+
+}  // namespace
+}  // namespace qv

@@ -1,0 +1,93 @@
+#include "platform/QVCurlHttpSession.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <climits>
+#include <cmath>
+#include <future>
+
+#include "support/QVTestHttpServer.h"
+
+namespace qv {
+namespace {
+
+struct Outcome {
+  std::optional<QVHttpResponse> response;
+  std::optional<QVHttpError> error;
+};
+
+class QVCurlHttpSessionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) {
+      ::unsetenv(name);
+    }
+  }
+  // Starts a data task; the future holds its outcome.
+  static std::future<Outcome> send(QVCurlHttpSession& session, const QVMutableURLRequest& request) {
+    auto promise = std::make_shared<std::promise<Outcome>>();
+    session.dataTaskWithRequest(request, [promise](auto response, auto error) {
+      promise->set_value(Outcome{std::move(response), std::move(error)});
+    });
+    return promise->get_future();
+  }
+  static Outcome await(std::future<Outcome> future) {
+    EXPECT_EQ(future.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    return future.get();
+  }
+
+  test::QVTestHttpServer server_;
+};
+
+TEST_F(QVCurlHttpSessionTest, TimeOutIsTheRequestsSecondsRoundedUpAndAlwaysBounded) {
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(1.0), 1000);
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(0.0001), 1);  // never 0, which is no limit
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(0), 60000);
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(NAN), 60000);
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(INFINITY), INT_MAX);
+}
+
+TEST_F(QVCurlHttpSessionTest, UnsafeHeadersAreLeftOutAndCookieHandlingCanBeOff) {
+  server_.addReply(test::QVTestReply::answer(418, {{"Set-Cookie", "sid=abc; Path=/"}}));
+  QVCurlHttpSession session;
+  QVMutableURLRequest request(server_.url("/h"));
+  request.setValueForHTTPHeaderField("v\r\nX-Injected: 1", "X-Split");
+  request.setValueForHTTPHeaderField("v", "Bad Name");
+  request.setValueForHTTPHeaderField("", "X-Empty");
+  request.setHTTPShouldHandleCookies(false);
+  const Outcome first = await(send(session, request));
+  ASSERT_TRUE(first.response);
+  EXPECT_FALSE(first.error);
+  EXPECT_EQ(first.response->statusCode, 418);
+  EXPECT_EQ(first.response->valueForHTTPHeaderField("set-cookie"), "sid=abc; Path=/");
+  await(send(session, request));
+
+  const auto sent = server_.request(1);
+  EXPECT_EQ(sent.headers.size(), 2u);  // Host and X-Empty
+  EXPECT_EQ(sent.header("X-Empty"), "");
+  EXPECT_EQ(sent.headerCount("Cookie"), 0u);  // the store was not used
+}
+
+TEST_F(QVCurlHttpSessionTest, DestroyingTheSessionCancelsWhatIsUnfinished) {
+  server_.addReply(test::QVTestReply::of(test::QVTestReply::Kind::kStall));
+  std::future<Outcome> future;
+  {
+    QVCurlHttpSession session;
+    future = send(session, QVMutableURLRequest(server_.url("/stall")));
+    ASSERT_TRUE(server_.waitForRequests(1));
+  }
+  const Outcome outcome = await(std::move(future));
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, QVHttpError::kCancelled);
+}
+
+TEST_F(QVCurlHttpSessionTest, OnlyHttpAndHttpsAreFetched) {
+  QVCurlHttpSession session;
+  const Outcome outcome = await(send(session, QVMutableURLRequest("file:///etc/hostname")));
+  EXPECT_FALSE(outcome.response);
+  EXPECT_TRUE(outcome.error);
+}
+
+}  // namespace
+}  // namespace qv

@@ -1,0 +1,191 @@
+// The socket streams that the log relay writes through, against a real TCP
+// peer on the loopback address.
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/QVSocketConnection.h"
+#include "platform/QVSocketInputStream.h"
+#include "platform/QVSocketOutputStream.h"
+#include "qvcore/platform/QVRunLoop.h"
+#include "qvcore/platform/QVStreamDelegate.h"
+#include "qvcore/platform/QVStreamException.h"
+
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::Pair;
+
+namespace qv {
+namespace {
+
+class EventLog : public QVStreamDelegate {
+ public:
+  void streamHandleEvent(const std::shared_ptr<QVByteStream>& stream,
+                         QVByteStream::Event event) override {
+    events.emplace_back(stream.get(), event);
+  }
+  bool saw(const std::shared_ptr<QVByteStream>& stream, QVByteStream::Event event) const {
+    for (const auto& [who, what] : events) {
+      if (who == stream.get() && what == event) return true;
+    }
+    return false;
+  }
+  std::vector<std::pair<QVByteStream*, QVByteStream::Event>> events;
+};
+
+// A listening socket on 127.0.0.1 and a port the system picked.
+class Peer {
+ public:
+  Peer() {
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address_;
+    EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address_), length), 0);
+    EXPECT_EQ(::listen(listener_, 4), 0);
+    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &length);
+  }
+  ~Peer() {
+    if (accepted_ >= 0) ::close(accepted_);
+    if (listener_ >= 0) ::close(listener_);
+  }
+  std::vector<uint8_t> address() const {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&address_);
+    return {bytes, bytes + sizeof address_};
+  }
+  // Closing the listener leaves an address that refuses connections.
+  void stopListening() { ::close(std::exchange(listener_, -1)); }
+  bool accept() {
+    pollfd entry{listener_, POLLIN, 0};
+    if (::poll(&entry, 1, 5000) != 1) return false;
+    accepted_ = ::accept(listener_, nullptr, nullptr);
+    return accepted_ >= 0;
+  }
+  std::string receive(size_t count) {
+    std::string got;
+    while (got.size() < count) {
+      pollfd entry{accepted_, POLLIN, 0};
+      if (::poll(&entry, 1, 5000) != 1) break;
+      char buffer[256];
+      const ssize_t n = ::recv(accepted_, buffer, sizeof buffer, 0);
+      if (n <= 0) break;
+      got.append(buffer, static_cast<size_t>(n));
+    }
+    return got;
+  }
+  void send(const std::string& text) { ::send(accepted_, text.data(), text.size(), 0); }
+  // True once the other side has ended the connection.
+  bool seesEnd() {
+    pollfd entry{accepted_, POLLIN, 0};
+    char byte;
+    return ::poll(&entry, 1, 5000) == 1 && ::recv(accepted_, &byte, 1, 0) == 0;
+  }
+  void close() { ::close(std::exchange(accepted_, -1)); }
+
+ private:
+  int listener_ = -1;
+  int accepted_ = -1;
+  sockaddr_in address_{};
+};
+
+ptrdiff_t write(QVOutputStream& stream, const std::string& text) {
+  return stream.write(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+class QVLogRelaySocketStreamTest : public ::testing::Test {
+ protected:
+  void open(const std::vector<uint8_t>& address) {
+    std::tie(input_, output_) = QVSocketConnection::makeStreams(address);
+    for (std::shared_ptr<QVByteStream> stream :
+         {std::shared_ptr<QVByteStream>(input_), std::shared_ptr<QVByteStream>(output_)}) {
+      stream->setDelegate(log_);
+      stream->open();
+      stream->scheduleInRunLoop(loop_);
+    }
+  }
+  bool await(const std::shared_ptr<QVByteStream>& stream, QVByteStream::Event event) {
+    return loop_.runUntil([&] { return log_->saw(stream, event); }, 5s);
+  }
+
+  QVRunLoop loop_;
+  std::shared_ptr<EventLog> log_ = std::make_shared<EventLog>();
+  std::shared_ptr<QVSocketInputStream> input_;
+  std::shared_ptr<QVSocketOutputStream> output_;
+};
+
+TEST_F(QVLogRelaySocketStreamTest, WritesReachThePeerAndItsCloseIsHeard) {
+  Peer peer;
+  open(peer.address());
+  // Written before the connect is known to be done: the write waits for it.
+  EXPECT_EQ(write(*output_, "hello, "), 7);
+  ASSERT_TRUE(peer.accept());
+  EXPECT_TRUE(await(output_, QVByteStream::kEventOpenCompleted));
+  EXPECT_TRUE(await(output_, QVByteStream::kEventHasSpaceAvailable));
+  EXPECT_TRUE(await(input_, QVByteStream::kEventOpenCompleted));
+  EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusOpen);
+  EXPECT_EQ(write(*output_, "tool"), 4);
+  EXPECT_EQ(peer.receive(11), "hello, tool");
+
+  peer.send("ack");
+  ASSERT_TRUE(await(input_, QVByteStream::kEventHasBytesAvailable));
+  uint8_t buffer[8] = {};
+  EXPECT_EQ(input_->read(buffer, sizeof buffer), 3);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), 3), "ack");
+
+  peer.close();
+  ASSERT_TRUE(await(input_, QVByteStream::kEventEndEncountered));
+  EXPECT_EQ(input_->streamStatus(), QVByteStream::kStatusAtEnd);
+  // The peer's reset comes back after the first write into the closed
+  // connection; from then on writes raise instead of looping.
+  bool raised = false;
+  loop_.runUntil(
+      [&] {
+        try {
+          write(*output_, "more");
+        } catch (const QVStreamException&) {
+          raised = true;
+        }
+        return raised;
+      },
+      5s);
+  EXPECT_TRUE(raised);
+  EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusError);
+}
+
+TEST_F(QVLogRelaySocketStreamTest, ARefusedConnectionIsAnErrorAndWritesRaise) {
+  Peer peer;
+  peer.stopListening();
+  open(peer.address());
+  EXPECT_TRUE(await(output_, QVByteStream::kEventErrorOccurred));
+  EXPECT_TRUE(await(input_, QVByteStream::kEventErrorOccurred));
+  EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusError);
+  EXPECT_THAT(output_->streamError(), HasSubstr("refused"));
+  EXPECT_THROW(write(*output_, "lost"), QVStreamException);
+  EXPECT_FALSE(log_->saw(output_, QVByteStream::kEventOpenCompleted));
+}
+
+TEST_F(QVLogRelaySocketStreamTest, AClosedStreamSaysNothingMoreAndTakesNothing) {
+  Peer peer;
+  open(peer.address());
+  ASSERT_TRUE(peer.accept());
+  output_->close();
+  input_->close();
+  peer.send("unheard");
+  loop_.runFor(100ms);
+  EXPECT_TRUE(log_->events.empty()) << "events of closed streams are dropped";
+  EXPECT_THROW(write(*output_, "x"), QVStreamException);
+  EXPECT_TRUE(peer.seesEnd()) << "closing both streams ends the connection";
+}
+
+}  // namespace
+}  // namespace qv

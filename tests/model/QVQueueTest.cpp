@@ -1,0 +1,166 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "qvcore/core/QVCore.h"
+#include "qvcore/core/QVCoreHelper.h"
+#include "qvcore/model/QVQueue.h"
+#include "support/QVTestModule.h"
+
+namespace qv {
+namespace {
+
+std::shared_ptr<QVMessage> messageAt(uint64_t offset) {
+  auto message = std::make_shared<QVMessage>();
+  message->setOffset(offset);
+  return message;
+}
+
+// Offsets of the payload by session identifier, sessions in payload order.
+std::vector<std::pair<std::string, std::vector<uint64_t>>> contents(const std::string& json) {
+  std::vector<std::pair<std::string, std::vector<uint64_t>>> out;
+  const QVValue payload = QVValue::parse(json);
+  for (const auto& session : payload.at("sessions")) {
+    out.emplace_back(session.at("id"), std::vector<uint64_t>{});
+    for (const auto& message : session.at("messages"))
+      out.back().second.push_back(message.at("offset"));
+  }
+  return out;
+}
+
+TEST(QVQueueTest, PayloadTopLevelAndSerialNumbers) {
+  auto queue = std::make_shared<QVQueue>();
+  QVValue payload = QVValue::parse(queue->toJson());
+  EXPECT_EQ(payload.size(), 3u);
+  EXPECT_EQ(payload["messageVersion"], "6.0.0.0");
+  EXPECT_TRUE(payload["serialNumber"].is_number_integer());
+  EXPECT_EQ(payload["serialNumber"], 1);
+  EXPECT_EQ(payload["sessions"], QVValue::array());
+
+  // No identifier: the core's session, the queue's first current one.
+  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(1), std::nullopt));
+  EXPECT_EQ(queue->sessionForID(QVCore::sharedInstance()->currentSessionID())->messageCount(), 1u);
+  queue->flush();
+  queue->flush();
+  payload = QVValue::parse(queue->toJson());
+  EXPECT_EQ(payload["serialNumber"], 3);
+  EXPECT_EQ(payload["sessions"], QVValue::array());
+  EXPECT_TRUE(queue->isEmpty());
+}
+
+TEST(QVQueueTest, SessionLookupRules) {
+  auto queue = std::make_shared<QVQueue>();
+  const std::string core = QVCore::sharedInstance()->currentSessionID();
+  EXPECT_EQ(queue->currentSessionID(), core);
+  EXPECT_FALSE(queue->postMessageToSessionID(messageAt(0), ""));
+  EXPECT_FALSE(queue->postMessageToSessionID(nullptr, "S1"));
+  EXPECT_EQ(queue->sessionCount(), 0u);
+  EXPECT_EQ(queue->currentSessionStartTime(), 0u);
+
+  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(1), "S1"));
+  const uint64_t s1Start = queue->sessionForID("S1")->startTime();
+  EXPECT_EQ(queue->currentSessionStartTime(), s1Start);
+  // So that the two sessions' start times differ.
+  while (QVCoreHelper::sharedInstance()->now() == s1Start) std::this_thread::yield();
+  // Looking up makes a session but does not make it current.
+  auto s2 = queue->sessionForID("S2");
+  EXPECT_EQ(queue->currentSessionID(), "S1");
+  EXPECT_EQ(queue->currentSessionStartTime(), s2->startTime());
+  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(2), "S1"));
+  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(3), std::nullopt));
+  EXPECT_EQ(queue->currentSessionStartTime(), s2->startTime());
+  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(4), "S2"));
+  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(5), std::nullopt));
+  EXPECT_EQ(queue->sessionForID("S2"), s2);
+  EXPECT_EQ(queue->currentSessionID(), "S2");
+
+  using C = decltype(contents(""));
+  EXPECT_EQ(contents(queue->toJson()), (C{{"S1", {1, 2, 3}}, {"S2", {4, 5}}}));
+}
+
+TEST(QVQueueTest, CachedTextIsSentUnchanged) {
+  std::shared_ptr<QVLifecycleObject> module =
+      std::make_shared<test::QVTestModule>("CachedModule", "");
+  const std::string text = R"({"messageVersion":"6.0.0.0","serialNumber":9,"sessions":[]})";
+  auto queue = QVQueue::initWithJSONAndModule(text, module);
+  queue->postMessageToSessionID(messageAt(1), "S1");
+  EXPECT_EQ(queue->toJson(), text);
+  EXPECT_EQ(queue->module(), module);
+  EXPECT_EQ(QVQueue::initWithQueue(queue)->module(), module);
+  module.reset();
+  EXPECT_EQ(queue->module(), nullptr);
+}
+
+TEST(QVQueueTest, SnapshotSharesSessionsAndFlushClosesOnlyWhatItTook) {
+  auto live = QVQueue::initForModule(nullptr);
+  live->postMessageToSessionID(messageAt(1), "S1");
+  auto shared = live->sessionForID("S1");
+  auto snapshot = QVQueue::initWithQueue(live);
+  EXPECT_EQ(snapshot->sessionForID("S1"), shared);
+  EXPECT_EQ(snapshot->currentSessionStartTime(), 0u);
+  EXPECT_EQ(snapshot->currentSessionID(), "S1");
+
+  // Between the snapshot and the flush: into the shared session, and a new one.
+  live->postMessageToSessionID(messageAt(2), "S1");
+  live->postMessageToSessionID(messageAt(3), "S2");
+  live->flush();
+  EXPECT_EQ(live->serialNumber(), 2);
+  EXPECT_EQ(snapshot->serialNumber(), 1);
+  EXPECT_TRUE(shared->isClosed());
+
+  // A post to S1 now opens a fresh session in the live queue.
+  ASSERT_TRUE(live->postMessageToSessionID(messageAt(4), "S1"));
+  using C = decltype(contents(""));
+  EXPECT_EQ(contents(snapshot->toJson()), (C{{"S1", {1, 2}}}));
+  EXPECT_EQ(contents(live->toJson()), (C{{"S2", {3}}, {"S1", {4}}}));
+}
+
+// Posters on several threads while a flusher snapshots, flushes and
+// serialises: every accepted message is sent once or is still queued.
+TEST(QVQueueTest, ConcurrentPostsAreSentExactlyOnce) {
+  auto live = std::make_shared<QVQueue>();
+  constexpr int kThreads = 6, kPosts = 20000, kPostsPerFlush = 25;
+  std::atomic<int> running{kThreads}, flushes{0};
+  std::vector<std::vector<uint64_t>> accepted(kThreads);
+  std::vector<std::thread> posters;
+  for (int t = 0; t < kThreads; ++t) {
+    posters.emplace_back([&, t] {
+      for (uint64_t i = 0; i < kPosts; ++i) {
+        // Posting and flushing keep pace, so that they overlap throughout.
+        while (flushes < static_cast<int>(i / kPostsPerFlush)) std::this_thread::yield();
+        const uint64_t offset = t * 1000000000ull + i;
+        const auto id = i % 4 == 0 ? std::optional<std::string>() : "S" + std::to_string(i % 40);
+        if (live->postMessageToSessionID(messageAt(offset), id)) accepted[t].push_back(offset);
+      }
+      --running;
+    });
+  }
+  std::multiset<uint64_t> seen;
+  auto collect = [&](const QVQueue& queue) {
+    for (const auto& [id, session] : queue.sessions()) {
+      for (const auto& message : session->jsonSerializedMessages()) {
+        seen.insert(message.at("offset").get<uint64_t>());
+      }
+    }
+  };
+  while (running > 0) {
+    auto snapshot = QVQueue::initWithQueue(live);
+    std::this_thread::yield();  // lets posts land between the snapshot and the flush
+    live->flush();
+    EXPECT_EQ(snapshot->serialNumber(), ++flushes);
+    collect(*snapshot);
+  }
+  for (auto& poster : posters) poster.join();
+  collect(*live);
+
+  std::multiset<uint64_t> expected;
+  for (const auto& offsets : accepted) expected.insert(offsets.begin(), offsets.end());
+  EXPECT_EQ(seen, expected);
+  EXPECT_EQ(expected.size(), static_cast<size_t>(kThreads * kPosts));
+}
+
+}  // namespace
+}  // namespace qv

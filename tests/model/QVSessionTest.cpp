@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "qvcore/core/QVCore.h"
+#include "qvcore/core/QVCoreHelper.h"
+#include "qvcore/model/QVSession.h"
+#include "qvcore/model/QVTestingListener.h"
+#include "qvcore/platform/QVDevice.h"
+#include "qvcore/platform/QVRunLoop.h"
+
+namespace qv {
+namespace {
+
+std::shared_ptr<QVMessage> messageAt(uint64_t offset) {
+  auto message = std::make_shared<QVMessage>();
+  message->setOffset(offset);
+  return message;
+}
+
+class FailingMessage : public QVMessage {
+ public:
+  QVValue jsonDictionary() const override { throw std::runtime_error("no JSON"); }
+};
+
+TEST(QVSessionTest, PayloadEntryHasItsKeysTypesAndArrivalOrder) {
+  const uint64_t before = QVCoreHelper::sharedInstance()->now();
+  auto session = QVSession::initWithSessionID("S1");
+  ASSERT_TRUE(session->addMessage(messageAt(7)));
+  ASSERT_TRUE(session->addMessage(messageAt(3)));
+
+  const QVValue dict = session->jsonDictionary();
+  std::vector<std::string> keys;
+  for (auto it = dict.begin(); it != dict.end(); ++it) keys.push_back(it.key());
+  EXPECT_EQ(keys, (std::vector<std::string>{"id", "startTime", "clientEnvironment", "messages",
+                                            "QVCoreSessionID"}));
+  EXPECT_EQ(dict["id"], "S1");
+  ASSERT_TRUE(dict["startTime"].is_number_integer());
+  EXPECT_GE(dict["startTime"].get<uint64_t>(), before);
+  EXPECT_LE(dict["startTime"].get<uint64_t>(), QVCoreHelper::sharedInstance()->now());
+  EXPECT_TRUE(dict["clientEnvironment"].is_object());
+  EXPECT_EQ(dict["messages"], QVValue::parse(R"([{"offset":7},{"offset":3}])"));
+  EXPECT_EQ(dict["QVCoreSessionID"], QVCore::sharedInstance()->currentSessionID());
+  EXPECT_EQ(QVValue::parse(session->toJson()), dict);
+
+  QVSession anonymous;
+  anonymous.setCoreSessionID(std::nullopt);
+  const QVValue bare = anonymous.jsonDictionary();
+  EXPECT_FALSE(bare.contains("id"));
+  EXPECT_FALSE(bare.contains("QVCoreSessionID"));
+  EXPECT_EQ(bare["messages"], QVValue::array());
+}
+
+TEST(QVSessionTest, ClientEnvironmentIsReadWhenSerialised) {
+  QVDevice::currentDevice().setSystemName("BeforeOS");
+  auto session = QVSession::initWithSessionID("S1");
+  QVDevice::currentDevice().setSystemName("AfterOS");
+  EXPECT_EQ(session->jsonDictionary()["clientEnvironment"]["osType"], "AfterOS");
+}
+
+TEST(QVSessionTest, FailingMessageEndsTheEntryWithoutThrowing) {
+  auto session = QVSession::initWithSessionID("S1");
+  session->addMessage(std::make_shared<FailingMessage>());
+  const QVValue dict = session->jsonDictionary();
+  EXPECT_TRUE(dict.contains("clientEnvironment"));
+  EXPECT_FALSE(dict.contains("messages"));
+}
+
+// Adders race with the close; whatever was accepted is serialised, nothing
+// refused is.
+TEST(QVSessionTest, AddsRacingWithCloseAreEitherKeptOrRefused) {
+  auto session = QVSession::initWithSessionID("S1");
+  std::atomic<int> accepted{0};
+  std::vector<std::thread> adders;
+  for (int t = 0; t < 4; ++t) {
+    adders.emplace_back([&, t] {
+      for (uint64_t i = 0; i < 2000; ++i) {
+        if (session->addMessage(messageAt(t * 10000 + i))) ++accepted;
+      }
+    });
+  }
+  while (session->messageCount() < 100) std::this_thread::yield();
+  session->close();
+  const QVValue closedForm = session->jsonSerializedMessages();
+  for (auto& adder : adders) adder.join();
+  EXPECT_FALSE(session->addMessage(messageAt(1)));
+  EXPECT_EQ(closedForm.size(), static_cast<size_t>(accepted.load()));
+  EXPECT_EQ(session->jsonSerializedMessages(), closedForm);
+}
+
+TEST(QVSessionTest, AcceptedMessagesReachTheTestLog) {
+  setenv("QV_JSON_Logging", "1", 1);
+  auto listener = QVTestingListener::create();
+  auto session = QVSession::initWithSessionID("S1");
+  session->addMessage(messageAt(5));
+  session->close();
+  session->addMessage(messageAt(6));
+  QVRunLoop::main().runUntilIdle();
+  EXPECT_EQ(listener->getJsonStackWithFlush(false),
+            std::vector<QVValue>{QVValue::parse(R"({"offset":5})")});
+}
+
+}  // namespace
+}  // namespace qv

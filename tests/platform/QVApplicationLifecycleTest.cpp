@@ -1,0 +1,96 @@
+// Lifecycle events and background tasks of the host application.
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <thread>
+
+#include "qvcore/platform/QVApplication.h"
+#include "qvcore/platform/QVNotificationCenter.h"
+#include "qvcore/platform/QVRunLoop.h"
+
+namespace qv {
+namespace {
+
+using Event = QVApplication::LifecycleEvent;
+
+TEST(QVApplicationLifecycleTest, EventsReachObserversOnTheMainLoopAfterTheStateMoved) {
+  QVApplication& app = QVApplication::sharedApplication();
+  std::vector<std::pair<std::string, std::optional<int64_t>>> seen;
+  int observer = 0;
+  QVNotificationCenter::defaultCenter().addObserver(
+      &observer, "", &app,
+      [&](const QVNotification& n) { seen.emplace_back(n.name, app.applicationState()); });
+
+  std::thread([&] { app.didEnterBackground(); }).join();  // from a host thread
+  EXPECT_TRUE(seen.empty()) << "delivered only when the main loop runs";
+  struct Step {
+    Event event;
+    const char* name;
+    int64_t state;
+  };
+  const std::vector<Step> steps = {
+      {Event::kDidEnterBackground, "UIApplicationDidEnterBackgroundNotification", 2},
+      {Event::kWillEnterForeground, "UIApplicationWillEnterForegroundNotification", 1},
+      {Event::kDidBecomeActive, "UIApplicationDidBecomeActiveNotification", 0},
+      {Event::kWillTerminate, "UIApplicationWillTerminateNotification", 0},
+      {Event::kDidEnterBackground, "UIApplicationDidEnterBackgroundNotification", 2},
+      {Event::kWillTerminate, "UIApplicationWillTerminateNotification", 2}};
+  for (size_t i = 0; i < steps.size(); ++i) {
+    if (i > 0) app.postLifecycleEvent(steps[i].event);
+    QVRunLoop::main().runUntilIdle();
+    ASSERT_EQ(seen.size(), i + 1);
+    EXPECT_EQ(seen[i].first, steps[i].name);
+    EXPECT_EQ(seen[i].second, steps[i].state) << steps[i].name;
+  }
+  QVNotificationCenter::defaultCenter().removeObserver(&observer);
+}
+
+TEST(QVApplicationLifecycleTest, BackgroundTasksExpireOnlyWhenTheHostSaysSoAndOnlyOnce) {
+  QVApplication& app = QVApplication::sharedApplication();
+  std::vector<std::string> expired;
+  QVBackgroundTaskIdentifier upload = kUIBackgroundTaskInvalid;
+  upload = app.beginBackgroundTaskWithNameExpirationHandler("upload", [&] {
+    expired.push_back("upload");
+    app.endBackgroundTask(upload);  // a handler may end its own task
+  });
+  const auto save =
+      app.beginBackgroundTaskWithNameExpirationHandler("save", [&] { expired.push_back("save"); });
+  const auto ended = app.beginBackgroundTaskWithNameExpirationHandler(
+      "ended", [&] { expired.push_back("ended"); });
+  EXPECT_NE(upload, kUIBackgroundTaskInvalid);
+  EXPECT_NE(upload, save);
+  app.endBackgroundTask(ended);
+  app.endBackgroundTask(ended);
+  app.endBackgroundTask(kUIBackgroundTaskInvalid);
+  EXPECT_EQ(app.backgroundTaskNames(), (std::vector<std::string>{"upload", "save"}));
+
+  QVRunLoop::main().runUntilIdle();
+  app.expireBackgroundTasks();
+  EXPECT_TRUE(expired.empty()) << "never by itself, and only on the main loop";
+  QVRunLoop::main().runUntilIdle();
+  EXPECT_EQ(expired, (std::vector<std::string>{"upload", "save"}));
+  EXPECT_EQ(app.backgroundTaskNames(), std::vector<std::string>{"save"});
+  app.expireBackgroundTasks();
+  QVRunLoop::main().runUntilIdle();
+  EXPECT_EQ(expired.size(), 2u) << "no handler runs twice";
+
+  auto witness = std::make_shared<int>(0);
+  app.setRefusesBackgroundTasks(true);
+  EXPECT_EQ(app.beginBackgroundTaskWithNameExpirationHandler("no", [witness] { ++*witness; }),
+            kUIBackgroundTaskInvalid);
+  EXPECT_EQ(witness.use_count(), 1) << "a refused task's handler is not kept";
+}
+
+TEST(QVApplicationLifecycleTest, RemainingTimeIsUnlimitedUntilTheHostReportsIt) {
+  QVApplication& app = QVApplication::sharedApplication();
+  EXPECT_EQ(app.backgroundTimeRemaining(), std::numeric_limits<double>::max());
+  app.setBackgroundTimeRemaining(29.5);
+  EXPECT_EQ(app.backgroundTimeRemaining(), 29.5);
+  app.setBackgroundTimeRemaining(std::numeric_limits<double>::quiet_NaN());
+  EXPECT_EQ(app.backgroundTimeRemaining(), 0.0);
+  app.setBackgroundTimeRemaining(std::nullopt);
+  EXPECT_EQ(app.backgroundTimeRemaining(), std::numeric_limits<double>::max());
+}
+
+}  // namespace
+}  // namespace qv

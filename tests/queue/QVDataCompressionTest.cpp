@@ -1,0 +1,107 @@
+#include "qvcore/queue/QVDataCompression.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include "support/QVGzip.h"
+
+namespace qv {
+namespace {
+
+using Bytes = std::shared_ptr<const std::string>;
+
+Bytes bytes(std::string text) { return std::make_shared<const std::string>(std::move(text)); }
+
+// Stand-ins for the three pointers: they count, keep the arguments, fail
+// when told to, and otherwise hand on to zlib.
+struct Calls {
+  int init = 0, deflate = 0, end = 0;
+  std::vector<int> initArguments;
+  std::string version;
+  int initResult = Z_OK;
+  int deflateResult = Z_OK;
+} calls;
+
+int initStandIn(z_stream_s* s, int level, int method, int windowBits, int memLevel, int strategy,
+                const char* version, int streamSize) {
+  ++calls.init;
+  calls.initArguments = {level, method, windowBits, memLevel, strategy, streamSize};
+  calls.version = version;
+  if (calls.initResult != Z_OK) return calls.initResult;
+  return deflateInit2_(s, level, method, windowBits, memLevel, strategy, version, streamSize);
+}
+int deflateStandIn(z_stream_s* s, int flush) {
+  ++calls.deflate;
+  return calls.deflateResult != Z_OK ? calls.deflateResult : deflate(s, flush);
+}
+int endStandIn(z_stream_s* s) {
+  ++calls.end;
+  return deflateEnd(s);
+}
+
+class QVDataCompressionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QVDataCompression::deflateInitQVDCFunctor = &initStandIn;
+    QVDataCompression::deflateQVDCFunctor = &deflateStandIn;
+    QVDataCompression::deflateEndQVDCFunctor = &endStandIn;
+  }
+  void TearDown() override { QVDataCompression::load(); }
+};
+
+// Each test runs in a process of its own, so this sees the start-up state.
+TEST(QVDataCompressionStartTest, PointersAreBoundToZlibBeforeAnyCompression) {
+  EXPECT_EQ(QVDataCompression::deflateInitQVDCFunctor, &deflateInit2_);
+  EXPECT_EQ(QVDataCompression::deflateQVDCFunctor, &deflate);
+  EXPECT_EQ(QVDataCompression::deflateEndQVDCFunctor, &deflateEnd);
+}
+
+TEST_F(QVDataCompressionTest, LargeRepetitiveJsonGrowsTheBufferAndInflatesBack) {
+  std::string json = "[";
+  for (unsigned i = 0; json.size() < 400 * 1024; ++i) {
+    json += R"({"screen":"Checkout","n":)" + std::to_string(i * 2654435761u % 99991) + "},";
+  }
+  json.back() = ']';
+  const Bytes output = QVDataCompression::compressData(bytes(json));
+
+  EXPECT_GT(output->size(), 16384u);  // more than one step of the buffer
+  EXPECT_LT(output->size(), json.size());
+  EXPECT_EQ(test::gunzip(*output), json);
+  EXPECT_EQ(output->substr(3, 5), std::string(5, '\0'));  // no file name, no time stamp
+
+  // Default level, deflate, gzip framing with a 32 KiB window, memory level
+  // 8, default strategy, and zlib's stream size (112 bytes on 64 bits).
+  EXPECT_EQ(calls.initArguments, (std::vector{-1, 8, 31, 8, 0, int(sizeof(z_stream))}));
+  EXPECT_EQ(calls.version, "1.2.11");
+  if constexpr (sizeof(void*) == 8) {
+    EXPECT_EQ(sizeof(z_stream), 112u);
+  }
+  EXPECT_EQ(calls.end, 0);  // a finished stream is ended by zlib directly
+}
+
+TEST_F(QVDataCompressionTest, TinyInputsComeOutLongerAndNothingComesBackAsItIs) {
+  const Bytes one = QVDataCompression::compressData(bytes("x"));
+  EXPECT_GT(one->size(), 1u);
+  EXPECT_EQ(test::gunzip(*one), "x");
+
+  EXPECT_EQ(QVDataCompression::compressData(nullptr), nullptr);
+  const Bytes empty = bytes("");
+  EXPECT_EQ(QVDataCompression::compressData(empty), empty);
+}
+
+TEST_F(QVDataCompressionTest, FailuresGiveTheInputItselfAndEndWhatWasStarted) {
+  const Bytes input = bytes(std::string(5000, 'a'));
+  calls.initResult = Z_VERSION_ERROR;
+  EXPECT_EQ(QVDataCompression::compressData(input), input);
+  EXPECT_EQ(calls.deflate, 0);
+  EXPECT_EQ(calls.end, 0);
+
+  calls.initResult = Z_OK;
+  calls.deflateResult = Z_STREAM_ERROR;
+  EXPECT_EQ(QVDataCompression::compressData(input), input);
+  EXPECT_EQ(calls.deflate, 1);
+  EXPECT_EQ(calls.end, 1);
+}
+
+}  // namespace
+}  // namespace qv

@@ -1,0 +1,44 @@
+#include "support/QVFakeHttpSession.h"
+
+namespace qv::test {
+
+void QVFakeHttpSession::uploadTaskWithRequest(const QVMutableURLRequest& request,
+                                              std::shared_ptr<const std::string> body,
+                                              CompletionHandler completion) {
+  std::lock_guard lock(mutex_);
+  tasks_.push_back(Task{true, request, std::move(body), std::move(completion)});
+}
+
+void QVFakeHttpSession::dataTaskWithRequest(const QVMutableURLRequest& request,
+                                            CompletionHandler completion) {
+  std::lock_guard lock(mutex_);
+  tasks_.push_back(Task{false, request, nullptr, std::move(completion)});
+}
+
+size_t QVFakeHttpSession::taskCount() const {
+  std::lock_guard lock(mutex_);
+  return tasks_.size();
+}
+
+QVFakeHttpSession::Task QVFakeHttpSession::task(size_t index) const {
+  std::lock_guard lock(mutex_);
+  return tasks_.at(index);
+}
+
+void QVFakeHttpSession::complete(size_t index, std::optional<QVHttpResponse> response,
+                                 std::optional<QVHttpError> error) {
+  CompletionHandler completion;
+  {
+    std::lock_guard lock(mutex_);
+    completion = std::move(tasks_.at(index).completion);
+  }
+  if (completion) completion(std::move(response), std::move(error));
+}
+
+void QVFakeHttpSession::completeWithStatus(size_t index, long status) {
+  QVHttpResponse response;
+  response.statusCode = status;
+  complete(index, response);
+}
+
+}  // namespace qv::test

@@ -1,0 +1,249 @@
+#include "support/QVTestHttpServer.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <stdexcept>
+
+namespace qv::test {
+
+namespace {
+
+constexpr auto kIoBound = std::chrono::seconds(30);
+constexpr size_t kMaxHeaderBytes = 64 * 1024;
+
+int boundSocket(int& port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw std::runtime_error("socket");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    ::close(fd);
+    throw std::runtime_error("bind");
+  }
+  port = ntohs(address.sin_port);
+  return fd;
+}
+
+bool sameName(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+std::string trim(const std::string& text) {
+  const size_t begin = text.find_first_not_of(" \t");
+  if (begin == std::string::npos) return "";
+  return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
+}
+
+// Request line and header lines of a head that ends in an empty line.
+QVRecordedRequest parseHead(const std::string& head) {
+  QVRecordedRequest request;
+  size_t lineStart = 0;
+  bool first = true;
+  while (lineStart < head.size()) {
+    const size_t lineEnd = head.find("\r\n", lineStart);
+    const std::string line = head.substr(lineStart, lineEnd - lineStart);
+    lineStart = lineEnd + 2;
+    if (line.empty()) break;
+    if (first) {
+      const size_t a = line.find(' '), b = line.rfind(' ');
+      request.method = line.substr(0, a);
+      request.target = line.substr(a + 1, b - a - 1);
+      request.version = line.substr(b + 1);
+      first = false;
+    } else if (const size_t colon = line.find(':'); colon != std::string::npos) {
+      request.headers.emplace_back(line.substr(0, colon), trim(line.substr(colon + 1)));
+    }
+  }
+  return request;
+}
+
+bool writeAll(int fd, const std::string& bytes) {
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    sent += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string QVRecordedRequest::query() const {
+  const size_t mark = target.find('?');
+  return mark == std::string::npos ? "" : target.substr(mark + 1);
+}
+
+std::optional<std::string> QVRecordedRequest::header(const std::string& name) const {
+  for (const auto& [key, value] : headers) {
+    if (sameName(key, name)) return value;
+  }
+  return std::nullopt;
+}
+
+size_t QVRecordedRequest::headerCount(const std::string& name) const {
+  size_t count = 0;
+  for (const auto& header : headers) count += sameName(header.first, name) ? 1 : 0;
+  return count;
+}
+
+QVTestHttpServer::QVTestHttpServer() {
+  listenFd_ = boundSocket(port_);
+  if (::listen(listenFd_, 16) != 0 || ::pipe2(stopPipe_, O_CLOEXEC) != 0) {
+    throw std::runtime_error("listen");
+  }
+  thread_ = std::thread([this] { serve(); });
+}
+
+QVTestHttpServer::~QVTestHttpServer() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  changed_.notify_all();
+  (void)!::write(stopPipe_[1], "x", 1);
+  thread_.join();
+  ::close(listenFd_);
+  ::close(stopPipe_[0]);
+  ::close(stopPipe_[1]);
+}
+
+std::string QVTestHttpServer::url(const std::string& target) const {
+  return "http://127.0.0.1:" + std::to_string(port_) + target;
+}
+
+void QVTestHttpServer::addReply(QVTestReply reply) {
+  std::lock_guard lock(mutex_);
+  replies_.push_back(std::move(reply));
+}
+
+void QVTestHttpServer::release() {
+  {
+    std::lock_guard lock(mutex_);
+    released_ = true;
+  }
+  changed_.notify_all();
+}
+
+std::vector<QVRecordedRequest> QVTestHttpServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+QVRecordedRequest QVTestHttpServer::request(size_t index) const {
+  std::lock_guard lock(mutex_);
+  if (index < requests_.size()) return requests_[index];
+  ADD_FAILURE() << "no request " << index << " among " << requests_.size();
+  return {};
+}
+
+bool QVTestHttpServer::waitForRequests(size_t count, std::chrono::seconds bound) const {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, bound, [&] { return requests_.size() >= count; });
+}
+
+void QVTestHttpServer::serve() {
+  for (;;) {
+    pollfd fds[2] = {{listenFd_, POLLIN, 0}, {stopPipe_[0], POLLIN, 0}};
+    if (::poll(fds, 2, -1) < 0) continue;
+    if (fds[1].revents) return;
+    const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) continue;
+    handle(fd);
+    ::close(fd);
+  }
+}
+
+void QVTestHttpServer::handle(int fd) {
+  std::optional<QVRecordedRequest> request = readRequest(fd);
+  if (!request) return;
+  {
+    std::lock_guard lock(mutex_);
+    requests_.push_back(*request);
+  }
+  changed_.notify_all();
+  const QVTestReply reply = nextReply();
+  switch (reply.kind) {
+    case QVTestReply::Kind::kAnswer:
+      answer(fd, reply);
+      break;
+    case QVTestReply::Kind::kClose:
+      break;
+    case QVTestReply::Kind::kStall: {
+      // Until the client hangs up (readable at end of stream) or the bound.
+      waitReadable(fd, kIoBound);
+      break;
+    }
+    case QVTestReply::Kind::kHoldThenAnswer: {
+      std::unique_lock lock(mutex_);
+      changed_.wait_for(lock, kIoBound, [&] { return released_ || stopping_; });
+      lock.unlock();
+      answer(fd, reply);
+      break;
+    }
+  }
+}
+
+bool QVTestHttpServer::waitReadable(int fd, std::chrono::milliseconds bound) const {
+  pollfd fds[2] = {{fd, POLLIN, 0}, {stopPipe_[0], POLLIN, 0}};
+  const int ready = ::poll(fds, 2, static_cast<int>(bound.count()));
+  return ready > 0 && fds[0].revents && !fds[1].revents;
+}
+
+std::optional<QVRecordedRequest> QVTestHttpServer::readRequest(int fd) {
+  std::string data;
+  char buffer[65536];
+  size_t headEnd = std::string::npos;
+  while ((headEnd = data.find("\r\n\r\n")) == std::string::npos) {
+    if (data.size() > kMaxHeaderBytes || !waitReadable(fd, kIoBound)) return std::nullopt;
+    const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+    if (n <= 0) return std::nullopt;
+    data.append(buffer, static_cast<size_t>(n));
+  }
+  QVRecordedRequest request = parseHead(data.substr(0, headEnd + 4));
+  const size_t length =
+      std::strtoull(request.header("Content-Length").value_or("0").c_str(), nullptr, 10);
+  request.body = data.substr(headEnd + 4);
+  request.body.reserve(length);
+  while (request.body.size() < length) {
+    if (!waitReadable(fd, kIoBound)) return std::nullopt;
+    const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+    if (n <= 0) return std::nullopt;
+    request.body.append(buffer, static_cast<size_t>(n));
+  }
+  return request;
+}
+
+void QVTestHttpServer::answer(int fd, const QVTestReply& reply) {
+  std::string response = "HTTP/1.1 " + std::to_string(reply.status) + " Test\r\n";
+  for (const auto& [name, value] : reply.headers) response += name + ": " + value + "\r\n";
+  response += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
+  response += "Connection: close\r\n\r\n" + reply.body;
+  writeAll(fd, response);
+}
+
+QVTestReply QVTestHttpServer::nextReply() {
+  std::lock_guard lock(mutex_);
+  if (replies_.empty()) return QVTestReply{};
+  QVTestReply reply = std::move(replies_.front());
+  replies_.pop_front();
+  return reply;
+}
+
+QVTestHttpServer::RefusingPort::RefusingPort() { fd_ = boundSocket(port_); }
+
+QVTestHttpServer::RefusingPort::~RefusingPort() { ::close(fd_); }
+
+}  // namespace qv::test

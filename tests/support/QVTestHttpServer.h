@@ -1,0 +1,111 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace qv::test {
+
+// One request as it arrived on the wire.
+struct QVRecordedRequest {
+  std::string method;
+  std::string target;  // path and query, as in the request line
+  std::string version;
+  std::vector<std::pair<std::string, std::string>> headers;  // in the order sent
+  std::string body;
+
+  std::string path() const { return target.substr(0, target.find('?')); }
+  // Everything after the first "?"; empty when there is none.
+  std::string query() const;
+  // The first header of that name (any case), and how many there are.
+  std::optional<std::string> header(const std::string& name) const;
+  size_t headerCount(const std::string& name) const;
+};
+
+// What the server does with a request after recording it.
+struct QVTestReply {
+  enum class Kind {
+    kAnswer,          // a response with status, headers and body, then close
+    kClose,           // close the connection without a word
+    kStall,           // say nothing until the client gives up
+    kHoldThenAnswer,  // answer only after release()
+  };
+  using Headers = std::vector<std::pair<std::string, std::string>>;
+
+  static QVTestReply answer(int status, Headers headers = {}) {
+    return QVTestReply{Kind::kAnswer, status, std::move(headers), ""};
+  }
+  static QVTestReply of(Kind kind) { return QVTestReply{kind, 200, {}, ""}; }
+
+  Kind kind = Kind::kAnswer;
+  int status = 200;
+  Headers headers;
+  std::string body;
+};
+
+// An HTTP/1.1 server on 127.0.0.1 at an ephemeral port that records every
+// request (headers in order, raw body) and answers from a list of replies,
+// then with 200. One connection at a time, each closed after its answer.
+// Every wait is bounded, so a test that goes wrong still ends.
+class QVTestHttpServer {
+ public:
+  QVTestHttpServer();
+  ~QVTestHttpServer();
+  QVTestHttpServer(const QVTestHttpServer&) = delete;
+  QVTestHttpServer& operator=(const QVTestHttpServer&) = delete;
+
+  int port() const { return port_; }
+  std::string url(const std::string& target) const;
+
+  void addReply(QVTestReply reply);
+  // Lets a kHoldThenAnswer reply go.
+  void release();
+
+  std::vector<QVRecordedRequest> requests() const;
+  // A copy of the request recorded at index; the test fails on a bad index.
+  QVRecordedRequest request(size_t index) const;
+  bool waitForRequests(size_t count, std::chrono::seconds bound = std::chrono::seconds(30)) const;
+
+  // A port on 127.0.0.1 that refuses connections for as long as the object
+  // lives (bound, never listening).
+  class RefusingPort {
+   public:
+    RefusingPort();
+    ~RefusingPort();
+    RefusingPort(const RefusingPort&) = delete;
+    RefusingPort& operator=(const RefusingPort&) = delete;
+    int port() const { return port_; }
+
+   private:
+    int fd_ = -1;
+    int port_ = 0;
+  };
+
+ private:
+  void serve();
+  void handle(int fd);
+  std::optional<QVRecordedRequest> readRequest(int fd);
+  bool waitReadable(int fd, std::chrono::milliseconds bound) const;
+  void answer(int fd, const QVTestReply& reply);
+  QVTestReply nextReply();
+
+  int listenFd_ = -1;
+  int stopPipe_[2] = {-1, -1};
+  int port_ = 0;
+  std::thread thread_;
+
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  std::vector<QVRecordedRequest> requests_;
+  std::deque<QVTestReply> replies_;
+  bool released_ = false;
+  bool stopping_ = false;
+};
+
+}  // namespace qv::test
