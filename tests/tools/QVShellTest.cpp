@@ -1,10 +1,29 @@
+// Scripts driven through the shell, checked against the library's state and
+// what reaches a local server.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
 
+#include <algorithm>
+#include <mutex>
 #include <sstream>
 
 #include "QVShell.h"
+#include "QVShellFacts.h"
 #include "QVShellLine.h"
+#include "qvcore/core/QVAppTerminationObserver.h"
+#include "qvcore/core/QVConfigurationSaver.h"
 #include "qvcore/core/QVCore.h"
+#include "qvcore/core/QVHttpHeadersProvider.h"
+#include "qvcore/core/QVUncaughtExceptionHandler.h"
+#include "qvcore/platform/QVApplication.h"
+#include "qvcore/platform/QVClassRegistry.h"
+#include "qvcore/platform/QVFakeClock.h"
+#include "qvcore/platform/QVLog.h"
+#include "qvcore/platform/QVRunLoop.h"
+#include "support/QVFakeServiceDiscovery.h"
+#include "support/QVTempFolder.h"
+#include "support/QVTestHttpServer.h"
 
 namespace qv::shell {
 namespace {
@@ -40,41 +59,224 @@ struct ScriptRun {
   std::string err;
 };
 
-ScriptRun run(const std::string& script) {
-  QVShell shell;
-  std::istringstream in(script);
-  std::ostringstream out, err;
-  const int status = shell.runScript(in, out, err);
-  return {status, out.str(), err.str()};
-}
-
-TEST(QVShellTest, EveryCommandPrintsOneLineAndFailuresGoToStandardError) {
-  auto result =
-      run("# comment\n"
-          "\n"
-          "echo \"hello  world\"\n"
-          "nonsense 1 2\n"
-          "post\n"
-          "post M level=abc\n"
-          "post M bogus=1\n"
-          "disable-module Nobody\n");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "hello  world\ntrue\n");
-  std::istringstream errors(result.err);
-  std::string line;
-  int count = 0;
-  while (std::getline(errors, line)) {
-    EXPECT_EQ(line.rfind("error: ", 0), 0u) << line;
-    ++count;
+// A host application with the core's settings bundle (levels up to 3 on
+// Wi-Fi, 1 on cellular, plain bodies) and module bundles posting to a local
+// server.
+class QVShellTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) {
+      ::unsetenv(name);
+    }
+    folder_.write("bundles/QVCoreSettings.bundle/QVCoreAdvancedConfig.json",
+                  R"({"PostMessageLevelWiFi": 3, "PostMessageLevelCellular": 1,
+                      "CompressPostMessage": false, "DoPostAppGoesToBackground": true})");
+    folder_.writePlist("app/Info.plist", {{"CFBundleName", "ShellApp"},
+                                          {"CFBundleVersion", "4.5.6"},
+                                          {"CFBundleIdentifier", "com.example.shell"}});
   }
-  EXPECT_EQ(count, 4);
+
+  // The lines that set the host up, then modules posting to the server.
+  std::string host(const std::vector<std::string>& modules = {}) {
+    std::string script = "home " + folder_.at("home") + "\nmain-bundle " + folder_.at("app") +
+                         "\nbundles " + folder_.at("bundles") + "\n";
+    for (const auto& name : modules) {
+      folder_.write("bundles/" + name + ".bundle/AdvancedConfig.json",
+                    R"({"PostMessageUrl": ")" + server_.url("/" + name) + "\"}");
+    }
+    return script;
+  }
+  std::string bundle(const std::string& name) { return folder_.at("bundles/" + name + ".bundle"); }
+
+  ScriptRun run(const std::string& script) {
+    std::istringstream in(script);
+    std::ostringstream out, err;
+    const int status = shell_.runScript(in, out, err);
+    return {status, out.str(), err.str()};
+  }
+  std::string answer(const std::string& line) {
+    auto result = run(line + "\n");
+    EXPECT_EQ(result.status, 0) << line << ": " << result.err;
+    return result.out.substr(0, result.out.find('\n'));
+  }
+
+  test::QVTempFolder folder_;
+  test::QVTestHttpServer server_;
+  QVShell shell_;
+};
+
+TEST_F(QVShellTest, ABadCommandPrintsOneErrorLineAndNothingElseAndTheScriptGoesOn) {
+  // clang-format off
+  for (const char* line : {
+      "nonsense 1 2", "echo \"open", "enable now", "module M", "module M /b saves-config=yes",
+      "module M /b headers=[1]", "module M /b headers={\"a\": 1} saves-config=true", "post",
+      "post M level=abc", "post M bogus=1", "post M fields=[1]", "post M fields={bad",
+      "post-context M name=a referrer=b", "config get M", "config set M K not-json",
+      "config move M", "network wired", "network wifi cable", "lifecycle sleep", "orientation up",
+      "orientation 1 ui=x", "screen 1", "screen 1 nan", "fact", "fact nope", "fact deviceID now",
+      "wait-flush -1", "run forever", "run 1e12", "log"}) {
+    // clang-format on
+    auto result = run(std::string(line) + "\n");
+    EXPECT_EQ(result.status, 1) << line;
+    EXPECT_EQ(result.out, "") << line;
+    EXPECT_EQ(result.err.rfind("error: ", 0), 0u) << line << ": " << result.err;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+  }
+  auto mixed = run("# comment\n\necho \"hello  world\" a=b\nnonsense\ndisable-module Nobody\n");
+  EXPECT_EQ(mixed.status, 1);
+  EXPECT_EQ(mixed.out, "hello  world a=b\ntrue\n");
+  auto clean = run("session-id\nmodule Shelled /nowhere\nenable-module Unknown\n");
+  EXPECT_EQ(clean.status, 0) << clean.err;
+  EXPECT_EQ(clean.out, QVCore::sharedInstance()->currentSessionID() + "\nok\nfalse\n");
 }
 
-TEST(QVShellTest, ScriptWithoutFailuresExitsZeroAndReachesTheLibrary) {
-  auto result = run("session-id\nmodule Shelled /nowhere\nenable-module Unknown\n");
+TEST_F(QVShellTest, AModuleClassImplementsExactlyTheOptionalOperationsAskedFor) {
+  struct Case {
+    std::string options;
+    bool headers, saves, handles, observes;
+  };
+  const Case cases[] = {
+      {"", false, false, false, false},
+      {"saves-config=true", false, true, false, false},
+      {"handles-exceptions=true terminate-hook=false", false, false, true, false},
+      {"terminate-hook=true saves-config=true headers={\"X-Kind\": \"shell\"}", true, true, false,
+       true},
+  };
+  int index = 0;
+  for (const auto& c : cases) {
+    const std::string name = "Module" + std::to_string(index++);
+    ASSERT_EQ(answer("module " + name + " /bundle/" + name + " " + c.options), "ok");
+    auto object = QVClassRegistry::shared().sharedInstanceOfClass(name);
+    auto* module = dynamic_cast<QVLifecycleObject*>(object.get());
+    ASSERT_NE(module, nullptr);
+    EXPECT_EQ(module->className(), name);
+    EXPECT_EQ(module->settingsBundlePath(), "/bundle/" + name);
+    auto* provider = dynamic_cast<QVHttpHeadersProvider*>(module);
+    EXPECT_EQ(provider != nullptr, c.headers) << c.options;
+    EXPECT_EQ(dynamic_cast<QVConfigurationSaver*>(module) != nullptr, c.saves) << c.options;
+    EXPECT_EQ(dynamic_cast<QVUncaughtExceptionHandler*>(module) != nullptr, c.handles);
+    EXPECT_EQ(dynamic_cast<QVAppTerminationObserver*>(module) != nullptr, c.observes);
+    if (provider) {
+      EXPECT_EQ(provider->httpHeadersForSessionIdAndJson("S", "{}")["X-Kind"], "shell");
+    }
+  }
+}
+
+TEST_F(QVShellTest, PlatformEventsReachTheCoresFacts) {
+  ASSERT_EQ(run(host() + "enable\n").out, "ok\nok\nok\ntrue\n");
+  struct Case {
+    std::string event, fact, expected;
+  };
+  const Case cases[] = {
+      {"network cellular radio=LTE", "currentConnectionType", "4G"},
+      {"network cellular radio=CTRadioAccessTechnologyEdge", "currentNetworkStatus", "3"},
+      {"network cellular radio=CTRadioAccessTechnologyEdge", "currentConnectionType", "2G"},
+      {"network cellular", "currentConnectionType", "WWAN"},
+      {"network wifi radio=LTE", "currentConnectionType", "Wifi"},
+      {"network none", "currentNetworkStatus", "1"},
+      {"orientation 3 ui=3", "currentDeviceOrientation", "3"},
+      {"orientation 1 ui=4", "currentUIOrientation", "4"},
+      {"orientation 4", "currentOrientationName", "LANDSCAPE"},
+      {"screen 390 844.5 scale=3", "currentScreenDimensions", "[390,844.5]"},
+      {"fact setQVAdvertisingId \"ad 7\"", "getQVAdvertisingId", "ad 7"},
+      {"echo", "appName", "ShellApp"},
+      {"echo", "appVersion", "4.5.6"},
+  };
+  for (const auto& c : cases) {
+    answer(c.event);
+    EXPECT_EQ(answer("fact " + c.fact), c.expected) << c.event;
+  }
+  EXPECT_EQ(answer("fact deviceTotalMemory"),
+            std::to_string(QVCore::sharedInstance()->deviceTotalMemory()));
+  for (const auto& name : QVShellFacts::names()) {
+    auto result = run("fact " + name + "\n");
+    EXPECT_EQ(result.status, 0) << name << ": " << result.err;
+    EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1) << name;
+  }
+  for (const auto& [event, state] :
+       {std::pair{"background", 2}, {"foreground", 1}, {"active", 0}}) {
+    answer(std::string("lifecycle ") + event);
+    EXPECT_EQ(QVApplication::sharedApplication().applicationState(), state) << event;
+  }
+}
+
+TEST_F(QVShellTest, PostedMessagesPassTheGateAndReachTheServerWithTheModulesHeaders) {
+  auto result = run(host({"Shop"}) + "module Shop " + bundle("Shop") +
+                    " headers={\"X-Shell\": \"on\"}\n"
+                    "enable\nenable-module Shop\n"
+                    "post Shop session=S1 offset=7 fields={\"screen\": \"Home\"}\n"
+                    "post-context Shop type=3 name=Home referrer=Launch session=S1\n"
+                    "post Shop level=0\npost Shop level=4\n"
+                    "network cellular\npost Shop level=2\n"
+                    "flush\nwait-flush 60\nwait-flush 0\n");
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out, QVCore::sharedInstance()->currentSessionID() + "\nok\nfalse\n");
-  EXPECT_NE(QVCore::sharedInstance()->lifecycleObjectForName("Shelled"), nullptr);
+  EXPECT_EQ(result.out,
+            "ok\nok\nok\nok\ntrue\ntrue\ntrue\ntrue\nfalse\nfalse\nok\nfalse\nok\ntrue\nfalse\n");
+  ASSERT_EQ(server_.requests().size(), 1u);
+  const auto request = server_.request(0);
+  EXPECT_EQ(request.path(), "/Shop");
+  EXPECT_EQ(request.header("X-Shell"), "on");
+  const QVValue payload = QVValue::parse(request.body, nullptr, false);
+  ASSERT_TRUE(payload.is_object()) << request.body;
+  ASSERT_EQ(payload["sessions"].size(), 1u);
+  EXPECT_EQ(payload["sessions"][0]["id"], "S1");
+  EXPECT_EQ(payload["sessions"][0]["messages"],
+            QVValue::parse(R"([{"offset": 7, "screen": "Home"}, {"offset": 0}])"));
+}
+
+TEST_F(QVShellTest, ExpiredBackgroundTimeTellsTheModulesThatAskedAndSendsTheQueues) {
+  std::mutex mutex;
+  std::vector<std::string> lines;
+  QVLog::setSink([&](const std::string& line) {
+    std::lock_guard lock(mutex);
+    lines.push_back(line);
+  });
+  auto result = run(host({"Keeper", "Plain"}) + "module Keeper " + bundle("Keeper") +
+                    " terminate-hook=true\nmodule Plain " + bundle("Plain") +
+                    "\nenable\nenable-module Keeper\nenable-module Plain\n"
+                    "post Keeper offset=1\npost Plain offset=2\n"
+                    "lifecycle background\nlifecycle expire-background\n");
+  QVLog::setSink(nullptr);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_TRUE(server_.waitForRequests(2));
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Keeper: application will terminate"), 1);
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& l) { return l.find("Plain") == 0; }),
+            0);
+}
+
+TEST_F(QVShellTest, LogLinesGoToTheDeveloperLogTool) {
+  auto clock = std::make_shared<QVFakeClock>();
+  auto discovery = std::make_shared<test::QVFakeServiceDiscovery>();
+  QVRunLoop::main().setClock(clock);
+  QVServiceDiscovery::setShared(discovery);
+  EXPECT_EQ(answer("log \"hello  tool\" n=1"), "ok");
+  QVRunLoop::main().runUntilIdle();
+  ASSERT_EQ(discovery->browsers.size(), 1u);
+  auto service = discovery->browsers[0]->find("tool");
+  QVRunLoop::main().runUntilIdle();
+  service->answer({test::ipv4Address(127, 0, 0, 1)});
+  QVRunLoop::main().runUntilIdle();
+  clock->advance(std::chrono::seconds(7));
+  QVRunLoop::main().runUntilIdle();
+  ASSERT_NE(service->output, nullptr);
+  const std::string& written = service->output->written;
+  EXPECT_EQ(written.substr(written.find('\n') + 1), "hello  tool n=1\n");
+  QVServiceDiscovery::setShared(nullptr);
+}
+
+using QVShellDeathTest = QVShellTest;
+
+TEST_F(QVShellDeathTest, ACrashTellsTheModuleAndSendsTheQueueBeforeTheProcessEnds) {
+  const std::string script = host({"Crasher"}) + "module Crasher " + bundle("Crasher") +
+                             " handles-exceptions=true\nenable\nenable-module Crasher\n"
+                             "post Crasher offset=5\ncrash it broke\necho never\n";
+  EXPECT_EXIT(run(script), ::testing::KilledBySignal(SIGABRT),
+              "Crasher: uncaught exception: it broke");
+  ASSERT_TRUE(server_.waitForRequests(1));
+  const QVValue payload = QVValue::parse(server_.request(0).body, nullptr, false);
+  EXPECT_EQ(payload["sessions"][0]["messages"][0]["offset"], 5) << server_.request(0).body;
 }
 
 }  // namespace

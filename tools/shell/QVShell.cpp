@@ -1,18 +1,23 @@
 #include "QVShell.h"
 
-#include <charconv>
 #include <chrono>
 #include <istream>
 #include <ostream>
-#include <set>
+#include <stdexcept>
 
+#include "QVShellArguments.h"
 #include "QVShellModule.h"
 #include "qvcore/core/QVApplicationHelper.h"
 #include "qvcore/core/QVCore.h"
+#include "qvcore/logrelay/VintraExtensions.h"
 #include "qvcore/model/QVApplicationContextMessage.h"
 #include "qvcore/model/QVMessage.h"
 #include "qvcore/platform/QVBundle.h"
+#include "qvcore/platform/QVFileSystem.h"
+#include "qvcore/platform/QVHostReachabilitySource.h"
+#include "qvcore/platform/QVReachabilityFlags.h"
 #include "qvcore/platform/QVRunLoop.h"
+#include "qvcore/queue/QVQueueService.h"
 
 namespace qv::shell {
 namespace {
@@ -31,102 +36,66 @@ class QVShellMessage : public QVMessage {
   QVValue fields_;
 };
 
-std::string boolText(bool b) { return b ? "true" : "false"; }
+// A message's level is 0 until set, and the posting gate never lets 0 pass;
+// a script that names no level means the lowest one that can be posted.
+constexpr int32_t kDefaultLevel = 1;
 
-// Checks the number of positional arguments and the option names.
-void expectArguments(const QVShellLine& line, size_t minCount, size_t maxCount,
-                     const std::set<std::string>& allowed = {}) {
-  const size_t count = line.positional().size();
-  if (count < minCount) throw QVShellError(line.command() + ": missing argument");
-  if (count > maxCount) throw QVShellError(line.command() + ": too many arguments");
-  for (const auto& o : line.options()) {
-    if (!allowed.count(o.key)) throw QVShellError(line.command() + ": unknown option " + o.key);
+bool post(std::shared_ptr<QVMessage> message, const QVShellLine& line) {
+  message->setLogLevel(numberOption<int32_t>(line, "level").value_or(kDefaultLevel));
+  return QVCore::sharedInstance()->postMessageForModuleNameWithSessionID(
+      std::move(message), line.positional()[0].value, line.option("session"));
+}
+
+QVShellModuleOptions moduleOptions(const QVShellLine& line) {
+  QVShellModuleOptions options;
+  options.name = line.positional()[0].value;
+  options.bundlePath = line.positional()[1].value;
+  if (auto headers = line.option("headers")) {
+    options.headers = parseJson(*headers, "headers");
+    if (!options.headers->is_object()) throw QVShellError("module: headers must be a JSON object");
   }
+  options.savesConfig = boolOption(line, "saves-config");
+  options.handlesExceptions = boolOption(line, "handles-exceptions");
+  options.observesTermination = boolOption(line, "terminate-hook");
+  return options;
 }
 
-template <typename T>
-T parseNumber(const std::string& text, const std::string& what) {
-  T value{};
-  const auto* end = text.data() + text.size();
-  auto [ptr, ec] = std::from_chars(text.data(), end, value);
-  if (ec != std::errc() || ptr != end) throw QVShellError(what + ": not a number: " + text);
-  return value;
+std::chrono::nanoseconds duration(double seconds) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::duration<double>(seconds));
 }
 
-QVValue parseJson(const std::string& text, const std::string& what) {
-  QVValue value = QVValue::parse(text, nullptr, false);
-  if (value.is_discarded()) throw QVShellError(what + ": not valid JSON: " + text);
-  return value;
-}
-
-template <typename T>
-std::optional<T> numberOption(const QVShellLine& line, const std::string& key) {
-  auto text = line.option(key);
-  if (!text) return std::nullopt;
-  return parseNumber<T>(*text, key);
-}
-
-std::string requiredOption(const QVShellLine& line, const std::string& key) {
-  auto value = line.option(key);
-  if (!value) throw QVShellError(line.command() + ": missing option " + key + "=");
-  return *value;
-}
-
-std::optional<std::string> sessionOption(const QVShellLine& line) { return line.option("session"); }
+// An exception that nothing catches: it meets a noexcept frame, so the
+// runtime calls std::terminate with the exception current, as it does for
+// any uncaught exception on this thread.
+[[noreturn]] void throwError(const std::string& what) { throw std::runtime_error(what); }
+[[noreturn]] void crashWithUncaughtException(const std::string& what) noexcept { throwError(what); }
 
 }  // namespace
 
-QVShell::QVShell() {
+QVShell::QVShell() : network_(std::make_shared<QVHostReachabilitySource>()) {
+  network_->setFlags(kQVReachabilityFlagsReachable);
+  QVReachabilitySource::setShared(network_);
+  flushCyclesSeen_ = QVQueueService::sharedInstance()->completedFlushCycles();
   addCoreCommands();
   addMessageCommands();
+  addFlushCommands();
   addConfigCommands();
+  addPlatformCommands();
   addMiscCommands();
 }
+
+QVShell::~QVShell() = default;
 
 void QVShell::addCommand(const std::string& name, Handler handler) {
   commands_[name] = std::move(handler);
 }
 
-void QVShell::addConfigCommands() {
-  addCommand("bundles", [](const QVShellLine& line) {
-    expectArguments(line, 1, 1);
-    QVBundle::addSearchPath(line.positional()[0].value);
-    return std::string("ok");
-  });
-  addCommand("main-bundle", [](const QVShellLine& line) {
-    expectArguments(line, 1, 1);
-    QVBundle::setMainBundlePath(line.positional()[0].value);
-    return std::string("ok");
-  });
-  addCommand("config", [](const QVShellLine& line) {
-    expectArguments(line, 2, 4);
-    const std::string& action = line.positional()[0].value;
-    const std::string& module = line.positional()[1].value;
-    const size_t count = line.positional().size();
-    auto core = QVCore::sharedInstance();
-    if (action == "get" && count == 3) {
-      auto item = core->getConfigItemForModuleName(line.positional()[2].value, module);
-      return item ? item->dump() : std::string("none");
-    }
-    if (action == "set" && count == 4) {
-      return boolText(QVApplicationHelper::sharedInstance()->setConfigItemValueForModuleName(
-          line.positional()[2].value, parseJson(line.restOfLine(3), "config set"), module));
-    }
-    if (action == "update" && count == 3) {
-      return boolText(core->updateConfigForModuleNameWithData(
-          module, parseJson(line.restOfLine(2), "config update")));
-    }
-    if (action == "reload" && count == 2) return boolText(core->reloadConfigForModuleName(module));
-    throw QVShellError(
-        "config: expected get MODULE KEY, set MODULE KEY JSON, update MODULE JSON "
-        "or reload MODULE");
-  });
-}
-
 void QVShell::addCoreCommands() {
   addCommand("module", [](const QVShellLine& line) {
-    expectArguments(line, 2, 2);
-    QVShellModule::define(line.positional()[0].value, line.positional()[1].value);
+    expectArguments(line, 2, 2,
+                    {"headers", "saves-config", "handles-exceptions", "terminate-hook"});
+    QVShellModule::define(moduleOptions(line));
     return std::string("ok");
   });
   addCommand("enable", [](const QVShellLine& line) {
@@ -166,10 +135,8 @@ void QVShell::addMessageCommands() {
     if (auto text = line.option("fields")) fields = parseJson(*text, "fields");
     if (!fields.is_object()) throw QVShellError("post: fields must be a JSON object");
     auto message = std::make_shared<QVShellMessage>(std::move(fields));
-    if (auto level = numberOption<int32_t>(line, "level")) message->setLogLevel(*level);
     if (auto offset = numberOption<uint64_t>(line, "offset")) message->setOffset(*offset);
-    return boolText(QVCore::sharedInstance()->postMessageForModuleNameWithSessionID(
-        message, line.positional()[0].value, sessionOption(line)));
+    return boolText(post(message, line));
   });
   addCommand("post-context", [](const QVShellLine& line) {
     expectArguments(line, 1, 1,
@@ -178,31 +145,97 @@ void QVShell::addMessageCommands() {
         parseNumber<int64_t>(requiredOption(line, "type"), "type"), requiredOption(line, "name"),
         requiredOption(line, "referrer"), line.option("klass").value_or(""),
         line.option("referrer-klass").value_or(""));
-    if (auto level = numberOption<int32_t>(line, "level")) message->setLogLevel(*level);
-    return boolText(QVCore::sharedInstance()->postMessageForModuleNameWithSessionID(
-        message, line.positional()[0].value, sessionOption(line)));
+    return boolText(post(message, line));
   });
+}
+
+void QVShell::addFlushCommands() {
   addCommand("flush", [](const QVShellLine& line) {
     expectArguments(line, 0, 0);
     QVCore::sharedInstance()->flushQueues();
     return std::string("ok");
   });
+  addCommand("wait-flush", [this](const QVShellLine& line) {
+    expectArguments(line, 0, 1);
+    const double seconds =
+        line.positional().empty() ? 10.0 : parseSeconds(line.positional()[0].value, "wait-flush");
+    return waitForFlush(seconds);
+  });
+  addCommand("run", [](const QVShellLine& line) {
+    expectArguments(line, 1, 1);
+    QVRunLoop::main().runFor(duration(parseSeconds(line.positional()[0].value, "run")));
+    return std::string("ok");
+  });
+}
+
+// The queue service counts the cycles that end with QVCore flushCompleted;
+// reading that count observes the flushes without changing what the library
+// does. The main loop is pumped meanwhile, as HTTP outcomes and lifecycle
+// tasks land there.
+std::string QVShell::waitForFlush(double seconds) {
+  const auto service = QVQueueService::sharedInstance();
+  const uint64_t seen = flushCyclesSeen_;
+  const bool arrived = QVRunLoop::main().runUntil(
+      [&] { return service->completedFlushCycles() > seen; }, duration(seconds));
+  flushCyclesSeen_ = service->completedFlushCycles();
+  return boolText(arrived);
+}
+
+void QVShell::addConfigCommands() {
+  addCommand("home", [](const QVShellLine& line) {
+    expectArguments(line, 1, 1);
+    QVFileSystem::setHomeDirectory(line.positional()[0].value);
+    return std::string("ok");
+  });
+  addCommand("bundles", [](const QVShellLine& line) {
+    expectArguments(line, 1, 1);
+    QVBundle::addSearchPath(line.positional()[0].value);
+    return std::string("ok");
+  });
+  addCommand("main-bundle", [](const QVShellLine& line) {
+    expectArguments(line, 1, 1);
+    QVBundle::setMainBundlePath(line.positional()[0].value);
+    return std::string("ok");
+  });
+  addCommand("config", [](const QVShellLine& line) {
+    expectArguments(line, 2, 4);
+    const std::string& action = line.positional()[0].value;
+    const std::string& module = line.positional()[1].value;
+    const size_t count = line.positional().size();
+    auto core = QVCore::sharedInstance();
+    if (action == "get" && count == 3) {
+      auto item = core->getConfigItemForModuleName(line.positional()[2].value, module);
+      return item ? item->dump() : std::string("none");
+    }
+    if (action == "set" && count == 4) {
+      return boolText(QVApplicationHelper::sharedInstance()->setConfigItemValueForModuleName(
+          line.positional()[2].value, parseJson(line.restOfLine(3), "config set"), module));
+    }
+    if (action == "update" && count == 3) {
+      return boolText(core->updateConfigForModuleNameWithData(
+          module, parseJson(line.restOfLine(2), "config update")));
+    }
+    if (action == "reload" && count == 2) return boolText(core->reloadConfigForModuleName(module));
+    throw QVShellError(
+        "config: expected get MODULE KEY, set MODULE KEY JSON, update MODULE JSON "
+        "or reload MODULE");
+  });
 }
 
 void QVShell::addMiscCommands() {
-  addCommand("run", [](const QVShellLine& line) {
-    expectArguments(line, 1, 1);
-    const double seconds = parseNumber<double>(line.positional()[0].value, "run");
-    if (seconds < 0) throw QVShellError("run: negative time");
-    QVRunLoop::main().runFor(std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::duration<double>(seconds)));
+  // The texts of "log" and "crash" are free: a word with "=" is part of them.
+  addCommand("log", [](const QVShellLine& line) {
+    const std::string text = wordsInOrder(line);
+    if (text.empty()) throw QVShellError("log: missing text");
+    // The relay streams text as it is; a script's line is a line for the tool.
+    VintraExtensions::postToZANVintraSDKTool(text + "\n");
     return std::string("ok");
   });
-  addCommand("echo", [](const QVShellLine& line) {
-    std::string text;
-    for (const auto& arg : line.positional()) text += (text.empty() ? "" : " ") + arg.value;
-    return text;
+  addCommand("crash", [](const QVShellLine& line) -> std::string {
+    const std::string what = wordsInOrder(line);
+    crashWithUncaughtException(what.empty() ? "qvcore-shell crash" : what);
   });
+  addCommand("echo", [](const QVShellLine& line) { return wordsInOrder(line); });
   addCommand("help", [this](const QVShellLine& line) {
     expectArguments(line, 0, 0);
     std::string names;
@@ -241,40 +274,6 @@ int QVShell::runScript(std::istream& in, std::ostream& out, std::ostream& err) {
     if (!runLine(text, out, err)) failed = true;
   }
   return failed ? 1 : 0;
-}
-
-std::string QVShell::usage() {
-  return R"(usage: qvcore-shell [SCRIPT]
-Runs a script (the file SCRIPT, or standard input), one command a line. Blank
-lines and lines starting with # are skipped. Arguments are separated by blanks;
-options are key=value; double quotes keep blanks in a text; a JSON argument
-runs to the end of the line. Each command prints one line: true or false, a
-value, or ok. A failed command prints "error: ..." on standard error; the exit
-status is 1 when any command failed.
-
-Commands:
-  bundles DIR                 add a folder to the bundle search path
-  main-bundle DIR             the host application's bundle (with Info.plist)
-  module NAME BUNDLE_DIR      define a module class NAME with its settings bundle
-  enable | disable            start or stop the core
-  sleep-system | wake-system  stop or restart the core services and modules
-  enable-module NAME          start a module and register it
-  disable-module NAME         stop a module
-  post MODULE [session=ID] [level=N] [offset=N] [fields=JSON]
-                              post a message {"offset": N} plus the fields
-  post-context MODULE type=N name=TEXT referrer=TEXT [klass=TEXT]
-               [referrer-klass=TEXT] [session=ID] [level=N]
-                              post an application-context message
-  flush                       ask for a flush of every queue
-  config get MODULE KEY       a configuration item as JSON, or none
-  config set MODULE KEY JSON  set an item as a module does
-  config update MODULE JSON   merge items into a module's configuration
-  config reload MODULE        read a module's files again
-  run SECONDS                 run the main run loop that long
-  session-id                  the core's session identifier
-  echo TEXT                   print TEXT
-  help                        list the commands
-)";
 }
 
 }  // namespace qv::shell

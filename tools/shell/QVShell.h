@@ -1,27 +1,34 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <map>
-#include <stdexcept>
+#include <memory>
 #include <string>
 
+#include "QVShellError.h"
 #include "QVShellLine.h"
 
-namespace qv::shell {
+namespace qv {
+class QVHostReachabilitySource;
+}
 
-// A command that cannot be carried out; its text is printed as "error: ...".
-class QVShellError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+namespace qv::shell {
 
 // Runs scripts of commands against the library, one command a line. Every
 // command prints exactly one line on the output: true or false, a value
 // (JSON when structured, none when absent), or ok.
+//
+// A shell installs a QVHostReachabilitySource as the library's reachability
+// source, so that the network is what the script says ("network"), starting
+// on Wi-Fi, and the host's own network is never consulted. Commands that
+// report a platform event pump the main run loop until it is idle, so the
+// library has heard the event when the command answers.
 class QVShell {
  public:
   QVShell();
+  ~QVShell();
 
   // Runs one line; returns false when the command failed.
   bool runLine(const std::string& line, std::ostream& out, std::ostream& err);
@@ -35,10 +42,17 @@ class QVShell {
   void addCommand(const std::string& name, Handler handler);
   void addCoreCommands();
   void addMessageCommands();
+  void addFlushCommands();
   void addConfigCommands();
+  void addPlatformCommands();
   void addMiscCommands();
 
+  std::string waitForFlush(double seconds);
+
   std::map<std::string, Handler> commands_;
+  std::shared_ptr<QVHostReachabilitySource> network_;
+  // The queue service's count of finished flush cycles at the last wait.
+  uint64_t flushCyclesSeen_ = 0;
 };
 
 }  // namespace qv::shell
