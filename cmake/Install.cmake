@@ -10,6 +10,15 @@ target_link_libraries(${_qv_lib} INTERFACE
   $<INSTALL_INTERFACE:nlohmann_json::nlohmann_json>
   $<INSTALL_INTERFACE:Threads::Threads>)
 
+# A static library hands its own dependencies on to whoever links it; the
+# package's config file finds them again on the installing machine.
+if(NOT BUILD_SHARED_LIBS)
+  foreach(dep ZLIB::ZLIB CURL::libcurl OpenSSL::Crypto PkgConfig::PLIST PkgConfig::UUID
+              PkgConfig::ICU PkgConfig::AVAHI)
+    target_link_libraries(${_qv_lib} INTERFACE $<INSTALL_INTERFACE:$<LINK_ONLY:${dep}>>)
+  endforeach()
+endif()
+
 install(TARGETS ${_qv_lib} EXPORT QVCoreTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -27,5 +36,14 @@ install(FILES ${PROJECT_BINARY_DIR}/QVCoreConfig.cmake
               ${PROJECT_BINARY_DIR}/QVCoreConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/QVCore)
 
+# The pkg-config file finds its prefix from its own folder, so the package
+# may be installed anywhere (cmake --install --prefix).
+file(RELATIVE_PATH QVCORE_PC_PREFIX "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
 configure_file(cmake/qvcore.pc.in ${PROJECT_BINARY_DIR}/qvcore.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qvcore.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+foreach(tool qvcore-shell qvcore-logtool qvcore-collector)
+  if(TARGET ${tool})
+    install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
+endforeach()

@@ -1,0 +1,54 @@
+// Uses the installed headers and library: a module registered by name, a
+// message through the JSON forms, compression, and the version constants.
+#include <qvcore/core/QVCore.h>
+#include <qvcore/core/QVCoreVersion.h>
+#include <qvcore/model/QVMessage.h>
+#include <qvcore/platform/QVClassRegistry.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace {
+
+class ConsumerModule : public qv::QVLifecycleObject {
+ public:
+  static std::shared_ptr<ConsumerModule> sharedInstance() {
+    static auto instance = std::make_shared<ConsumerModule>();
+    return instance;
+  }
+  std::string className() const override { return "ConsumerModule"; }
+  bool enable() override { return enabled_ = true; }
+  bool disable() override { return !(enabled_ = false); }
+  bool isEnabled() const override { return enabled_; }
+  std::string settingsBundlePath() const override { return ""; }
+
+ private:
+  bool enabled_ = false;
+};
+
+QV_REGISTER_MODULE(ConsumerModule);
+
+int fail(const char* why) {
+  std::fprintf(stderr, "qvcore-consumer: %s\n", why);
+  return 1;
+}
+
+}  // namespace
+
+int main() {
+  auto core = qv::QVCore::sharedInstance();
+  if (core->frameworkVersion() != "2.0.0.81") return fail("unexpected framework version");
+  if (QVCoreVersionNumber != 1.0) return fail("unexpected version number");
+  if (core->lifecycleObjectForName("ConsumerModule") != ConsumerModule::sharedInstance()) {
+    return fail("the module is not found by its class name");
+  }
+  qv::QVMessage message;
+  message.setOffset(42);
+  if (message.toJson() != R"({"offset":42})") return fail("unexpected message JSON");
+  auto body = std::make_shared<const std::string>(2048, 'q');
+  auto gzip = core->compressData(body);
+  if (!gzip || gzip->size() >= body->size()) return fail("compression did not shrink the body");
+  std::puts("qvcore-consumer: ok");
+  return 0;
+}
