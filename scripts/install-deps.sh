@@ -10,6 +10,7 @@ packages=(
   libasio-dev libssl-dev uuid-dev libicu-dev
   libavahi-client-dev avahi-daemon avahi-utils dbus
   libcpp-httplib-dev libsqlite3-dev
+  chromium
   libgtest-dev libgmock-dev libbenchmark-dev
   iproute2
 )

@@ -85,7 +85,7 @@ TEST_F(QVCoreUncaughtExceptionTest, TerminatingWithoutAnExceptionStillFlushes) {
         auto session = std::make_shared<test::QVFakeHttpSession>();
         QVHttpSession::setShared(session);
         startCore(1, {{"PostMessageUrl", "http://collector.test/crash"}});
-        QVCore::sharedInstance()->postMessageForModuleName(test::crashMessage(3), "Recorder");
+        QVCore::sharedInstance()->postMessageForModuleName(test::messageWithOffset(3), "Recorder");
         std::thread([this, session] {
           for (int i = 0; i < 3000 && session->taskCount() == 0; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));

@@ -1,7 +1,6 @@
 #include "platform/QVCurlHttpSession.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <climits>
 #include <cmath>
@@ -19,11 +18,6 @@ struct Outcome {
 
 class QVCurlHttpSessionTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) {
-      ::unsetenv(name);
-    }
-  }
   // Starts a data task; the future holds its outcome.
   static std::future<Outcome> send(QVCurlHttpSession& session, const QVMutableURLRequest& request) {
     auto promise = std::make_shared<std::promise<Outcome>>();

@@ -2,7 +2,6 @@
 // service flushes, the real libcurl session carries the payload to a server
 // on 127.0.0.1, and what failed comes back from disk at the next flush.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <chrono>
 
@@ -28,9 +27,6 @@ using test::offsetsIn;
 class QVPipelineTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) {
-      ::unsetenv(name);
-    }
     folder_.writePlist("App/Info.plist", {{"CFBundleIdentifier", "com.example.pipeline"}});
     QVBundle::setMainBundlePath(folder_.at("App"));
     QVFileSystem::setHomeDirectory(folder_.at("home"));

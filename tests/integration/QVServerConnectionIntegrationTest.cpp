@@ -1,7 +1,6 @@
 // QVServerConnection over the real libcurl session against a real server on
 // 127.0.0.1: what arrives on the wire, and how every outcome is reported.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/queue/QVServerConnection.h"
@@ -18,9 +17,6 @@ using test::QVTestReply;
 class QVServerConnectionIntegrationTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) {
-      ::unsetenv(name);
-    }
     QVCore::sharedInstance()->setUserAgentFromBrowser();
     configureModule(QVValue::object());
     connection_ = QVServerConnection::initWithDelegate(delegate_);

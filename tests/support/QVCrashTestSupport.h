@@ -2,20 +2,14 @@
 
 #include <stdlib.h>
 
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
 
-#include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVUncaughtExceptionHandler.h"
-#include "qvcore/model/QVMessage.h"
-#include "qvcore/platform/QVClassRegistry.h"
-#include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVHostReachabilitySource.h"
 #include "support/QVFakeInterfaceAddressSource.h"
-#include "support/QVTempFolder.h"
-#include "support/QVTestModule.h"
+#include "support/QVQueueServiceTestSupport.h"
 
 // A crash test crashes a child process, which re-runs the test from its
 // start. Parent and child share a folder whose path the parent hands down in
@@ -105,13 +99,6 @@ inline void configureCore(
     configurations[module->className()] = std::make_shared<QVValue>(items);
   }
   QVConfigService::sharedInstance()->setConfigurations(configurations);
-}
-
-inline std::shared_ptr<QVMessage> crashMessage(uint64_t offset) {
-  auto message = std::make_shared<QVMessage>();
-  message->setLogLevel(1);
-  message->setOffset(offset);
-  return message;
 }
 
 // An exception that nothing catches: it meets a noexcept frame, so the

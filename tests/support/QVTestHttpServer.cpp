@@ -100,6 +100,8 @@ size_t QVRecordedRequest::headerCount(const std::string& name) const {
 }
 
 QVTestHttpServer::QVTestHttpServer() {
+  // Clients in this process (and its children) reach it directly.
+  for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) ::unsetenv(name);
   listenFd_ = boundSocket(port_);
   if (::listen(listenFd_, 16) != 0 || ::pipe2(stopPipe_, O_CLOEXEC) != 0) {
     throw std::runtime_error("listen");

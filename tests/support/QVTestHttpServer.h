@@ -51,7 +51,8 @@ struct QVTestReply {
 
 // An HTTP/1.1 server on 127.0.0.1 at an ephemeral port that records every
 // request (headers in order, raw body) and answers from a list of replies,
-// then with 200. One connection at a time, each closed after its answer.
+// then with 200. Constructing one unsets the proxy variables, so that clients
+// reach it directly. One connection at a time, each closed after its answer.
 // Every wait is bounded, so a test that goes wrong still ends.
 class QVTestHttpServer {
  public:

@@ -65,9 +65,6 @@ struct ScriptRun {
 class QVShellTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) {
-      ::unsetenv(name);
-    }
     folder_.write("bundles/QVCoreSettings.bundle/QVCoreAdvancedConfig.json",
                   R"({"PostMessageLevelWiFi": 3, "PostMessageLevelCellular": 1,
                       "CompressPostMessage": false, "DoPostAppGoesToBackground": true})");

@@ -1,0 +1,191 @@
+// The collector's decoding: bodies inflated as their Content-Encoding says,
+// queries read back into dictionaries, payloads held against the format.
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include "QVCollectorDecoder.h"
+#include "QVCollectorQuery.h"
+#include "qvcore/model/QVCoreExtensions.h"
+#include "qvcore/model/QVQueue.h"
+#include "qvcore/queue/QVDataCompression.h"
+
+namespace qv::collector {
+namespace {
+
+class FieldsMessage : public QVMessage {
+ public:
+  explicit FieldsMessage(QVValue fields) : fields_(std::move(fields)) {}
+  QVValue jsonDictionary() const override {
+    QVValue dict = QVMessage::jsonDictionary();
+    QVValues::addEntriesFromDictionary(dict, fields_);
+    return dict;
+  }
+
+ private:
+  QVValue fields_;
+};
+
+// What the library posts for a queue of three messages in two sessions.
+std::string libraryPayload() {
+  auto queue = std::make_shared<QVQueue>();
+  queue->postMessageToSessionID(std::make_shared<FieldsMessage>(QVValue{{"screen", "Home"}}), "S1");
+  queue->postMessageToSessionID(std::make_shared<FieldsMessage>(QVValue{{"screen", "a b&c/d"}}),
+                                "S1");
+  queue->postMessageToSessionID(std::make_shared<QVMessage>(), "S2");
+  return queue->toJson();
+}
+
+std::string zlibDeflate(const std::string& in, int windowBits) {
+  z_stream z{};
+  deflateInit2(&z, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
+  std::string out(deflateBound(&z, in.size()), '\0');
+  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
+  z.avail_in = static_cast<uInt>(in.size());
+  z.next_out = reinterpret_cast<Bytef*>(out.data());
+  z.avail_out = static_cast<uInt>(out.size());
+  deflate(&z, Z_FINISH);
+  out.resize(z.total_out);
+  deflateEnd(&z);
+  return out;
+}
+
+QVCollectorDecoded post(std::string body, const std::string& encoding = "") {
+  QVCollectorRequest request{"POST", "/collect", "", {}, std::move(body)};
+  if (!encoding.empty()) request.headers.emplace_back("content-encoding", encoding);
+  return QVCollectorDecoder::decode(request);
+}
+
+QVCollectorDecoded get(const std::string& query) {
+  return QVCollectorDecoder::decode({"GET", "/collect", query, {}, ""});
+}
+
+TEST(QVCollectorDecoderTest, GzipDeflateAndPlainBodiesAllDecodeToTheLibrarysPayload) {
+  const std::string json = libraryPayload();
+  const std::string gzip = *QVDataCompression::compressData(std::make_shared<std::string>(json));
+  const std::string gzipTwice =
+      *QVDataCompression::compressData(std::make_shared<std::string>(json.substr(0, 10)));
+  const struct {
+    std::string encoding, body, expected;
+  } cases[] = {
+      {"", json, json},
+      {"gzip", gzip, json},
+      {" GZip ", gzip, json},
+      {"x-gzip", gzip, json},
+      {"deflate", zlibDeflate(json, 15), json},
+      {"deflate", zlibDeflate(json, -15), json},
+      // Concatenated members are one body.
+      {"gzip",
+       gzipTwice + *QVDataCompression::compressData(std::make_shared<std::string>(json.substr(10))),
+       json}};
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.encoding);
+    const QVCollectorDecoded decoded = post(each.body, each.encoding);
+    EXPECT_EQ(decoded.kind, "json");
+    EXPECT_EQ(decoded.problem, "");
+    EXPECT_EQ(decoded.messages, 3);
+    EXPECT_EQ(decoded.rawBytes, static_cast<int64_t>(each.body.size()));
+    EXPECT_EQ(decoded.decodedBytes, static_cast<int64_t>(json.size()));
+    EXPECT_EQ(decoded.inflated.has_value(), !each.encoding.empty());
+    if (decoded.inflated) {
+      EXPECT_EQ(*decoded.inflated, json);
+    }
+  }
+}
+
+TEST(QVCollectorDecoderTest, UnreadableBodiesAreKeptAndMarkedWithTheReason) {
+  const std::string json = libraryPayload();
+  std::string gzip = *QVDataCompression::compressData(std::make_shared<std::string>(json));
+  std::string damaged = gzip;
+  for (size_t i = 12; i < 40; ++i) damaged[i] = static_cast<char>(~damaged[i]);
+  const struct {
+    std::string encoding, body, problem;
+  } cases[] = {
+      {"gzip", damaged, "gzip stream is damaged"},
+      {"gzip", gzip.substr(0, gzip.size() / 2), "gzip stream is truncated"},
+      {"gzip", json, "gzip stream is damaged"},
+      {"deflate", "\x01\x02\x03", "deflate stream is damaged"},
+      {"br", json, "content encoding \"br\" is not supported"},
+      {"", "{\"messageVersion\": ", "body is not JSON (at byte "},
+      {"", std::string(600, '[') + std::string(600, ']'), "body nests deeper than 512 levels"}};
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.problem);
+    const QVCollectorDecoded decoded = post(each.body, each.encoding);
+    EXPECT_EQ(decoded.kind, "bytes");
+    EXPECT_EQ(decoded.problem.substr(0, each.problem.size()), each.problem);
+    EXPECT_EQ(decoded.messages, 0);
+    EXPECT_FALSE(decoded.inflated);
+  }
+  const QVCollectorDecoded nothing = QVCollectorDecoder::decode({"GET", "/", "", {}, ""});
+  EXPECT_EQ(nothing.kind, "empty");
+  EXPECT_NE(nothing.problem, "");
+}
+
+TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeFrom) {
+  // The library's own encoder: strings escaped, numbers and containers not.
+  const QVValue payload = QVValue::parse(libraryPayload());
+  const QVCollectorDecoded whole = get(QVCoreExtensions::urlEncodedString(payload));
+  EXPECT_EQ(whole.kind, "urlencoded");
+  EXPECT_EQ(whole.problem, "");
+  EXPECT_EQ(whole.messages, 3);
+  EXPECT_EQ(QVValue::parse(*whole.queryFields), payload);
+
+  const QVValue message = {{"offset", 7},     {"name", "Home Page & more"},
+                           {"ul", "a/b?c"},   {"plus", "1+1=2"},
+                           {"accent", "é"},   {"zero", "007"},
+                           {"list", {1, "x"}}};
+  const QVCollectorDecoded one = get(QVCoreExtensions::urlEncodedString(message));
+  EXPECT_EQ(one.problem, "");
+  EXPECT_EQ(one.messages, 1);
+  EXPECT_EQ(QVValue::parse(*one.queryFields), message);
+
+  EXPECT_EQ(QVValue::parse(*get("k=1&&k=%zz&k&=v&%4").queryFields),
+            (QVValue{{"k", {1, "%zz", ""}}, {"", "v"}, {"%4", ""}}));
+  EXPECT_EQ(QVCollectorQuery::percentDecode("%41%2f%2F%e2%82%AC+%"), "A//€+%");
+  EXPECT_EQ(get("screen=Home").problem,
+            "query holds neither a payload (sessions) nor a message (offset)");
+}
+
+TEST(QVCollectorDecoderTest, PayloadCheckNamesEachWayAPayloadStraysFromTheFormat) {
+  const QVValue good = QVValue::parse(libraryPayload());
+  const struct {
+    std::function<void(QVValue&)> change;
+    std::string problem;
+  } cases[] = {
+      {[](QVValue& p) { p.erase("messageVersion"); }, "missing key messageVersion"},
+      {[](QVValue& p) { p["messageVersion"] = "5.0"; },
+       "messageVersion is \"5.0\", not \"6.0.0.0\""},
+      {[](QVValue& p) { p["serialNumber"] = "1"; }, "serialNumber is not an integer"},
+      {[](QVValue& p) { p["sessions"] = QVValue::object(); }, "sessions is not an array"},
+      {[](QVValue& p) { p["extra"] = 1; }, "unexpected key \"extra\""},
+      {[](QVValue& p) { p["sessions"][1] = 5; }, "sessions[1]: is not an object"},
+      {[](QVValue& p) { p["sessions"][0].erase("startTime"); },
+       "sessions[0]: missing key startTime"},
+      {[](QVValue& p) { p["sessions"][0]["id"] = 3; }, "sessions[0]: id is not a string"},
+      {[](QVValue& p) { p["sessions"][0]["clientEnvironment"]["width"] = "750"; },
+       "sessions[0].clientEnvironment: width is not a number"},
+      {[](QVValue& p) {
+         p["sessions"][0]["clientEnvironment"]["mobileEnvironment"]["appName"] = 1;
+       },
+       "sessions[0].clientEnvironment.mobileEnvironment: appName is not a string"},
+      {[](QVValue& p) { p["sessions"][0]["messages"][1].erase("offset"); },
+       "sessions[0].messages[1]: missing key offset"},
+      {[](QVValue& p) { p["sessions"][0]["messages"][0]["offset"] = -1; },
+       "sessions[0].messages[0]: offset is not an unsigned integer"},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.problem);
+    QVValue payload = good;
+    each.change(payload);
+    const QVCollectorDecoded decoded = post(payload.dump());
+    EXPECT_EQ(decoded.kind, "json");
+    EXPECT_EQ(decoded.problem, each.problem);
+  }
+  // Many problems: the first five, then a count.
+  QVValue many = good;
+  for (auto& session : many["sessions"]) session["messages"] = {1, 2, 3, 4, 5, 6, 7};
+  const std::string problem = post(many.dump()).problem;
+  EXPECT_EQ(problem.substr(problem.rfind(';')), "; and 9 more");
+}
+
+}  // namespace
+}  // namespace qv::collector

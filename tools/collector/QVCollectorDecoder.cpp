@@ -1,0 +1,110 @@
+#include "QVCollectorDecoder.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "QVCollectorInflater.h"
+#include "QVCollectorJsonScan.h"
+#include "QVCollectorPayloadCheck.h"
+#include "QVCollectorQuery.h"
+
+namespace qv::collector {
+
+namespace {
+
+std::string trimmedLower(std::string text) {
+  const auto space = [](unsigned char c) { return std::isspace(c) != 0; };
+  text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), space));
+  text.erase(std::find_if_not(text.rbegin(), text.rend(), space).base(), text.end());
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+}  // namespace
+
+QVCollectorDecoded QVCollectorDecoder::decode(const QVCollectorRequest& request) {
+  QVCollectorDecoded decoded;
+  if (!request.query.empty()) {
+    decoded.queryFields = QVCollectorQuery::dictionary(request.query)
+                              .dump(-1, ' ', false, QVValue::error_handler_t::replace);
+  }
+  if (!request.body.empty()) {
+    decodeBody(request, decoded);
+  } else if (!request.query.empty()) {
+    decodeQuery(request, decoded);
+  } else {
+    decoded.problem = "request has neither a body nor a query";
+  }
+  return decoded;
+}
+
+void QVCollectorDecoder::decodeBody(const QVCollectorRequest& request,
+                                    QVCollectorDecoded& decoded) {
+  decoded.encoding = encodingOf(request);
+  decoded.rawBytes = static_cast<int64_t>(request.body.size());
+  decoded.decodedBytes = decoded.rawBytes;
+  decoded.kind = "bytes";
+  if (decoded.encoding == "identity") return readJson(request.body, decoded);
+  if (decoded.encoding != "gzip" && decoded.encoding != "deflate") {
+    decoded.problem = "content encoding \"" + decoded.encoding + "\" is not supported";
+    return;
+  }
+  const auto format = decoded.encoding == "gzip" ? QVCollectorInflater::Format::kGzip
+                                                 : QVCollectorInflater::Format::kDeflate;
+  QVCollectorInflater::Result inflated = QVCollectorInflater::inflate(request.body, format);
+  if (!inflated.bytes) {
+    decoded.problem = inflated.problem;
+    return;
+  }
+  decoded.inflated = std::move(inflated.bytes);
+  decoded.decodedBytes = static_cast<int64_t>(decoded.inflated->size());
+  readJson(*decoded.inflated, decoded);
+}
+
+void QVCollectorDecoder::decodeQuery(const QVCollectorRequest& request,
+                                     QVCollectorDecoded& decoded) {
+  decoded.kind = "urlencoded";
+  decoded.rawBytes = static_cast<int64_t>(request.query.size());
+  decoded.decodedBytes = static_cast<int64_t>(decoded.queryFields->size());
+  const nlohmann::json fields = QVCollectorQuery::dictionary(request.query);
+  QVCollectorPayloadCheck::Result check;
+  if (fields.contains("sessions") || fields.contains("messageVersion") ||
+      fields.contains("serialNumber")) {
+    check = QVCollectorPayloadCheck::payload(fields);
+  } else if (fields.contains("offset")) {
+    check = QVCollectorPayloadCheck::message(fields);
+  } else {
+    check.problems.push_back("query holds neither a payload (sessions) nor a message (offset)");
+  }
+  decoded.messages = check.messages;
+  decoded.problem = check.summary();
+}
+
+void QVCollectorDecoder::readJson(const std::string& text, QVCollectorDecoded& decoded) {
+  if (!QVCollectorJsonScan::withinLimit(text)) {
+    decoded.problem =
+        "body nests deeper than " + std::to_string(QVCollectorJsonScan::kLimit) + " levels";
+    return;
+  }
+  nlohmann::json payload;
+  try {
+    payload = nlohmann::json::parse(text);
+  } catch (const nlohmann::json::parse_error& error) {
+    decoded.problem = "body is not JSON (at byte " + std::to_string(error.byte) + ")";
+    return;
+  }
+  decoded.kind = "json";
+  const QVCollectorPayloadCheck::Result check = QVCollectorPayloadCheck::payload(payload);
+  decoded.messages = check.messages;
+  decoded.problem = check.summary();
+}
+
+std::string QVCollectorDecoder::encodingOf(const QVCollectorRequest& request) {
+  const std::string named = trimmedLower(request.header("Content-Encoding").value_or(""));
+  if (named.empty() || named == "identity") return "identity";
+  if (named == "x-gzip") return "gzip";
+  return named;
+}
+
+}  // namespace qv::collector

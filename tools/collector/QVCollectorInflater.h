@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace qv::collector {
+
+// Undoes the Content-Encoding of a request body with zlib.
+class QVCollectorInflater {
+ public:
+  enum class Format {
+    kGzip,     // one or more gzip members, as RFC 1952 writes them
+    kDeflate,  // a zlib stream, or a bare deflate stream as some clients send
+  };
+
+  struct Result {
+    std::optional<std::string> bytes;  // none when the stream is unusable
+    std::string problem;               // why, when there are no bytes
+  };
+
+  // A bound on the inflated size, so that a small hostile body cannot make
+  // the collector (and its database) swallow gigabytes.
+  static constexpr size_t kMaxOutput = size_t{512} << 20;
+
+  static Result inflate(const std::string& in, Format format);
+
+ private:
+  static Result inflateWith(const std::string& in, int windowBits, const char* name);
+};
+
+}  // namespace qv::collector
