@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <set>
 #include <sstream>
 
 #include "QVShell.h"
@@ -204,21 +205,30 @@ TEST_F(QVShellTest, PostedMessagesPassTheGateAndReachTheServerWithTheModulesHead
                     "post Shop session=S1 offset=7 fields={\"screen\": \"Home\"}\n"
                     "post-context Shop type=3 name=Home referrer=Launch session=S1\n"
                     "post Shop level=0\npost Shop level=4\n"
+                    "post-many Shop 200 threads=4 session=S2 progress=true\n"
                     "network cellular\npost Shop level=2\n"
                     "flush\nwait-flush 60\nwait-flush 0\n");
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out,
-            "ok\nok\nok\nok\ntrue\ntrue\ntrue\ntrue\nfalse\nfalse\nok\nfalse\nok\ntrue\nfalse\n");
+  EXPECT_EQ(
+      result.out,
+      "ok\nok\nok\nok\ntrue\ntrue\ntrue\ntrue\nfalse\nfalse\n200\nok\nfalse\nok\ntrue\nfalse\n");
+  EXPECT_NE(result.err.find("] 200/200"), std::string::npos) << "the progress bar ends full";
   ASSERT_EQ(server_.requests().size(), 1u);
   const auto request = server_.request(0);
   EXPECT_EQ(request.path(), "/Shop");
   EXPECT_EQ(request.header("X-Shell"), "on");
   const QVValue payload = QVValue::parse(request.body, nullptr, false);
   ASSERT_TRUE(payload.is_object()) << request.body;
-  ASSERT_EQ(payload["sessions"].size(), 1u);
+  ASSERT_EQ(payload["sessions"].size(), 2u);
   EXPECT_EQ(payload["sessions"][0]["id"], "S1");
   EXPECT_EQ(payload["sessions"][0]["messages"],
             QVValue::parse(R"([{"offset": 7, "screen": "Home"}, {"offset": 0}])"));
+  // Four threads posted every index exactly once.
+  std::set<uint64_t> indexes;
+  for (const auto& message : payload["sessions"][1]["messages"])
+    indexes.insert(message["n"].get<uint64_t>());
+  EXPECT_EQ(indexes.size(), 200u);
+  EXPECT_EQ(payload["sessions"][1]["messages"].size(), 200u);
 }
 
 TEST_F(QVShellTest, ExpiredBackgroundTimeTellsTheModulesThatAskedAndSendsTheQueues) {

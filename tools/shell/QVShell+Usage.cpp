@@ -32,6 +32,10 @@ Messages and flushes
   post MODULE [session=ID] [level=N] [offset=N] [fields=JSON]
                               post a message {"offset": N} plus the fields;
                               level 1 unless given
+  post-many MODULE COUNT [threads=N] [session=ID] [level=N] [fields=JSON]
+            [progress=true|false]
+                              post COUNT messages {"offset": i, "n": i} plus
+                              the fields from N threads; the number accepted
   post-context MODULE type=N name=TEXT referrer=TEXT [klass=TEXT]
                [referrer-klass=TEXT] [session=ID] [level=N]
                               post an application-context message

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "QVShellArguments.h"
+#include "QVShellBulkPost.h"
 #include "QVShellModule.h"
 #include "qvcore/core/QVApplicationHelper.h"
 #include "qvcore/core/QVCore.h"
@@ -138,6 +139,23 @@ void QVShell::addMessageCommands() {
     if (auto offset = numberOption<uint64_t>(line, "offset")) message->setOffset(*offset);
     return boolText(post(message, line));
   });
+  addCommand("post-many", [this](const QVShellLine& line) {
+    expectArguments(line, 2, 2, {"threads", "session", "level", "fields", "progress"});
+    QVValue fields = QVValue::object();
+    if (auto text = line.option("fields")) fields = parseJson(*text, "fields");
+    if (!fields.is_object()) throw QVShellError("post-many: fields must be a JSON object");
+    const auto count = parseNumber<uint64_t>(line.positional()[1].value, "count");
+    const auto threads = numberOption<unsigned>(line, "threads").value_or(1);
+    auto postOne = [&](uint64_t index) {
+      QVValue messageFields = fields;
+      messageFields["n"] = index;
+      auto message = std::make_shared<QVShellMessage>(std::move(messageFields));
+      message->setOffset(index);
+      return post(message, line);
+    };
+    std::ostream* progress = boolOption(line, "progress") ? err_ : nullptr;
+    return std::to_string(QVShellBulkPost::run(count, threads, postOne, progress));
+  });
   addCommand("post-context", [](const QVShellLine& line) {
     expectArguments(line, 1, 1,
                     {"type", "name", "referrer", "klass", "referrer-klass", "session", "level"});
@@ -258,6 +276,7 @@ bool QVShell::runLine(const std::string& text, std::ostream& out, std::ostream& 
     return false;
   }
   try {
+    err_ = &err;
     const std::string result = it->second(*line);
     out << result << "\n" << std::flush;
     return true;

@@ -53,6 +53,8 @@ class QVShell {
   std::shared_ptr<QVHostReachabilitySource> network_;
   // The queue service's count of finished flush cycles at the last wait.
   uint64_t flushCyclesSeen_ = 0;
+  // The error stream of the line being run; progress bars go there.
+  std::ostream* err_ = nullptr;
 };
 
 }  // namespace qv::shell
