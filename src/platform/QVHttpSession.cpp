@@ -1,41 +1,22 @@
 #include "qvcore/platform/QVHttpSession.h"
 
-#include <mutex>
+#include <utility>
 
 #include "platform/QVCurlHttpSession.h"
+#include "platform/QVReplaceableService.h"
 
 namespace qv {
 
 namespace {
-
-// Never destroyed: a queue may still post while the process exits.
-struct SharedSession {
-  std::mutex mutex;
-  std::shared_ptr<QVHttpSession> chosen;
-  std::shared_ptr<QVHttpSession> curl;
-};
-
-SharedSession& sharedSession() {
-  static auto* shared = new SharedSession;
-  return *shared;
-}
-
+using Shared = QVReplaceableService<QVHttpSession, QVCurlHttpSession>;
 }  // namespace
 
 QVHttpSession::~QVHttpSession() = default;
 
-std::shared_ptr<QVHttpSession> QVHttpSession::shared() {
-  SharedSession& shared = sharedSession();
-  std::lock_guard lock(shared.mutex);
-  if (shared.chosen) return shared.chosen;
-  if (!shared.curl) shared.curl = std::make_shared<QVCurlHttpSession>();
-  return shared.curl;
-}
+std::shared_ptr<QVHttpSession> QVHttpSession::shared() { return Shared::instance().get(); }
 
 void QVHttpSession::setShared(std::shared_ptr<QVHttpSession> session) {
-  SharedSession& shared = sharedSession();
-  std::lock_guard lock(shared.mutex);
-  shared.chosen = std::move(session);
+  Shared::instance().set(std::move(session));
 }
 
 }  // namespace qv
