@@ -23,6 +23,11 @@ namespace qv {
 // token, or whose value holds CR, LF or NUL, are left out rather than let
 // split the request. Only http and https URLs are fetched.
 //
+// An https server must present a certificate that chains to a trusted one
+// and names the URL's host, else the transfer fails. The trusted
+// certificates are libcurl's default bundle, or the PEM file that
+// QVCORE_CA_BUNDLE names when the session is created.
+//
 // Destroying the session cancels what is unfinished: each completion is
 // called with QVHttpError::kCancelled. A completion that throws a
 // std::exception is ignored; it does not stop the thread.

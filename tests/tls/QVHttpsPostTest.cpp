@@ -1,0 +1,114 @@
+// Posts to an https collection server: the server's certificate is verified,
+// so a self-signed one fails the post and the queue waits on disk, until a
+// session that trusts the certificate (QVCORE_CA_BUNDLE) carries it there.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <future>
+
+#include "QVTlsTestServer.h"
+#include "platform/QVCurlHttpSession.h"
+#include "qvcore/core/QVCore.h"
+#include "qvcore/model/QVQueue.h"
+#include "qvcore/platform/QVBundle.h"
+#include "qvcore/platform/QVHostReachabilitySource.h"
+#include "qvcore/platform/QVReachabilityFlags.h"
+#include "qvcore/platform/QVRunLoop.h"
+#include "support/QVFakeInterfaceAddressSource.h"
+#include "support/QVQueueServiceTestSupport.h"
+
+namespace qv {
+namespace {
+
+using namespace std::chrono_literals;
+using test::Offsets;
+using test::offsetsIn;
+
+constexpr const char* kCaBundle = "QVCORE_CA_BUNDLE";
+
+class QVHttpsPostTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::unsetenv(kCaBundle);  // the first session trusts the system's bundle only
+    folder_.writePlist("App/Info.plist", {{"CFBundleIdentifier", "com.example.tls"}});
+    QVBundle::setMainBundlePath(folder_.at("App"));
+    QVFileSystem::setHomeDirectory(folder_.at("home"));
+    reachability_->setFlags(kQVReachabilityFlagsReachable);
+    QVReachabilitySource::setShared(reachability_);
+    QVInterfaceAddressSource::setShared(addresses_);
+    folder_.writePlist("App/QVCoreSettings.bundle/QVCoreBasicConfig.plist",
+                       {{"PostMessageLevelWiFi", 3},
+                        {"PostMessageTimeout", 10},
+                        {"CompressPostMessage", true},
+                        {"HasToPersistLocalCache", true}});
+    folder_.writePlist("Collector.bundle/BasicConfig.plist",
+                       {{"PostMessageUrl", server_.url("/collect")}});
+    test::QVTestModule::define("Collector", folder_.at("Collector.bundle"));
+    ASSERT_TRUE(core_->enable());
+    ASSERT_TRUE(core_->enableModule("Collector"));
+  }
+  void TearDown() override {
+    core_->disable();
+    QVHttpSession::setShared(nullptr);
+    QVInterfaceAddressSource::setShared(nullptr);
+    QVReachabilitySource::setShared(nullptr);
+    QVFileSystem::setHomeDirectory("");
+    QVBundle::setMainBundlePath("");
+    ::unsetenv(kCaBundle);
+  }
+
+  bool flushCycle(uint64_t cycle) {
+    core_->flushQueues();
+    return QVRunLoop::main().runUntil([&] { return service_->completedFlushCycles() == cycle; },
+                                      30s);
+  }
+  std::vector<std::string> cachedFiles() const {
+    return test::namesIn(service_->cachedQueuesDirectory());
+  }
+
+  test::QVTempFolder folder_;
+  test::QVTlsTestServer server_{folder_.at("server.pem")};
+  std::shared_ptr<QVHostReachabilitySource> reachability_ =
+      std::make_shared<QVHostReachabilitySource>();
+  std::shared_ptr<test::QVFakeInterfaceAddressSource> addresses_ =
+      std::make_shared<test::QVFakeInterfaceAddressSource>();
+  std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
+  std::shared_ptr<QVQueueService> service_ = QVQueueService::sharedInstance();
+};
+
+TEST_F(QVHttpsPostTest, ASelfSignedServerIsRefusedUntilItsCertificateIsTrusted) {
+  for (uint64_t offset = 1; offset <= 3; ++offset) {
+    EXPECT_TRUE(core_->postMessageForModuleName(test::messageWithOffset(offset), "Collector"));
+  }
+  ASSERT_TRUE(flushCycle(1));
+  EXPECT_TRUE(server_.posts().empty()) << "no request may cross an unverified connection";
+  EXPECT_TRUE(service_->moduleQueues().at("Collector")->isEmpty());
+  ASSERT_EQ(cachedFiles().size(), 1u) << "the failed post goes to the disk cache";
+
+  // The variable is read when a session is made, as by a host started with it.
+  ::setenv(kCaBundle, server_.certificatePath().c_str(), 1);
+  QVHttpSession::setShared(std::make_shared<QVCurlHttpSession>());
+  ASSERT_TRUE(flushCycle(2));
+  const auto posts = server_.posts();
+  ASSERT_EQ(posts.size(), 1u);
+  EXPECT_EQ(posts[0].path, "/collect");
+  EXPECT_EQ(posts[0].contentEncoding, "gzip");
+  EXPECT_EQ(offsetsIn(posts[0].body), (Offsets{1, 2, 3}));
+  EXPECT_TRUE(cachedFiles().empty());
+
+  // Trusted or not, the certificate must name the host: it names 127.0.0.1,
+  // not the same server reached as localhost.
+  auto outcome = std::make_shared<std::promise<std::optional<QVHttpError>>>();
+  QVHttpSession::shared()->dataTaskWithRequest(
+      QVMutableURLRequest("https://localhost:" + std::to_string(server_.port()) + "/"),
+      [outcome](auto, auto error) { outcome->set_value(std::move(error)); });
+  auto error = outcome->get_future();
+  ASSERT_EQ(error.wait_for(30s), std::future_status::ready);
+  EXPECT_EQ(error.get().value_or(QVHttpError{}).code, CURLE_PEER_FAILED_VERIFICATION);
+}
+
+}  // namespace
+}  // namespace qv
