@@ -114,6 +114,18 @@ std::string containingFolder(const std::string& path) {
   return parent.empty() ? std::string(".") : parent;
 }
 
+// The file that a write to path goes to before it is renamed over path: in
+// the same folder, so that the rename stays on one file system, and hidden
+// (".name.XXXXXX"), so that a reader listing the folder never takes a write
+// still going on, or one that a killed process left unfinished, for a file
+// of the kind it looks for: the queue cache, for one, reads every entry whose
+// name starts with a module's name.
+std::string temporarySibling(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  const std::size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
+  return path.substr(0, nameStart) + "." + path.substr(nameStart) + ".XXXXXX";
+}
+
 }  // namespace
 
 bool QVFileSystem::fileExistsAtPath(const std::string& path, bool* isDirectory) {
@@ -154,7 +166,7 @@ bool QVFileSystem::writeAtomically(const std::string& path, std::string_view byt
 }
 
 bool QVFileSystem::writeAtomically(const std::string& path, std::string_view bytes, mode_t mode) {
-  std::string temp = path + ".XXXXXX";
+  std::string temp = temporarySibling(path);
   const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
   if (fd < 0) return false;
   // fchmod is not masked by the umask, so the file gets the mode asked for.

@@ -81,10 +81,12 @@ class QVCrashRecordingModule : public QVTestModule, public QVUncaughtExceptionHa
 };
 
 // Registers the modules by name and configures them and the core (every
-// message let through, plain bodies) on a network the host reports as up.
+// message let through, plain bodies, and coreItems on top) on a network the
+// host reports as up.
 inline void configureCore(
     const std::string& home,
-    const std::vector<std::pair<std::shared_ptr<QVTestModule>, QVValue>>& modules) {
+    const std::vector<std::pair<std::shared_ptr<QVTestModule>, QVValue>>& modules,
+    const QVValue& coreItems = QVValue::object()) {
   QVFileSystem::setHomeDirectory(home);
   auto reachability = std::make_shared<QVHostReachabilitySource>();
   reachability->setFlags(0x2);
@@ -94,6 +96,7 @@ inline void configureCore(
   configurations["QVCore"] = std::make_shared<QVValue>(QVValue{{"PostMessageLevelWiFi", 5},
                                                                {"PostMessageLevelCellular", 5},
                                                                {"CompressPostMessage", false}});
+  configurations["QVCore"]->update(coreItems);
   for (const auto& [module, items] : modules) {
     QVClassRegistry::shared().registerClass(module->className(), [module] { return module; });
     configurations[module->className()] = std::make_shared<QVValue>(items);
