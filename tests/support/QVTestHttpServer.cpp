@@ -79,6 +79,12 @@ bool writeAll(int fd, const std::string& bytes) {
   return true;
 }
 
+// The close that follows sends a reset instead of an orderly end of stream.
+void resetOnClose(int fd) {
+  const linger abort{1, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+}
+
 }  // namespace
 
 std::string QVRecordedRequest::query() const {
@@ -169,8 +175,14 @@ void QVTestHttpServer::serve() {
 }
 
 void QVTestHttpServer::handle(int fd) {
-  std::optional<QVRecordedRequest> request = readRequest(fd);
+  std::optional<QVRecordedRequest> request = readHead(fd);
   if (!request) return;
+  if (nextReplyIs(QVTestReply::Kind::kResetWhileReading)) {
+    nextReply();
+    resetOnClose(fd);
+    return;
+  }
+  if (!readBody(fd, *request)) return;
   {
     std::lock_guard lock(mutex_);
     requests_.push_back(*request);
@@ -182,6 +194,7 @@ void QVTestHttpServer::handle(int fd) {
       answer(fd, reply);
       break;
     case QVTestReply::Kind::kClose:
+    case QVTestReply::Kind::kResetWhileReading:
       break;
     case QVTestReply::Kind::kStall: {
       // Until the client hangs up (readable at end of stream) or the bound.
@@ -195,6 +208,10 @@ void QVTestHttpServer::handle(int fd) {
       answer(fd, reply);
       break;
     }
+    case QVTestReply::Kind::kResetWhileAnswering:
+      writeAll(fd, "HTTP/1.1 200 Test\r\nContent-Length: 64\r\nConnection: close\r\n\r\npartial");
+      resetOnClose(fd);
+      break;
   }
 }
 
@@ -204,7 +221,7 @@ bool QVTestHttpServer::waitReadable(int fd, std::chrono::milliseconds bound) con
   return ready > 0 && fds[0].revents && !fds[1].revents;
 }
 
-std::optional<QVRecordedRequest> QVTestHttpServer::readRequest(int fd) {
+std::optional<QVRecordedRequest> QVTestHttpServer::readHead(int fd) {
   std::string data;
   char buffer[65536];
   size_t headEnd = std::string::npos;
@@ -215,17 +232,22 @@ std::optional<QVRecordedRequest> QVTestHttpServer::readRequest(int fd) {
     data.append(buffer, static_cast<size_t>(n));
   }
   QVRecordedRequest request = parseHead(data.substr(0, headEnd + 4));
+  request.body = data.substr(headEnd + 4);
+  return request;
+}
+
+bool QVTestHttpServer::readBody(int fd, QVRecordedRequest& request) {
   const size_t length =
       std::strtoull(request.header("Content-Length").value_or("0").c_str(), nullptr, 10);
-  request.body = data.substr(headEnd + 4);
+  char buffer[65536];
   request.body.reserve(length);
   while (request.body.size() < length) {
-    if (!waitReadable(fd, kIoBound)) return std::nullopt;
+    if (!waitReadable(fd, kIoBound)) return false;
     const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-    if (n <= 0) return std::nullopt;
+    if (n <= 0) return false;
     request.body.append(buffer, static_cast<size_t>(n));
   }
-  return request;
+  return true;
 }
 
 void QVTestHttpServer::answer(int fd, const QVTestReply& reply) {
@@ -234,6 +256,11 @@ void QVTestHttpServer::answer(int fd, const QVTestReply& reply) {
   response += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
   response += "Connection: close\r\n\r\n" + reply.body;
   writeAll(fd, response);
+}
+
+bool QVTestHttpServer::nextReplyIs(QVTestReply::Kind kind) const {
+  std::lock_guard lock(mutex_);
+  return !replies_.empty() && replies_.front().kind == kind;
 }
 
 QVTestReply QVTestHttpServer::nextReply() {

@@ -35,6 +35,12 @@ struct QVTestReply {
     kClose,           // close the connection without a word
     kStall,           // say nothing until the client gives up
     kHoldThenAnswer,  // answer only after release()
+    // Reset the connection (RST) once the head is read, leaving any body
+    // unread; the request is not recorded: the server never took it in.
+    kResetWhileReading,
+    // Read and record the whole request, send the status line, the headers
+    // and part of the body, then reset: the client never gets the answer.
+    kResetWhileAnswering,
   };
   using Headers = std::vector<std::pair<std::string, std::string>>;
 
@@ -91,7 +97,10 @@ class QVTestHttpServer {
  private:
   void serve();
   void handle(int fd);
-  std::optional<QVRecordedRequest> readRequest(int fd);
+  // The head, with whatever part of the body came along with it.
+  std::optional<QVRecordedRequest> readHead(int fd);
+  bool readBody(int fd, QVRecordedRequest& request);
+  bool nextReplyIs(QVTestReply::Kind kind) const;
   bool waitReadable(int fd, std::chrono::milliseconds bound) const;
   void answer(int fd, const QVTestReply& reply);
   QVTestReply nextReply();

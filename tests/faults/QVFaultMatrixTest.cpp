@@ -1,0 +1,308 @@
+// The fault matrix: messages posted through QVCore by several modules, with
+// "HasToPersistLocalCache" on, meet a server that fails in one way per row,
+// on the JSON path (gzip) and on the URL-encoded path. Once the server is
+// well and the next flush has run, the server must hold every accepted
+// message, each once, except the messages of a post that the server took in
+// but whose answer never reached the client: those arrive exactly twice.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "QVCollectorDecoder.h"
+#include "QVCollectorServer.h"
+#include "qvcore/core/QVCore.h"
+#include "qvcore/model/QVQueue.h"
+#include "qvcore/platform/QVBundle.h"
+#include "qvcore/platform/QVHostReachabilitySource.h"
+#include "qvcore/platform/QVReachabilityFlags.h"
+#include "qvcore/platform/QVRunLoop.h"
+#include "qvcore/queue/QVServerConnection.h"
+#include "support/QVFakeInterfaceAddressSource.h"
+#include "support/QVQueueServiceTestSupport.h"
+#include "support/QVTestHttpServer.h"
+
+namespace qv {
+namespace {
+
+using namespace std::chrono_literals;
+using collector::QVCollectorRecord;
+using test::Offsets;
+using test::QVTestReply;
+
+// Who answers the posts.
+enum class Server {
+  kScripted,       // the raw-socket server: the first request gets the row's reply, then 200
+  kRefusingFirst,  // nothing listens during the first cycle; the collector comes up after
+  kSlow,           // the collector, answering every request late but within the time-out
+};
+
+enum class Path { kJson, kUrlEncoded };
+
+struct FaultRow {
+  const char* name;
+  Server server;
+  QVTestReply firstReply;  // kScripted only
+  double postTimeout;      // "PostMessageTimeout", seconds
+  bool firstPostFails;     // the client counts the first post failed and keeps it on disk
+  bool answerLost;         // the server took the first post in; its answer never came back
+};
+
+const FaultRow kRows[] = {
+    {"Status500", Server::kScripted, QVTestReply::answer(500), 2, true, false},
+    {"Status503", Server::kScripted, QVTestReply::answer(503, {{"Retry-After", "1"}}), 2, true,
+     false},
+    {"Status400", Server::kScripted, QVTestReply::answer(400), 2, true, false},
+    // Every status from 200 to 399 counts as delivered and no redirect is
+    // followed: the server that answered 302 has the post, and it is sent
+    // neither again nor to the Location.
+    {"Status302", Server::kScripted, QVTestReply::answer(302, {{"Location", "/elsewhere"}}), 2,
+     false, false},
+    {"TimeOut", Server::kScripted, QVTestReply::of(QVTestReply::Kind::kStall), 1, true, true},
+    {"ResetWhileAnswering", Server::kScripted,
+     QVTestReply::of(QVTestReply::Kind::kResetWhileAnswering), 2, true, true},
+    // The server crashed after taking the post in: it hangs up, no answer.
+    {"ClosedWithoutAnswer", Server::kScripted, QVTestReply::of(QVTestReply::Kind::kClose), 2, true,
+     true},
+    {"ResetWhileReading", Server::kScripted, QVTestReply::of(QVTestReply::Kind::kResetWhileReading),
+     2, true, false},
+    {"Refused", Server::kRefusingFirst, {}, 2, true, false},
+    {"SlowServer", Server::kSlow, {}, 2, false, false},
+};
+
+// Test names and failure messages show the row by its name.
+void PrintTo(const FaultRow& row, std::ostream* out) { *out << row.name; }
+void PrintTo(Path path, std::ostream* out) {
+  *out << (path == Path::kJson ? "JSON, gzip" : "URL-encoded");
+}
+
+const std::vector<std::string> kModules = {"Alpha", "Beta", "Gamma"};
+constexpr int kPerModule = 2;
+constexpr auto kSlowAnswer = 200ms;
+
+// The offsets a decoded payload holds: a queue's sessions, or the one
+// message of a URL-encoded post.
+Offsets offsetsOf(const QVCollectorRecord& record) {
+  const std::string* text = record.payloadText();
+  if (!text) return {};
+  const QVValue payload = QVValue::parse(*text, nullptr, false);
+  if (payload.is_object() && payload.contains("sessions")) return test::offsetsIn(*text);
+  if (payload.is_object() && payload.contains("offset") && payload["offset"].is_number()) {
+    return {payload["offset"].get<uint64_t>()};
+  }
+  return {};
+}
+
+Offsets sorted(Offsets offsets) {
+  std::sort(offsets.begin(), offsets.end());
+  return offsets;
+}
+
+class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, Path>> {
+ protected:
+  void SetUp() override {
+    folder_.writePlist("App/Info.plist", {{"CFBundleIdentifier", "com.example.faults"}});
+    QVBundle::setMainBundlePath(folder_.at("App"));
+    QVFileSystem::setHomeDirectory(folder_.at("home"));
+    reachability_->setFlags(kQVReachabilityFlagsReachable);
+    QVReachabilitySource::setShared(reachability_);
+    QVInterfaceAddressSource::setShared(addresses_);
+  }
+  void TearDown() override {
+    core_->disable();
+    QVInterfaceAddressSource::setShared(nullptr);
+    QVReachabilitySource::setShared(nullptr);
+    QVFileSystem::setHomeDirectory("");
+    QVBundle::setMainBundlePath("");
+  }
+
+  const FaultRow& row() const { return std::get<0>(GetParam()); }
+  bool json() const { return std::get<1>(GetParam()) == Path::kJson; }
+
+  // The URL the modules post to, with the row's server behind it.
+  std::string startServer() {
+    switch (row().server) {
+      case Server::kScripted:
+        scripted_.addReply(row().firstReply);
+        return scripted_.url("/collect");
+      case Server::kRefusingFirst:
+        refusing_.emplace();
+        return "http://127.0.0.1:" + std::to_string(refusing_->port()) + "/collect";
+      case Server::kSlow:
+        return "http://127.0.0.1:" + std::to_string(startCollector(0, kSlowAnswer)) + "/collect";
+    }
+    return "";
+  }
+  // The collector comes up on the port that refused until now.
+  void recover() {
+    const int port = refusing_->port();
+    refusing_.reset();
+    ASSERT_EQ(startCollector(port, 0ms), port);
+  }
+  int startCollector(int port, std::chrono::milliseconds delay) {
+    policy_.emplace(200, 0, delay);
+    collector_ = std::make_unique<collector::QVCollectorServer>(store_, *policy_, log_);
+    const int bound = collector_->bind(port);
+    collector_->start();
+    return bound;
+  }
+
+  void startCore(const std::string& url) {
+    folder_.writePlist("App/QVCoreSettings.bundle/QVCoreBasicConfig.plist",
+                       {{"PostMessageLevelWiFi", 3},
+                        {"PostMessageTimeout", row().postTimeout},
+                        {"CompressPostMessage", json()},
+                        {"HasToPersistLocalCache", true}});
+    for (const auto& name : kModules) {
+      folder_.writePlist(name + ".bundle/BasicConfig.plist",
+                         {{"PostMessageUrl", url}, {"URLEncoded", !json()}});
+      test::QVTestModule::define(name, folder_.at(name + ".bundle"));
+    }
+    ASSERT_TRUE(core_->enable());
+    for (const auto& name : kModules) ASSERT_TRUE(core_->enableModule(name));
+  }
+  void postBatch() {
+    for (const auto& name : kModules) {
+      for (int i = 0; i < kPerModule; ++i) {
+        const uint64_t offset = ++lastOffset_;
+        const bool taken = core_->postMessageForModuleName(test::messageWithOffset(offset), name);
+        EXPECT_TRUE(taken) << offset;
+        if (taken) accepted_.push_back(offset);
+      }
+    }
+  }
+  size_t postsPerBatch() const { return kModules.size() * (json() ? 1 : kPerModule); }
+
+  // Every request the server read whole, decoded as the collector does,
+  // with the status it answered (or meant to answer).
+  std::vector<QVCollectorRecord> records() const {
+    std::vector<QVCollectorRecord> out;
+    if (row().server != Server::kScripted) {
+      store_.forEach([&](const QVCollectorRecord& record) { out.push_back(record); });
+      return out;
+    }
+    for (const auto& sent : scripted_.requests()) {
+      QVCollectorRecord record;
+      record.request = {sent.method, sent.path(), sent.query(), sent.headers, sent.body};
+      record.decoded = collector::QVCollectorDecoder::decode(record.request);
+      const bool first = out.empty() && row().firstReply.kind == QVTestReply::Kind::kAnswer;
+      record.status = first ? row().firstReply.status : 200;
+      out.push_back(std::move(record));
+    }
+    return out;
+  }
+  // The offsets of every post the server kept (answered below 400), sorted.
+  Offsets delivered() const {
+    Offsets offsets;
+    for (const auto& record : records()) {
+      if (record.status >= 400) continue;
+      const Offsets some = offsetsOf(record);
+      offsets.insert(offsets.end(), some.begin(), some.end());
+    }
+    return sorted(offsets);
+  }
+  bool everythingDelivered() const {
+    const Offsets got = delivered();
+    return std::includes(got.begin(), got.end(), accepted_.begin(), accepted_.end());
+  }
+  // Nothing queued, nothing on the send list, nothing in flight or on disk.
+  bool quiet() const {
+    for (const auto& [name, queue] : service_->moduleQueues()) {
+      if (!queue->isEmpty()) return false;
+    }
+    const auto connection = service_->serverConnection();
+    return service_->cachedQueues().empty() && connection && !connection->isBusy() &&
+           cachedFiles().empty();
+  }
+  std::vector<std::string> cachedFiles() const {
+    return test::namesIn(service_->cachedQueuesDirectory());
+  }
+  bool waitFor(const std::function<bool()>& predicate) {
+    return QVRunLoop::main().runUntil(predicate, 30s);
+  }
+
+  test::QVTempFolder folder_;
+  test::QVTestHttpServer scripted_;
+  std::optional<test::QVTestHttpServer::RefusingPort> refusing_;
+  collector::QVCollectorStore store_{folder_.at("collector.sqlite")};
+  std::optional<collector::QVCollectorReplyPolicy> policy_;
+  std::ostringstream log_;
+  std::unique_ptr<collector::QVCollectorServer> collector_;
+
+  std::shared_ptr<QVHostReachabilitySource> reachability_ =
+      std::make_shared<QVHostReachabilitySource>();
+  std::shared_ptr<test::QVFakeInterfaceAddressSource> addresses_ =
+      std::make_shared<test::QVFakeInterfaceAddressSource>();
+  std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
+  std::shared_ptr<QVQueueService> service_ = QVQueueService::sharedInstance();
+  uint64_t lastOffset_ = 0;
+  Offsets accepted_;  // ascending, as posted
+};
+
+TEST_P(QVFaultMatrixTest, EveryAcceptedMessageArrivesAndOnlyALostAnswerDuplicates) {
+  startCore(startServer());
+  postBatch();
+  core_->flushQueues();
+  if (row().server == Server::kSlow) {
+    // More messages and flushes while the first post waits for its answer.
+    ASSERT_TRUE(waitFor([&] { return !records().empty(); }));
+    for (int round = 0; round < 2; ++round) {
+      postBatch();
+      core_->flushQueues();
+    }
+  }
+  ASSERT_TRUE(waitFor([&] { return service_->completedFlushCycles() >= 1; }));
+  const size_t failedPosts = row().server == Server::kRefusingFirst ? postsPerBatch()
+                             : row().firstPostFails                 ? 1
+                                                                    : 0;
+  EXPECT_EQ(cachedFiles().size(), failedPosts) << "posts kept on disk after the first cycle";
+
+  if (row().server == Server::kRefusingFirst) recover();
+  postBatch();
+  core_->flushQueues();
+  ASSERT_TRUE(waitFor([&] { return everythingDelivered() && quiet(); }))
+      << "delivered " << testing::PrintToString(delivered()) << " of "
+      << testing::PrintToString(accepted_);
+
+  const std::vector<QVCollectorRecord> all = records();
+  for (const auto& record : all) {
+    EXPECT_EQ(record.decoded.kind, json() ? "json" : "urlencoded");
+    EXPECT_EQ(record.decoded.encoding, json() ? "gzip" : "identity");
+    EXPECT_EQ(record.decoded.problem, "");
+  }
+  const Offsets lostAnswer = row().answerLost ? sorted(offsetsOf(all.at(0))) : Offsets{};
+  EXPECT_EQ(lostAnswer.empty(), !row().answerLost) << "the post whose answer was lost";
+  const Offsets got = delivered();
+  std::map<uint64_t, size_t> times;
+  for (uint64_t offset : got) ++times[offset];
+  Offsets distinct, repeated;
+  for (const auto& [offset, count] : times) {
+    distinct.push_back(offset);
+    if (count > 1) repeated.push_back(offset);
+  }
+  EXPECT_EQ(distinct, accepted_) << "every accepted message, and nothing else";
+  EXPECT_EQ(repeated, lostAnswer) << "duplicates: the post whose answer was lost, only";
+  EXPECT_EQ(got.size(), accepted_.size() + lostAnswer.size()) << "none more than twice";
+}
+
+std::string rowName(const testing::TestParamInfo<std::tuple<FaultRow, Path>>& info) {
+  const auto& [row, path] = info.param;
+  return std::string(row.name) + (path == Path::kJson ? "_Json" : "_UrlEncoded");
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, QVFaultMatrixTest,
+                         testing::Combine(testing::ValuesIn(kRows),
+                                          testing::Values(Path::kJson, Path::kUrlEncoded)),
+                         rowName);
+
+}  // namespace
+}  // namespace qv
