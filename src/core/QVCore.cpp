@@ -17,6 +17,27 @@ namespace qv {
 namespace {
 const char* const kNetworkChangeNotification =
     "kQVEnvironmentalServiceDidPostNetworkChangeNotification";
+
+// The services are never destroyed, so the posting path keeps one reference
+// to each instead of copying a shared pointer (two atomic operations on a
+// count that every posting thread shares) several times per message.
+const std::shared_ptr<QVConfigService>& configService() {
+  static const auto* service =
+      new std::shared_ptr<QVConfigService>(QVConfigService::sharedInstance());
+  return *service;
+}
+
+const std::shared_ptr<QVQueueService>& queueService() {
+  static const auto* service =
+      new std::shared_ptr<QVQueueService>(QVQueueService::sharedInstance());
+  return *service;
+}
+
+// The core as the module whose configuration holds the posting levels.
+const std::shared_ptr<QVLifecycleObject>& coreModule() {
+  static const auto* core = new std::shared_ptr<QVLifecycleObject>(QVCore::sharedInstance());
+  return *core;
+}
 }  // namespace
 
 QV_REGISTER_MODULE(QVCore);
@@ -152,8 +173,8 @@ bool QVCore::postMessageForModuleNameWithSessionID(std::shared_ptr<QVMessage> me
   if (!message || !canPostMessage(message.get())) return false;
   auto module = lifecycleObjectForName(name);
   if (!module || !module->isEnabled()) return false;
-  return QVQueueService::sharedInstance()->postMessageForModuleWithSessionID(
-      std::move(message), std::move(module), sessionID);
+  return queueService()->postMessageForModuleWithSessionID(std::move(message), std::move(module),
+                                                           sessionID);
 }
 
 bool QVCore::canPostMessage(const QVMessage* message) const {
@@ -165,8 +186,7 @@ bool QVCore::canPostMessage(const QVMessage* message) const {
     // The raw item, not the defaulted accessor: a missing limit is 0 and lets
     // nothing pass.
     const char* key = isConnectedViaWifi() ? "PostMessageLevelWiFi" : "PostMessageLevelCellular";
-    const auto item =
-        QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(key, sharedInstance());
+    const auto item = configService()->getConfigItemForLifecycleObject(key, coreModule());
     const int64_t limit = item ? QVValues::integerValue(*item) : 0;
     return static_cast<int64_t>(level) <= limit;
   } catch (const std::exception&) {

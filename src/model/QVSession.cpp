@@ -1,6 +1,8 @@
 #include "qvcore/model/QVSession.h"
 
+#include <cmath>
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "qvcore/core/QVCore.h"
@@ -10,6 +12,58 @@
 #include "qvcore/model/QVTestingHelper.h"
 
 namespace qv {
+
+namespace {
+
+using Serializer = nlohmann::detail::serializer<QVValue>;
+
+// The values that the JSON writer cannot carry faithfully: dump() would write
+// NaN and infinity as null and binary values as objects.
+bool isJsonCapable(const QVValue& v) {
+  switch (v.type()) {
+    case QVValue::value_t::number_float:
+      return std::isfinite(v.get_ref<const QVValue::number_float_t&>());
+    case QVValue::value_t::binary:
+      return false;
+    case QVValue::value_t::array:
+    case QVValue::value_t::object:
+      for (const auto& item : v) {
+        if (!isJsonCapable(item)) return false;
+      }
+      return true;
+    default:
+      return true;
+  }
+}
+
+// Raised when a value met on the way cannot be written as JSON.
+struct NotJson {};
+
+// Writes one value into the text the serializer appends to; throws NotJson
+// for a value JSON cannot carry, and the writer's exception for text that is
+// not UTF-8.
+void writeValue(Serializer& writer, const QVValue& value) {
+  if (!isJsonCapable(value)) throw NotJson{};
+  writer.dump(value, false, false, 0);
+}
+
+// ,"key": (the comma only after the first member); keys here are plain ASCII.
+void writeKey(std::string& out, bool& first, std::string_view key) {
+  if (!first) out += ',';
+  first = false;
+  out += '"';
+  out += key;
+  out += "\":";
+}
+
+// Room for the rest of a session's messages, judged by its first one, so
+// that a large payload is not copied again at every doubling of its text.
+void reserveFor(std::string& out, std::size_t perMessage, std::size_t messages) {
+  const std::size_t wanted = out.size() + perMessage * messages + perMessage * messages / 8;
+  if (wanted > out.capacity()) out.reserve(wanted);
+}
+
+}  // namespace
 
 QVSession::QVSession()
     : startTime_(QVCoreHelper::sharedInstance()->now()),
@@ -83,6 +137,99 @@ QVValue QVSession::jsonDictionary() const {
 }
 
 std::string QVSession::toJson() const { return QVCoreExtensions::toJson(jsonDictionary()); }
+
+bool QVSession::appendJson(std::string& out) const {
+  const std::size_t start = out.size();
+  try {
+    Serializer writer(nlohmann::detail::output_adapter<char, std::string>(out), ' ',
+                      QVValue::error_handler_t::strict);
+    writeMembers(out, writer);
+    return true;
+  } catch (...) {
+    // Not JSON (a non-finite number, binary data, text that is not UTF-8),
+    // or out of memory: the caller's whole text is void.
+    out.resize(start);
+    return false;
+  }
+}
+
+// The same members, in the same order and with the same omissions, as
+// jsonDictionary(), written straight into the text: each message's
+// dictionary lives only while it is written, so a large queue never exists
+// as one tree.
+void QVSession::writeMembers(std::string& out, Serializer& writer) const {
+  std::optional<std::string> id, coreID;
+  {
+    std::lock_guard lock(mutex_);
+    id = sessionID_;
+    coreID = coreSessionID_;
+  }
+  bool first = true;
+  out += '{';
+  if (id) {
+    writeKey(out, first, "id");
+    writeValue(writer, QVValue(std::move(*id)));
+  }
+  writeKey(out, first, "startTime");
+  out += std::to_string(static_cast<int64_t>(startTime_));
+  QVValue environment;
+  try {
+    environment = QVClientEnvironment().jsonDictionary();
+  } catch (const std::exception&) {
+    // As in jsonDictionary(): the members set before the failure.
+    out += '}';
+    return;
+  }
+  writeKey(out, first, "clientEnvironment");
+  writeValue(writer, environment);
+  const std::size_t beforeMessages = out.size();
+  writeKey(out, first, "messages");
+  if (!writeMessages(out, writer)) {
+    out.resize(beforeMessages);
+    out += '}';
+    return;
+  }
+  if (coreID) {
+    writeKey(out, first, "QVCoreSessionID");
+    writeValue(writer, QVValue(std::move(*coreID)));
+  }
+  out += '}';
+}
+
+// False when a message's jsonDictionary() threw, which ends the session's
+// members before "messages", as jsonDictionary() does.
+bool QVSession::writeMessages(std::string& out, Serializer& writer) const {
+  MessageList copy;
+  const MessageList* list = &messages_;
+  {
+    std::lock_guard lock(mutex_);
+    if (!closed_.load(std::memory_order_relaxed)) {
+      copy = messages_;
+      list = &copy;
+    }
+  }
+  out += '[';
+  bool first = true;
+  for (const auto& message : *list) {
+    QVValue dict;
+    try {
+      dict = message->jsonDictionary();
+    } catch (const std::exception&) {
+      return false;
+    }
+    if (first) {
+      const std::size_t before = out.size();
+      writeValue(writer, dict);
+      reserveFor(out, out.size() - before + 1, list->size());
+      first = false;
+      continue;
+    }
+    out += ',';
+    writeValue(writer, dict);
+  }
+  out += ']';
+  return true;
+}
 
 std::optional<std::string> QVSession::coreSessionID() const {
   std::lock_guard lock(mutex_);

@@ -102,6 +102,7 @@ class QV_EXPORT QVQueue {
   // Files session under id, last; a closed session of that id leaves.
   void insertLocked(const std::string& id, std::shared_ptr<QVSession> session);
   void reindexLocked();
+  std::string writeJson() const;
   std::shared_ptr<QVSession> lookUp(const std::optional<std::string>& sessionID, bool makeCurrent);
 
   const std::optional<std::string> jsonPayload_;

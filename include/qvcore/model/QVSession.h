@@ -56,6 +56,11 @@ class QV_EXPORT QVSession {
   // jsonDictionary() throws ends the dictionary with the keys set so far.
   QVValue jsonDictionary() const;
   std::string toJson() const;
+  // Appends the text of toJson() to out without building the session's tree
+  // (a queue's payload is written this way). False, with out as it was,
+  // when the session is not JSON text: a non-finite number, binary data or
+  // text that is not UTF-8 anywhere in it.
+  bool appendJson(std::string& out) const;
 
   std::optional<std::string> coreSessionID() const;
   void setCoreSessionID(std::optional<std::string> coreSessionID);
@@ -68,6 +73,10 @@ class QV_EXPORT QVSession {
   std::size_t messageCount() const;
 
  private:
+  using Serializer = nlohmann::detail::serializer<QVValue>;
+  void writeMembers(std::string& out, Serializer& writer) const;
+  bool writeMessages(std::string& out, Serializer& writer) const;
+
   const uint64_t startTime_;
   mutable std::mutex mutex_;
   // Set under mutex_ and never cleared; read without it only as a hint by
