@@ -1,7 +1,8 @@
 // Feeds arbitrary bytes to the readers of settings-bundle files: the
 // property-list reader (XML and binary) and the JSON reader. Besides not
 // crashing, hanging or leaking, a dictionary that was read must survive
-// being written as a binary property list and read again.
+// being written as a binary property list and read again, and JSON must be
+// read whole or not at all.
 
 #include <cstddef>
 #include <cstdint>
@@ -27,6 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (auto dict = qv::QVPropertyList::dictionaryWithData(bytes)) checkRoundTrip(*dict);
   if (auto json = qv::QVConfigJSONReader::jsonWithData(bytes)) {
     if (!json->is_object() && !json->is_array()) __builtin_trap();
+    // JSON text never holds a NUL: a file that does was read only in part.
+    if (bytes.find('\0') != std::string_view::npos) __builtin_trap();
   }
   return 0;
 }

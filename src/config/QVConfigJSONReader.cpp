@@ -13,6 +13,9 @@ struct TooDeep {};
 
 std::optional<QVValue> QVConfigJSONReader::jsonWithData(std::string_view bytes) {
   if (bytes.size() > QVPropertyList::kMaxFileBytes) return std::nullopt;
+  // The parser takes a NUL byte for the end of the text, which would pass a
+  // file with anything after it; JSON text never holds one.
+  if (bytes.find('\0') != std::string_view::npos) return std::nullopt;
   auto limitDepth = [](int depth, nlohmann::json::parse_event_t event, nlohmann::json&) {
     if ((event == nlohmann::json::parse_event_t::object_start ||
          event == nlohmann::json::parse_event_t::array_start) &&

@@ -1,21 +1,33 @@
 #include "qvcore/platform/QVKeyedUnarchiver.h"
 
+#include <cstddef>
 #include <limits>
+#include <string_view>
 
 #include "platform/QVPlistNode.h"
+#include "platform/QVPlistShape.h"
 #include "platform/QVUtf8.h"
 #include "qvcore/platform/QVArchiveException.h"
+#include "qvcore/platform/QVPropertyList.h"
 #include "qvcore/platform/QVValue.h"
 
 namespace qv {
 
 namespace {
 
+// An archive holds one flat dictionary, yet libplist expands every shared
+// reference and recurses once a level: a few hundred damaged bytes could
+// make it build 2^40 nodes. Such archives are refused before it reads them.
+constexpr std::size_t kMaxNodes = std::size_t{1} << 16;
+
 QVPlistNode parseDictionary(std::span<const uint8_t> data) {
   if (data.empty() || data.size() > std::numeric_limits<uint32_t>::max()) return nullptr;
+  const std::string_view bytes(reinterpret_cast<const char*>(data.data()), data.size());
+  if (!QVPlistShape::isWithinLimits(bytes, QVPropertyList::kMaxNestingDepth, kMaxNodes)) {
+    return nullptr;
+  }
   plist_t node = nullptr;
-  plist_from_bin(reinterpret_cast<const char*>(data.data()), static_cast<uint32_t>(data.size()),
-                 &node);
+  plist_from_bin(bytes.data(), static_cast<uint32_t>(bytes.size()), &node);
   QVPlistNode root(node);
   if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return nullptr;
   return root;

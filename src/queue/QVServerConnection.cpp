@@ -9,6 +9,7 @@
 #include "qvcore/model/QVCoreExtensions.h"
 #include "qvcore/model/QVQueue.h"
 #include "qvcore/platform/QVHttpSession.h"
+#include "qvcore/platform/QVPropertyList.h"
 #include "qvcore/platform/QVValue.h"
 
 namespace qv {
@@ -39,6 +40,27 @@ std::optional<std::string> headerText(const QVValue& value) {
       return value.dump();
     default:
       return std::nullopt;
+  }
+}
+
+struct TooDeep {};
+
+// The payload as a dictionary; discarded when it is not JSON. A nested
+// value is written into the query recursively, so text nested deeper than
+// any message (a damaged cache file) is refused as a whole here.
+QVValue payloadOf(const std::string& json) {
+  const auto limitDepth = [](int depth, QVValue::parse_event_t event, QVValue&) {
+    if ((event == QVValue::parse_event_t::object_start ||
+         event == QVValue::parse_event_t::array_start) &&
+        depth >= QVPropertyList::kMaxNestingDepth) {
+      throw TooDeep{};
+    }
+    return true;
+  };
+  try {
+    return QVValue::parse(json, limitDepth, false);
+  } catch (const TooDeep&) {
+    return QVValue(QVValue::value_t::discarded);
   }
 }
 
@@ -122,7 +144,7 @@ std::shared_ptr<QVMutableURLRequest>
 QVServerConnection::urlEncodedRequestForURLAndJsonWithSessionId(
     const std::string& url, const std::string& json, const std::optional<std::string>& sessionId) {
   try {
-    const QVValue payload = QVValue::parse(json, nullptr, false);
+    const QVValue payload = payloadOf(json);
     if (payload.is_discarded()) return nullptr;
     const std::string query = QVCoreExtensions::urlEncodedString(payload);
     if (query.empty()) return nullptr;

@@ -87,6 +87,12 @@ void QVCollectorDecoder::readJson(const std::string& text, QVCollectorDecoded& d
         "body nests deeper than " + std::to_string(QVCollectorJsonScan::kLimit) + " levels";
     return;
   }
+  // The JSON reader takes a NUL byte for the end of the text and would pass
+  // whatever follows it; JSON text never holds one.
+  if (const size_t nul = text.find('\0'); nul != std::string::npos) {
+    decoded.problem = "body is not JSON (at byte " + std::to_string(nul + 1) + ")";
+    return;
+  }
   nlohmann::json payload;
   try {
     payload = nlohmann::json::parse(text);

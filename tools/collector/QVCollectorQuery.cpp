@@ -79,8 +79,9 @@ QVValue QVCollectorQuery::dictionary(std::string_view query) {
 }
 
 QVValue QVCollectorQuery::typed(const std::string& text) {
+  // A NUL would end the JSON reader's text early, dropping what follows it.
   if (!text.empty() && (text.front() == '[' || text.front() == '{') &&
-      QVCollectorJsonScan::withinLimit(text)) {
+      text.find('\0') == std::string::npos && QVCollectorJsonScan::withinLimit(text)) {
     QVValue parsed = QVValue::parse(text, nullptr, false);
     if (!parsed.is_discarded()) return parsed;
   }
