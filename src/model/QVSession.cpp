@@ -1,5 +1,6 @@
 #include "qvcore/model/QVSession.h"
 
+#include <charconv>
 #include <cmath>
 #include <exception>
 #include <string_view>
@@ -14,8 +15,6 @@
 namespace qv {
 
 namespace {
-
-using Serializer = nlohmann::detail::serializer<QVValue>;
 
 // The values that the JSON writer cannot carry faithfully: dump() would write
 // NaN and infinity as null and binary values as objects.
@@ -39,12 +38,15 @@ bool isJsonCapable(const QVValue& v) {
 // Raised when a value met on the way cannot be written as JSON.
 struct NotJson {};
 
-// Writes one value into the text the serializer appends to; throws NotJson
-// for a value JSON cannot carry, and the writer's exception for text that is
-// not UTF-8.
-void writeValue(Serializer& writer, const QVValue& value) {
-  if (!isJsonCapable(value)) throw NotJson{};
-  writer.dump(value, false, false, 0);
+// Text the JSON writer copies as it is: printable ASCII with nothing to
+// escape. Most keys and values of a payload are such text, and copying it
+// skips the writer's byte-by-byte UTF-8 check.
+bool isPlainText(std::string_view text) {
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte >= 0x7F || byte == '"' || byte == '\\') return false;
+  }
+  return true;
 }
 
 // ,"key": (the comma only after the first member); keys here are plain ASCII.
@@ -56,6 +58,13 @@ void writeKey(std::string& out, bool& first, std::string_view key) {
   out += "\":";
 }
 
+template <typename Integer>
+void appendInteger(std::string& out, Integer value) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+  out.append(digits, end);
+}
+
 // Room for the rest of a session's messages, judged by its first one, so
 // that a large payload is not copied again at every doubling of its text.
 void reserveFor(std::string& out, std::size_t perMessage, std::size_t messages) {
@@ -64,6 +73,91 @@ void reserveFor(std::string& out, std::size_t perMessage, std::size_t messages) 
 }
 
 }  // namespace
+
+// Appends JSON text to one string, exactly as dump() would write it, but
+// refuses what dump() would change silently (NaN, infinity, binary data)
+// and, for a message, without walking its dictionary twice: the flat
+// members that make up most messages are checked as they are written.
+struct QVSession::Writer {
+  using Serializer = nlohmann::detail::serializer<QVValue>;
+
+  explicit Writer(std::string& text)
+      : out(text),
+        serializer(nlohmann::detail::output_adapter<char, std::string>(text), ' ',
+                   QVValue::error_handler_t::strict) {}
+
+  // Any value; throws NotJson for one JSON cannot carry, and the
+  // serializer's exception for text that is not UTF-8.
+  void value(const QVValue& v) {
+    if (!isJsonCapable(v)) throw NotJson{};
+    serializer.dump(v, false, false, 0);
+  }
+
+  // A message's dictionary, member by member.
+  void message(const QVValue& dict) {
+    if (!dict.is_object()) {
+      value(dict);
+      return;
+    }
+    out += '{';
+    bool first = true;
+    for (const auto& [name, member] : dict.get_ref<const QVValue::object_t&>()) {
+      if (!first) out += ',';
+      first = false;
+      key(name);
+      out += ':';
+      flatValue(member);
+    }
+    out += '}';
+  }
+
+  std::string& out;
+  Serializer serializer;
+
+ private:
+  void quoted(const std::string& s) {
+    out += '"';
+    out += s;
+    out += '"';
+  }
+
+  void key(const std::string& s) {
+    if (isPlainText(s)) {
+      quoted(s);
+    } else {
+      serializer.dump(QVValue(s), false, false, 0);
+    }
+  }
+
+  // Scalars written directly where the text is bound to be the same;
+  // containers and floating-point numbers go through the full check.
+  void flatValue(const QVValue& v) {
+    switch (v.type()) {
+      case QVValue::value_t::string:
+        if (isPlainText(v.get_ref<const std::string&>())) {
+          quoted(v.get_ref<const std::string&>());
+        } else {
+          serializer.dump(v, false, false, 0);
+        }
+        return;
+      case QVValue::value_t::number_integer:
+        appendInteger(out, v.get_ref<const QVValue::number_integer_t&>());
+        return;
+      case QVValue::value_t::number_unsigned:
+        appendInteger(out, v.get_ref<const QVValue::number_unsigned_t&>());
+        return;
+      case QVValue::value_t::boolean:
+        out += v.get_ref<const QVValue::boolean_t&>() ? "true" : "false";
+        return;
+      case QVValue::value_t::null:
+        out += "null";
+        return;
+      default:
+        value(v);
+        return;
+    }
+  }
+};
 
 QVSession::QVSession()
     : startTime_(QVCoreHelper::sharedInstance()->now()),
@@ -141,9 +235,8 @@ std::string QVSession::toJson() const { return QVCoreExtensions::toJson(jsonDict
 bool QVSession::appendJson(std::string& out) const {
   const std::size_t start = out.size();
   try {
-    Serializer writer(nlohmann::detail::output_adapter<char, std::string>(out), ' ',
-                      QVValue::error_handler_t::strict);
-    writeMembers(out, writer);
+    Writer writer(out);
+    writeMembers(writer);
     return true;
   } catch (...) {
     // Not JSON (a non-finite number, binary data, text that is not UTF-8),
@@ -157,7 +250,8 @@ bool QVSession::appendJson(std::string& out) const {
 // jsonDictionary(), written straight into the text: each message's
 // dictionary lives only while it is written, so a large queue never exists
 // as one tree.
-void QVSession::writeMembers(std::string& out, Serializer& writer) const {
+void QVSession::writeMembers(Writer& writer) const {
+  std::string& out = writer.out;
   std::optional<std::string> id, coreID;
   {
     std::lock_guard lock(mutex_);
@@ -168,7 +262,7 @@ void QVSession::writeMembers(std::string& out, Serializer& writer) const {
   out += '{';
   if (id) {
     writeKey(out, first, "id");
-    writeValue(writer, QVValue(std::move(*id)));
+    writer.value(QVValue(std::move(*id)));
   }
   writeKey(out, first, "startTime");
   out += std::to_string(static_cast<int64_t>(startTime_));
@@ -181,24 +275,25 @@ void QVSession::writeMembers(std::string& out, Serializer& writer) const {
     return;
   }
   writeKey(out, first, "clientEnvironment");
-  writeValue(writer, environment);
+  writer.value(environment);
   const std::size_t beforeMessages = out.size();
   writeKey(out, first, "messages");
-  if (!writeMessages(out, writer)) {
+  if (!writeMessages(writer)) {
     out.resize(beforeMessages);
     out += '}';
     return;
   }
   if (coreID) {
     writeKey(out, first, "QVCoreSessionID");
-    writeValue(writer, QVValue(std::move(*coreID)));
+    writer.value(QVValue(std::move(*coreID)));
   }
   out += '}';
 }
 
 // False when a message's jsonDictionary() threw, which ends the session's
 // members before "messages", as jsonDictionary() does.
-bool QVSession::writeMessages(std::string& out, Serializer& writer) const {
+bool QVSession::writeMessages(Writer& writer) const {
+  std::string& out = writer.out;
   MessageList copy;
   const MessageList* list = &messages_;
   {
@@ -219,13 +314,13 @@ bool QVSession::writeMessages(std::string& out, Serializer& writer) const {
     }
     if (first) {
       const std::size_t before = out.size();
-      writeValue(writer, dict);
+      writer.message(dict);
       reserveFor(out, out.size() - before + 1, list->size());
       first = false;
       continue;
     }
     out += ',';
-    writeValue(writer, dict);
+    writer.message(dict);
   }
   out += ']';
   return true;

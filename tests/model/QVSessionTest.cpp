@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -53,6 +54,64 @@ TEST(QVSessionTest, PayloadEntryHasItsKeysTypesAndArrivalOrder) {
   EXPECT_FALSE(bare.contains("id"));
   EXPECT_FALSE(bare.contains("QVCoreSessionID"));
   EXPECT_EQ(bare["messages"], QVValue::array());
+}
+
+class ValueMessage : public QVMessage {
+ public:
+  explicit ValueMessage(QVValue members) : members_(std::move(members)) {}
+  QVValue jsonDictionary() const override {
+    QVValue dict = QVMessage::jsonDictionary();
+    for (const auto& [key, value] : members_.items()) dict[key] = value;
+    return dict;
+  }
+
+ private:
+  QVValue members_;
+};
+
+// The text is the writer's own for the same tree, byte for byte, whatever
+// the members hold; and a session holding anything JSON cannot carry, at any
+// depth, writes nothing at all.
+TEST(QVSessionTest, TextIsTheDumpOfItsTreeOrNothing) {
+  const QVValue members = {
+      {"plain", "Home/Featured"},
+      {"quote", "say \"hi\""},
+      {"path", "C:\\dir\\file"},
+      {"escaped", "say \"hi\"\\ \t\x01\x7F end"},
+      {"utf8", "spring \xE2\x80\x94 \xF0\x9F\x8C\xB8"},
+      {"k\"ey\xC3\xA9", 1},
+      {"negative", -9223372036854775807LL - 1},
+      {"unsigned", 18446744073709551615ULL},
+      {"zero", 0},
+      {"float", 0.1},
+      {"whole", 3.0},
+      {"flags", QVValue::array({true, false, nullptr})},
+      {"nested", {{"a", QVValue::array({1.5e300, "x\ny"})}, {"b", QVValue::object()}}},
+      {"empty", ""}};
+  auto session = QVSession::initWithSessionID("S\"1");
+  session->addMessage(std::make_shared<ValueMessage>(members));
+  session->addMessage(std::make_shared<ValueMessage>(QVValue::object()));
+  std::string text;
+  ASSERT_TRUE(session->appendJson(text));
+  QVValue expected = session->jsonDictionary();
+  // Read afresh at each serialisation, so taken from the text.
+  expected["clientEnvironment"] = QVValue::parse(text)["clientEnvironment"];
+  EXPECT_EQ(text, expected.dump());
+
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  for (const QVValue& bad :
+       {QVValue{{"n", nan}}, QVValue{{"deep", {{"n", QVValue::array({1, -nan})}}}},
+        QVValue{{"i", std::numeric_limits<double>::infinity()}},
+        QVValue{{"b", QVValue::binary({1, 2})}}, QVValue{{"s", "bad \xC3\x28"}},
+        QVValue{{"bad \xFF", 1}}}) {
+    auto broken = QVSession::initWithSessionID("S2");
+    broken->addMessage(std::make_shared<ValueMessage>(members));
+    broken->addMessage(std::make_shared<ValueMessage>(bad));
+    std::string out = "kept";
+    EXPECT_FALSE(broken->appendJson(out))
+        << bad.dump(-1, ' ', false, QVValue::error_handler_t::replace);
+    EXPECT_EQ(out, "kept");
+  }
 }
 
 TEST(QVSessionTest, ClientEnvironmentIsReadWhenSerialised) {

@@ -73,9 +73,10 @@ class QV_EXPORT QVSession {
   std::size_t messageCount() const;
 
  private:
-  using Serializer = nlohmann::detail::serializer<QVValue>;
-  void writeMembers(std::string& out, Serializer& writer) const;
-  bool writeMessages(std::string& out, Serializer& writer) const;
+  // The JSON writer of appendJson(); its details stay in the source file.
+  struct Writer;
+  void writeMembers(Writer& writer) const;
+  bool writeMessages(Writer& writer) const;
 
   const uint64_t startTime_;
   mutable std::mutex mutex_;
