@@ -166,6 +166,7 @@ std::optional<QVValue> QVConfigService::mergedFileConfig(const std::string& path
 bool QVConfigService::storeLoadedConfig(const std::string& name, QVValue merged,
                                         const QVValue& pending) {
   std::lock_guard lock(dataMutex_);
+  changedLocked();
   auto it = configurations_.find(name);
   if (it != configurations_.end() && it->second) {
     // A load on another thread stored the same files first; the pending
@@ -181,6 +182,7 @@ void QVConfigService::unloadConfig(const ModuleRef& module) {
   if (!module) return;
   const std::string name = module->className();
   std::lock_guard lock(dataMutex_);
+  changedLocked();
   configurations_.erase(name);
 }
 
@@ -243,6 +245,7 @@ QVConfigService::Configurations QVConfigService::configurations() const {
 
 void QVConfigService::setConfigurations(Configurations configurations) {
   std::lock_guard lock(dataMutex_);
+  changedLocked();
   configurations_ = std::move(configurations);
 }
 
@@ -252,6 +255,17 @@ QVDictionaryRef QVConfigService::storedConfig(const std::string& name) const {
   std::lock_guard lock(dataMutex_);
   auto it = configurations_.find(name);
   return it == configurations_.end() ? nullptr : it->second;
+}
+
+uint64_t QVConfigService::generation() const { return generation_.load(std::memory_order_acquire); }
+
+// Bumped before the change it announces, under the same lock: a reader
+// that finds the new number and then reads under the lock sees the change,
+// and one that read before it finds the number moved on its next check.
+void QVConfigService::changedLocked() { generation_.fetch_add(1, std::memory_order_acq_rel); }
+
+bool QVConfigService::isConfigStored(const std::string& name) const {
+  return storedConfig(name) != nullptr;
 }
 
 QVDictionaryRef QVConfigService::getConfig(const ModuleRef& module) {
@@ -287,6 +301,7 @@ bool QVConfigService::updateConfigWithData(const ModuleRef& module, const QVValu
   if (!items.is_object()) return false;
   try {
     std::lock_guard lock(dataMutex_);
+    changedLocked();
     mergeEntries(*config, items);
     return true;
   } catch (const std::exception&) {
@@ -304,6 +319,7 @@ bool QVConfigService::setConfigItemForKeyWithValueForModule(const std::string& k
     if (!QVValues::isString(*value) && !QVValues::isNumber(*value)) return false;
     {
       std::lock_guard lock(dataMutex_);
+      changedLocked();
       QVValues::setValueForKey(*config, key, *value);
     }
     return saveCurrentConfigurableItemsForLifeCycleObject(config, module);
@@ -327,6 +343,7 @@ bool QVConfigService::saveCurrentConfigurableItemsForLifeCycleObject(const QVDic
     QVValue snapshot;
     {
       std::lock_guard lock(dataMutex_);
+      changedLocked();
       configurations_[name] = items;
       snapshot = *items;
     }

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <exception>
+#include <utility>
 
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
+#include "qvcore/environment/QVNetworkManager.h"
 #include "qvcore/model/QVMessage.h"
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVClassRegistry.h"
@@ -38,6 +40,48 @@ const std::shared_ptr<QVLifecycleObject>& coreModule() {
   static const auto* core = new std::shared_ptr<QVLifecycleObject>(QVCore::sharedInstance());
   return *core;
 }
+
+// The environmental service answers Wi-Fi from this manager, which it never
+// replaces; the gate asks it directly.
+const QVNetworkManager& networkManager() {
+  static const auto* manager =
+      new std::shared_ptr<QVNetworkManager>(QVNetworkManager::sharedInstance());
+  return **manager;
+}
+
+// The gate's limit for one network: the raw item, not the defaulted
+// accessor, so that a missing limit is 0 and lets nothing pass (a level is
+// never below 1); an item that cannot be read lets nothing pass either.
+int64_t postingLimit(const char* key) {
+  try {
+    const auto item = configService()->getConfigItemForLifecycleObject(key, coreModule());
+    return item ? QVValues::integerValue(*item) : 0;
+  } catch (const std::exception&) {
+    return 0;
+  }
+}
+
+struct PostingLimits {
+  uint64_t generation = 0;  // of the configuration service; it starts at 1
+  int64_t wifi = 0;
+  int64_t cellular = 0;
+};
+
+// Each thread keeps the two limits it read last, as long as the
+// configuration service reports no change: reading them costs two locks, a
+// map lookup and a copy of each item. A configuration that is not stored is
+// not kept, so that every post tries to load it again, as a read would.
+const PostingLimits& postingLimits() {
+  thread_local PostingLimits limits;
+  const uint64_t now = configService()->generation();
+  if (limits.generation == now) return limits;
+  limits = {0, postingLimit("PostMessageLevelWiFi"), postingLimit("PostMessageLevelCellular")};
+  if (configService()->isConfigStored(coreModule()->className()) &&
+      configService()->generation() == now) {
+    limits.generation = now;
+  }
+  return limits;
+}
 }  // namespace
 
 QV_REGISTER_MODULE(QVCore);
@@ -53,10 +97,7 @@ QVCore::QVCore() = default;
 QVCore::~QVCore() = default;
 
 bool QVCore::enable() {
-  {
-    std::lock_guard lock(registryMutex_);
-    classReferences_ = std::make_shared<ModuleRegistry>();
-  }
+  publishRegistry(std::make_shared<const ModuleRegistry>());
   enabled_ = startCoreServices();
   observeNetworkChanges();
   setUncaughtExceptionHandler();
@@ -84,10 +125,7 @@ bool QVCore::disable() {
   const bool slept = sleepSystem();
   const bool environmentStopped = QVEnvironmentalSerivce::sharedInstance()->disable();
   const bool stopped = slept && environmentStopped;
-  if (stopped) {
-    std::lock_guard lock(registryMutex_);
-    classReferences_.reset();
-  }
+  if (stopped) publishRegistry(nullptr);
   enabled_ = !stopped;
   return stopped;
 }
@@ -141,18 +179,70 @@ bool QVCore::disableModule(const std::string& name) {
   return true;
 }
 
-std::shared_ptr<QVLifecycleObject> QVCore::registeredModule(const std::string& name) const {
-  std::lock_guard lock(registryMutex_);
-  if (!classReferences_) return nullptr;
-  auto it = classReferences_->find(name);
-  return it == classReferences_->end() ? nullptr : it->second;
+void QVCore::publishRegistry(std::shared_ptr<const ModuleRegistry> registry) {
+  {
+    std::lock_guard lock(registryMutex_);
+    registry.swap(classReferences_);
+    registryGeneration_.fetch_add(1, std::memory_order_release);
+  }
+  // The registry replaced goes here, outside the lock: it may hold the last
+  // reference to a module.
 }
 
 void QVCore::registerModule(const std::string& name, std::shared_ptr<QVLifecycleObject> module) {
+  std::shared_ptr<const ModuleRegistry> replaced;
   std::lock_guard lock(registryMutex_);
   // Before the first enable and after a full disable there is no registry,
   // and a started module is not recorded anywhere.
-  if (classReferences_) (*classReferences_)[name] = std::move(module);
+  if (!classReferences_) return;
+  // Copied, never changed in place: threads read the registry they last
+  // saw without the lock.
+  auto registry = std::make_shared<ModuleRegistry>(*classReferences_);
+  (*registry)[name] = std::move(module);
+  replaced = std::exchange(classReferences_, std::move(registry));
+  registryGeneration_.fetch_add(1, std::memory_order_release);
+}
+
+std::shared_ptr<const QVCore::ModuleRegistry> QVCore::registry() const {
+  std::lock_guard lock(registryMutex_);
+  return classReferences_;
+}
+
+// Each thread keeps the registry it read last and takes the lock only when
+// the generation moved, so that posting threads do not share a lock or a
+// reference count. The reference is valid until the thread reads again.
+const QVCore::ModuleRegistry* QVCore::threadRegistry() const {
+  struct Seen {
+    const QVCore* core = nullptr;
+    uint64_t generation = 0;
+    std::shared_ptr<const ModuleRegistry> registry;
+  };
+  thread_local Seen seen;
+  const uint64_t now = registryGeneration_.load(std::memory_order_acquire);
+  if (seen.core != this || seen.generation != now) {
+    std::shared_ptr<const ModuleRegistry> current;
+    {
+      std::lock_guard lock(registryMutex_);
+      current = classReferences_;
+      seen.generation = registryGeneration_.load(std::memory_order_relaxed);
+    }
+    seen.core = this;
+    seen.registry.swap(current);
+  }
+  return seen.registry.get();
+}
+
+const std::shared_ptr<QVLifecycleObject>* QVCore::registeredModuleOfThread(
+    const std::string& name) const {
+  const ModuleRegistry* registry = threadRegistry();
+  if (!registry) return nullptr;
+  const auto it = registry->find(name);
+  return it == registry->end() || !it->second ? nullptr : &it->second;
+}
+
+std::shared_ptr<QVLifecycleObject> QVCore::registeredModule(const std::string& name) const {
+  const auto* module = registeredModuleOfThread(name);
+  return module ? *module : nullptr;
 }
 
 std::shared_ptr<QVLifecycleObject> QVCore::lifecycleObjectForName(const std::string& name) const {
@@ -171,10 +261,17 @@ bool QVCore::postMessageForModuleNameWithSessionID(std::shared_ptr<QVMessage> me
                                                    const std::string& name,
                                                    const std::optional<std::string>& sessionID) {
   if (!message || !canPostMessage(message.get())) return false;
+  // A registered module is used by reference: no count shared with other
+  // posting threads changes. The queue service copies it before anything
+  // that could read the registry again.
+  if (const auto* registered = registeredModuleOfThread(name)) {
+    if (!(*registered)->isEnabled()) return false;
+    return queueService()->postMessageForModuleWithSessionID(std::move(message), *registered,
+                                                             sessionID);
+  }
   auto module = lifecycleObjectForName(name);
   if (!module || !module->isEnabled()) return false;
-  return queueService()->postMessageForModuleWithSessionID(std::move(message), std::move(module),
-                                                           sessionID);
+  return queueService()->postMessageForModuleWithSessionID(std::move(message), module, sessionID);
 }
 
 bool QVCore::canPostMessage(const QVMessage* message) const {
@@ -183,12 +280,9 @@ bool QVCore::canPostMessage(const QVMessage* message) const {
     // The level is compared as an unsigned 32-bit value widened to 64 bits.
     const auto level = static_cast<uint32_t>(message->logLevel());
     if (level == 0) return false;
-    // The raw item, not the defaulted accessor: a missing limit is 0 and lets
-    // nothing pass.
-    const char* key = isConnectedViaWifi() ? "PostMessageLevelWiFi" : "PostMessageLevelCellular";
-    const auto item = configService()->getConfigItemForLifecycleObject(key, coreModule());
-    const int64_t limit = item ? QVValues::integerValue(*item) : 0;
-    return static_cast<int64_t>(level) <= limit;
+    const bool wifi = networkManager().isConnectedViaWifi();
+    const PostingLimits& limits = postingLimits();
+    return static_cast<int64_t>(level) <= (wifi ? limits.wifi : limits.cellular);
   } catch (const std::exception&) {
     return false;
   }
@@ -234,9 +328,9 @@ void QVCore::networkConnectivityHasChanged(const QVNotification&) {
 }
 
 std::optional<QVCore::ModuleRegistry> QVCore::classReferences() const {
-  std::lock_guard lock(registryMutex_);
-  if (!classReferences_) return std::nullopt;
-  return *classReferences_;
+  const auto current = registry();
+  if (!current) return std::nullopt;
+  return *current;
 }
 
 std::string QVCore::settingsBundlePath() const { return QVBundle::coreSettingsBundlePath(); }

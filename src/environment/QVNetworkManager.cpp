@@ -63,6 +63,7 @@ bool QVNetworkManager::startNetworkMonitoring() {
                                                           self->reachabilityChanged(&notification);
                                                       });
     networkMonitor_ = QVReachability::reachabilityForInternetConnection();
+    monitorGeneration_.fetch_add(1, std::memory_order_release);
     ok = networkMonitor_ && networkMonitor_->startNotifier();
   }
   if (ok) {
@@ -81,6 +82,7 @@ bool QVNetworkManager::stopNetworkMonitoring() {
   if (!networkMonitor_) return true;
   const bool stopped = networkMonitor_->stopNotifier();
   networkMonitor_.reset();
+  monitorGeneration_.fetch_add(1, std::memory_order_release);
   return stopped;
 }
 
@@ -110,8 +112,35 @@ std::string QVNetworkManager::stringForNetworkStatus(int64_t status) {
 }
 
 bool QVNetworkManager::isConnectedViaWifi() const {
-  const auto monitor = networkMonitor();
+  const QVReachability* monitor = monitorOfThread();
   return monitor && monitor->currentReachabilityStatus() == QVReachability::ReachableViaWiFi;
+}
+
+// The gate asks for Wi-Fi on every post: each thread keeps the monitor it
+// read last and takes the lock only when the generation moved, so that
+// posting threads share neither the lock nor the monitor's reference count.
+// The pointer is valid until the thread reads again.
+const QVReachability* QVNetworkManager::monitorOfThread() const {
+  struct Seen {
+    const QVNetworkManager* manager = nullptr;
+    uint64_t generation = 0;
+    std::shared_ptr<QVReachability> monitor;
+  };
+  thread_local Seen seen;
+  const uint64_t now = monitorGeneration_.load(std::memory_order_acquire);
+  if (seen.manager != this || seen.generation != now) {
+    std::shared_ptr<QVReachability> current;
+    {
+      std::lock_guard lock(monitorMutex_);
+      current = networkMonitor_;
+      seen.generation = monitorGeneration_.load(std::memory_order_relaxed);
+    }
+    seen.manager = this;
+    // The monitor replaced is let go outside the lock: its destructor stops
+    // its notifier.
+    seen.monitor.swap(current);
+  }
+  return seen.monitor.get();
 }
 
 std::shared_ptr<QVReachability> QVNetworkManager::networkMonitor() const {
@@ -121,7 +150,10 @@ std::shared_ptr<QVReachability> QVNetworkManager::networkMonitor() const {
 
 std::shared_ptr<QVReachability> QVNetworkManager::monitorMadeIfMissing() {
   std::lock_guard lock(monitorMutex_);
-  if (!networkMonitor_) networkMonitor_ = QVReachability::reachabilityForInternetConnection();
+  if (!networkMonitor_) {
+    networkMonitor_ = QVReachability::reachabilityForInternetConnection();
+    monitorGeneration_.fetch_add(1, std::memory_order_release);
+  }
   return networkMonitor_;
 }
 

@@ -1,6 +1,7 @@
 #include "qvcore/platform/QVHostReachabilitySource.h"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -40,12 +41,23 @@ class Listener {
   std::shared_ptr<const QVReachabilityTarget::Changed> changed_;  // guarded by mutex_
 };
 
+// The flags as one word that threads read without a lock (the gate asks on
+// every post): the low 32 bits, and bit 32 when there are any.
+constexpr uint64_t kHasFlags = uint64_t{1} << 32;
+
+uint64_t packedFlags(std::optional<uint32_t> flags) { return flags ? kHasFlags | *flags : 0; }
+
+std::optional<uint32_t> unpackedFlags(uint64_t word) {
+  if ((word & kHasFlags) == 0) return std::nullopt;
+  return static_cast<uint32_t>(word);
+}
+
 }  // namespace
 
 struct QVHostReachabilitySource::State {
+  std::atomic<uint64_t> flags{packedFlags(0)};
   std::mutex mutex;
   // All guarded by mutex.
-  std::optional<uint32_t> flags = 0;
   std::optional<std::string> radioAccessTechnology;
   bool failsToCreateTargets = false;
   bool failsToSchedule = false;
@@ -58,8 +70,7 @@ class QVHostReachabilitySource::Target final : public QVReachabilityTarget {
   ~Target() override { unschedule(); }
 
   std::optional<uint32_t> flags() override {
-    std::lock_guard lock(state_->mutex);
-    return state_->flags;
+    return unpackedFlags(state_->flags.load(std::memory_order_acquire));
   }
 
   bool schedule(QVRunLoop& loop, Changed changed) override {
@@ -129,7 +140,7 @@ std::optional<std::string> QVHostReachabilitySource::currentRadioAccessTechnolog
 void QVHostReachabilitySource::setFlags(std::optional<uint32_t> flags) {
   {
     std::lock_guard lock(state_->mutex);
-    state_->flags = flags;
+    state_->flags.store(packedFlags(flags), std::memory_order_release);
   }
   announce();
 }

@@ -1,6 +1,9 @@
 #include "platform/QVNetlinkReachabilityTarget.h"
 
 #include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <cerrno>
 
 #include <utility>
 
@@ -11,6 +14,15 @@ namespace {
 
 constexpr uint32_t kWatchedGroups =
     RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+
+// Whether the kernel announced anything on socket since it was last
+// drained: one non-blocking peek. An error other than "nothing queued" (a
+// queue that overflowed, above all) counts as an announcement.
+bool announced(const QVNetlinkSocket& socket) {
+  char byte = 0;
+  const ssize_t got = ::recv(socket.fd(), &byte, sizeof byte, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+  return got >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+}
 
 }  // namespace
 
@@ -39,12 +51,25 @@ struct QVNetlinkReachabilityTarget::Subscription {
 };
 
 QVNetlinkReachabilityTarget::QVNetlinkReachabilityTarget(QVNetlinkDestination destination)
-    : destination_(destination) {}
+    : destination_(destination), watch_(std::make_unique<QVNetlinkSocket>(kWatchedGroups)) {}
 
 QVNetlinkReachabilityTarget::~QVNetlinkReachabilityTarget() { unschedule(); }
 
+// Asking the kernel for the route costs a socket and a round trip; the
+// answer is kept until the watch hears of a change of links, addresses or
+// routes. The kernel queues that announcement before the request that made
+// the change returns, so a change made before this call is always seen,
+// whether or not any run loop runs. Without a watch every call asks.
 std::optional<uint32_t> QVNetlinkReachabilityTarget::flags() {
-  return netlinkReachabilityFlags(destination_);
+  std::lock_guard lock(flagsMutex_);
+  if (!watch_->isOpen()) return netlinkReachabilityFlags(destination_);
+  if (announced(*watch_)) {
+    watch_->drain();
+    lastFlags_.reset();
+  }
+  // A failed read is not kept: the next call asks again.
+  if (!lastFlags_) lastFlags_ = netlinkReachabilityFlags(destination_);
+  return lastFlags_;
 }
 
 bool QVNetlinkReachabilityTarget::schedule(QVRunLoop& loop, Changed changed) {

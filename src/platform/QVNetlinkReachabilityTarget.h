@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "platform/QVNetlinkRoutes.h"
+#include "platform/QVNetlinkSocket.h"
 #include "qvcore/platform/QVReachabilityTarget.h"
 
 namespace qv {
@@ -12,7 +13,8 @@ namespace qv {
 // scheduled, a socket subscribed to the kernel's link, address and route
 // events is watched on the loop; after each burst of events the flags are
 // read again, and changed is called only when they differ from the last
-// ones, so that unrelated routing noise stays quiet.
+// ones, so that unrelated routing noise stays quiet. flags() keeps its last
+// answer until a socket of its own hears of such an event.
 class QVNetlinkReachabilityTarget final : public QVReachabilityTarget {
  public:
   explicit QVNetlinkReachabilityTarget(QVNetlinkDestination destination);
@@ -26,6 +28,11 @@ class QVNetlinkReachabilityTarget final : public QVReachabilityTarget {
   struct Subscription;
 
   const QVNetlinkDestination destination_;
+
+  std::mutex flagsMutex_;
+  // Subscribed before the first read, so that no change is missed.
+  const std::unique_ptr<QVNetlinkSocket> watch_;  // read under flagsMutex_
+  std::optional<uint32_t> lastFlags_;             // guarded by flagsMutex_
   std::mutex mutex_;
   std::shared_ptr<Subscription> subscription_;  // guarded by mutex_
 };

@@ -1,5 +1,6 @@
 #include "qvcore/queue/QVQueueService.h"
 
+#include <array>
 #include <exception>
 #include <utility>
 
@@ -12,6 +13,39 @@
 #include "qvcore/queue/QVServerConnection.h"
 
 namespace qv {
+
+namespace {
+
+// The queues a thread posted to last, by module class name. A queue, once
+// filed, is never replaced or removed, and the service is never destroyed,
+// so the addresses stay valid and the lookup needs no lock.
+class RecentQueues {
+ public:
+  QVQueue* find(const QVQueueService* service, const std::string& name) const {
+    for (const auto& entry : entries_) {
+      if (entry.queue && entry.service == service && entry.name == name) return entry.queue;
+    }
+    return nullptr;
+  }
+
+  void add(const QVQueueService* service, const std::string& name, QVQueue* queue) {
+    entries_[next_] = {service, name, queue};
+    next_ = (next_ + 1) % entries_.size();
+  }
+
+ private:
+  struct Entry {
+    const QVQueueService* service = nullptr;
+    std::string name;
+    QVQueue* queue = nullptr;
+  };
+  std::array<Entry, 4> entries_;
+  std::size_t next_ = 0;
+};
+
+thread_local RecentQueues recentQueues;
+
+}  // namespace
 
 QV_REGISTER_MODULE(QVQueueService);
 
@@ -61,26 +95,34 @@ bool QVQueueService::disable() {
   return true;
 }
 
-std::shared_ptr<QVQueue> QVQueueService::moduleQueueFor(
-    const std::shared_ptr<QVLifecycleObject>& module) {
+QVQueue* QVQueueService::moduleQueueFor(const std::shared_ptr<QVLifecycleObject>& module) {
   const std::string name = module->className();
+  if (QVQueue* queue = recentQueues.find(this, name)) return queue;
+  QVQueue* queue = filedQueueFor(name, module).get();
+  if (queue) recentQueues.add(this, name, queue);
+  return queue;
+}
+
+std::shared_ptr<QVQueue> QVQueueService::filedQueueFor(const std::string& name,
+                                                       std::shared_ptr<QVLifecycleObject> module) {
   {
     std::lock_guard lock(queuesMutex_);
     auto it = moduleQueues_.find(name);
     if (it != moduleQueues_.end()) return it->second;
   }
   // Made outside the lock, since a new queue asks the core for its session;
-  // a queue that another thread filed first wins.
+  // a queue that another thread filed first wins. The module is a copy: the
+  // caller's may live in a registry that the core reads again meanwhile.
   auto made = QVQueue::initForModule(module);
   std::lock_guard lock(queuesMutex_);
   return moduleQueues_.try_emplace(name, std::move(made)).first->second;
 }
 
-bool QVQueueService::postMessageForModuleWithSessionID(std::shared_ptr<QVMessage> message,
-                                                       std::shared_ptr<QVLifecycleObject> module,
-                                                       std::optional<std::string> sessionID) {
+bool QVQueueService::postMessageForModuleWithSessionID(
+    std::shared_ptr<QVMessage> message, const std::shared_ptr<QVLifecycleObject>& module,
+    std::optional<std::string> sessionID) {
   if (!module) return false;
-  auto queue = moduleQueueFor(module);
+  QVQueue* queue = moduleQueueFor(module);
   return queue && queue->postMessageToSessionID(std::move(message), std::move(sessionID));
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -83,6 +84,14 @@ class QV_EXPORT QVConfigService : public QVLifecycleObject {
   // The module's live configuration, loading it on first use; null when it
   // has none.
   QVDictionaryRef getConfig(const ModuleRef& module);
+  // A number that moves on every change made through the service (loads,
+  // unloads, updates, saves, setConfigurations), so that a reader can keep
+  // what it derived from items until it moves. A dictionary obtained from
+  // getConfig and changed directly is not seen: change items through the
+  // service.
+  uint64_t generation() const;
+  // Whether the module's configuration is stored now; never loads it.
+  bool isConfigStored(const std::string& name) const;
   // The item as stored, or none; a stored JSON null counts as absent.
   std::optional<QVValue> getConfigItemForLifecycleObject(const std::string& key,
                                                          const ModuleRef& module);
@@ -151,6 +160,7 @@ class QV_EXPORT QVConfigService : public QVLifecycleObject {
   std::optional<QVValue> basicPlistFileConfig(const std::string& path) const;
   std::optional<QVValue> jsonFileConfig(const std::string& path, const char* baseName) const;
   std::optional<QVValue> coreItem(const char* key);
+  void changedLocked();
   bool coreBool(const char* key, bool defaultValue);
   QVValue coreNumber(const char* key, const QVValue& defaultValue);
 
@@ -160,6 +170,9 @@ class QV_EXPORT QVConfigService : public QVLifecycleObject {
   // leaf lock: nothing outside this class runs while it is held.
   mutable std::mutex dataMutex_;
   Configurations configurations_;
+  // Read on every post; on a line of its own, away from the mutex that
+  // writers take.
+  alignas(64) std::atomic<uint64_t> generation_{1};
 
   // The re-entrant lock of the two writers that persist; it is held while
   // the module saves, so that saves of one configuration do not interleave.

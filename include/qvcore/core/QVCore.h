@@ -134,6 +134,12 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   QVCore();
 
   std::shared_ptr<QVLifecycleObject> registeredModule(const std::string& name) const;
+  // The module as registered in the calling thread's copy of the registry;
+  // valid until that thread reads the registry again.
+  const std::shared_ptr<QVLifecycleObject>* registeredModuleOfThread(const std::string& name) const;
+  const ModuleRegistry* threadRegistry() const;
+  std::shared_ptr<const ModuleRegistry> registry() const;
+  void publishRegistry(std::shared_ptr<const ModuleRegistry> registry);
   void registerModule(const std::string& name, std::shared_ptr<QVLifecycleObject> module);
   bool startCoreServices();
   bool isConnectedViaWifi() const;
@@ -142,8 +148,12 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   std::atomic<bool> enabled_{false};
   std::atomic<int32_t> currentLoggingLevel_{0};
 
+  // The registry is replaced, never changed in place; each change moves the
+  // generation, which posting threads read on every post (on a line of its
+  // own, away from the lock).
   mutable std::mutex registryMutex_;
-  std::shared_ptr<ModuleRegistry> classReferences_;
+  std::shared_ptr<const ModuleRegistry> classReferences_;  // guarded by registryMutex_
+  alignas(64) std::atomic<uint64_t> registryGeneration_{1};
 
   std::mutex sessionMutex_;
   std::optional<std::string> currentSessionID_;

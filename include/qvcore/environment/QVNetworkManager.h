@@ -79,10 +79,14 @@ class QV_EXPORT QVNetworkManager : public std::enable_shared_from_this<QVNetwork
   QVNetworkManager() = default;
 
   std::shared_ptr<QVReachability> monitorMadeIfMissing();
+  const QVReachability* monitorOfThread() const;
   void setConnectType(std::string type);
 
   mutable std::mutex monitorMutex_;
   std::shared_ptr<QVReachability> networkMonitor_;  // guarded by monitorMutex_
+  // Moves with every change of networkMonitor_, under monitorMutex_; read
+  // on every post, so on a line of its own.
+  alignas(64) std::atomic<uint64_t> monitorGeneration_{1};
 
   // The status is read without a lock; it changes only together with the
   // name, under statusMutex_, so that a change is posted once.

@@ -82,7 +82,7 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // use), under sessionID or, when absent, the queue's current session.
   // Works whether or not the service is enabled; the queue's answer.
   bool postMessageForModuleWithSessionID(std::shared_ptr<QVMessage> message,
-                                         std::shared_ptr<QVLifecycleObject> module,
+                                         const std::shared_ptr<QVLifecycleObject>& module,
                                          std::optional<std::string> sessionID);
   // Start of the current session of the module class's queue, in
   // milliseconds since 1970; 0 when it has no queue. Makes no queue.
@@ -201,7 +201,11 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
  private:
   QVQueueService();
 
-  std::shared_ptr<QVQueue> moduleQueueFor(const std::shared_ptr<QVLifecycleObject>& module);
+  // The queue of the module's class, made and filed on first use; valid for
+  // the life of the service.
+  QVQueue* moduleQueueFor(const std::shared_ptr<QVLifecycleObject>& module);
+  std::shared_ptr<QVQueue> filedQueueFor(const std::string& name,
+                                         std::shared_ptr<QVLifecycleObject> module);
   // The snapshot to send, taken and cut from the live queue in one step;
   // null when the queue holds no session.
   std::shared_ptr<QVQueue> cut(const std::shared_ptr<QVQueue>& queue);
@@ -226,6 +230,8 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   std::shared_ptr<QVRepeatingTimer> flushTimer_;
   std::shared_ptr<QVSerialQueue> flushQueue_;
 
+  // Only grows, and a queue filed is never replaced: posting threads keep
+  // the queues' addresses and find them again without the lock.
   mutable std::mutex queuesMutex_;
   ModuleQueues moduleQueues_;
 
