@@ -77,25 +77,26 @@ TEST_F(QVCoreConfigTest, SleepAsksEveryRegisteredModuleAndStopsTheConfigurationS
 }
 
 TEST_F(QVCoreConfigTest, GateComparesTheLevelWithTheRawItemOfTheNetwork) {
+  moduleWithConfig("Poster")->setEnabled(true);
+  EXPECT_FALSE(core_->postMessageForModuleName(nullptr, "Poster"));
+  QVMessage message;
+  const auto passes = [&](int32_t level) {
+    message.setLogLevel(level);
+    return core_->canPostMessage(&message);
+  };
+  // Without the item of the current network nothing passes, whatever the
+  // level; the accessor's default is not what the gate uses.
+  for (int32_t level : {-1, 0, 1}) EXPECT_FALSE(passes(level)) << "no files, " << level;
+  writeCoreConfig(R"({"PostMessageLevelWiFi": 3})");
+  ASSERT_TRUE(core_->reloadConfigForModuleName("QVCore"));
+  for (int32_t level : {-1, 0, 1}) EXPECT_FALSE(passes(level)) << "Wi-Fi item only, " << level;
+  EXPECT_EQ(QVConfigService::sharedInstance()->postMessageLevelCellular(), QVValue(3));
+
   // Not on Wi-Fi: the cellular item decides and the Wi-Fi item is ignored.
   writeCoreConfig(R"({"PostMessageLevelCellular": 2, "PostMessageLevelWiFi": 9})");
-  QVMessage message;
-  for (int32_t level : {1, 2}) {
-    message.setLogLevel(level);
-    EXPECT_TRUE(core_->canPostMessage(&message)) << level;
-  }
-  for (int32_t level : {0, 3, -1}) {
-    message.setLogLevel(level);
-    EXPECT_FALSE(core_->canPostMessage(&message)) << level;
-  }
-}
-
-TEST_F(QVCoreConfigTest, GateLetsNothingPassWithoutTheItem) {
-  writeCoreConfig(R"({"PostMessageLevelWiFi": 3})");
-  QVMessage message;
-  EXPECT_FALSE(core_->canPostMessage(&message));
-  // The accessor's default is not what the gate uses.
-  EXPECT_EQ(QVConfigService::sharedInstance()->postMessageLevelCellular(), QVValue(3));
+  ASSERT_TRUE(core_->reloadConfigForModuleName("QVCore"));
+  for (int32_t level : {1, 2}) EXPECT_TRUE(passes(level)) << level;
+  for (int32_t level : {0, 3, -1}) EXPECT_FALSE(passes(level)) << level;
 }
 
 TEST_F(QVCoreConfigTest, ModuleConfigurationByName) {

@@ -90,20 +90,6 @@ TEST(QVCoreTest, BatteryLevelOneWakesZeroSleepsOtherValuesDoNothing) {
   EXPECT_TRUE(core->classReferences().has_value()) << "waking runs enable, which makes a registry";
 }
 
-TEST(QVCoreTest, PostingGateRefusesMissingMessagesLevelZeroAndMissingLimits) {
-  auto core = QVCore::sharedInstance();
-  QVTestModule::define("Poster")->setEnabled(true);
-  auto message = std::make_shared<QVMessage>();
-  EXPECT_FALSE(core->postMessageForModuleName(nullptr, "Poster"));
-  message->setLogLevel(0);
-  EXPECT_FALSE(core->canPostMessage(message.get()));
-  // Without a configured limit nothing passes, whatever the level.
-  message->setLogLevel(1);
-  EXPECT_FALSE(core->canPostMessage(message.get()));
-  message->setLogLevel(-1);
-  EXPECT_FALSE(core->canPostMessage(message.get()));
-}
-
 TEST(QVCoreTest, SessionIdIsMadeOnceAndUuidsAreThirtyTwoUpperCaseHexDigits) {
   auto core = QVCore::sharedInstance();
   const std::string id = core->currentSessionID();

@@ -85,6 +85,17 @@ TEST_F(QVServerConnectionTest, PayloadsWithoutAUrlFormFailAtOnce) {
   EXPECT_EQ(session_->taskCount(), 0u);
 }
 
+// Only the edges of the range that counts as delivered: the statuses within
+// it, on the wire, are rows of the fault matrix.
+TEST_F(QVServerConnectionTest, StatusesFrom200To399Succeed) {
+  const int statuses[] = {199, 200, 399, 400};
+  for (size_t i = 0; i < std::size(statuses); ++i) {
+    connection_->postQueueToURL(queue("{}"), url_);
+    session_->completeWithStatus(i, statuses[i]);
+  }
+  EXPECT_EQ(outcomes(), (std::vector{false, true, true, false}));
+}
+
 TEST_F(QVServerConnectionTest, AnErrorOrNoResponseFailsWhateverTheStatus) {
   for (size_t i = 0; i < 2; ++i) {
     connection_->postQueueToURL(queue("{}"), url_);
