@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Builds, under ThreadSanitizer (preset "tsan"), only the test programs whose
+# tests run several threads, and runs those tests: serial queues, run loops,
+# timers, notifications, sessions and queues posted from many threads, the
+# configuration's concurrent readers and writers, the queue service's flush
+# cycle and disk cache, the crash hook, the environment's host threads, the
+# log relay, the libcurl session, the fault matrix against a real server,
+# and the soak. Installs the Debian packages first when missing.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+suites=(platform model config queue core environment logrelay integration faults soak)
+fixtures=(
+  QVSerialQueueTest QVRunLoopTest QVMainLoopVirtualTimeTest QVRunLoopWatchTest QVRepeatingTimerTest
+  QVGlobalQueueTest QVNotificationCenterTest QVLogTest QVApplicationLifecycleTest
+  QVQueueTest QVSessionTest
+  QVConfigItemsTest
+  QVQueueServiceTest QVQueueServiceDiskCacheTest
+  QVCoreUncaughtExceptionTest
+  QVApplicationLifecycleManagerTest QVOrientationManagerTest QVNetworkManagerTest
+  VintraZANLogClientTest
+  QVCurlHttpSessionTest QVServerConnectionIntegrationTest QVCrashFlushTest
+  QVLogRelaySocketStreamTest QVFaultMatrixTest
+  QVSoakTest
+)
+
+bash scripts/install-deps.sh
+# An empty launcher clears one that an earlier configure left in the cache.
+launcher=""
+if command -v ccache >/dev/null; then launcher=ccache; fi
+cmake --preset tsan -DCMAKE_CXX_COMPILER_LAUNCHER="$launcher"
+targets=()
+for suite in "${suites[@]}"; do targets+=(--target "qvcore_${suite}_tests"); done
+cmake --build --preset tsan -j "$(nproc)" "${targets[@]}"
+pattern=$(
+  IFS='|'
+  echo "${fixtures[*]}"
+)
+ctest --preset tsan -R "(^|/)(${pattern})\."

@@ -1,0 +1,259 @@
+// A long run of many posting threads: four threads post through the core to
+// three modules while the flush timer fires and another thread flushes by
+// hand, both on the dispatch queue and on its own thread, switching
+// compression on and off as it goes. A server on 127.0.0.1 must end up
+// with every accepted message exactly once, at its own module's address.
+//
+// QVCORE_SOAK_MESSAGES sets how many messages are posted in all (default
+// 100,000; scripts/long-tests.sh runs a million).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QVCollectorDecoder.h"
+#include "QVCollectorRecord.h"
+#include "qvcore/core/QVCore.h"
+#include "qvcore/model/QVQueue.h"
+#include "qvcore/platform/QVBundle.h"
+#include "qvcore/platform/QVHostReachabilitySource.h"
+#include "qvcore/platform/QVReachabilityFlags.h"
+#include "qvcore/platform/QVRunLoop.h"
+#include "qvcore/platform/QVSerialQueue.h"
+#include "support/QVFakeInterfaceAddressSource.h"
+#include "support/QVQueueServiceTestSupport.h"
+#include "support/QVTestHttpServer.h"
+
+namespace qv {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr uint64_t kThreads = 4;
+// The session identifiers that the module with sessions of its own cycles
+// through; every thread posts to each of them, so an identifier whose
+// session a flush has just closed is met again at once.
+constexpr uint64_t kSessionIds = 5;
+
+uint64_t soakMessages() {
+  const char* text = std::getenv("QVCORE_SOAK_MESSAGES");
+  const uint64_t count = text ? std::strtoull(text, nullptr, 10) : 0;
+  return count > 0 ? count : 100000;
+}
+
+// The three kinds of module a message may go to. A URL-encoded module sends
+// one GET per message, so it gets one message in a hundred, which is about
+// what such a module carries beside the bulk of the traffic.
+enum Module { kCurrentSession, kOwnSessions, kQuery, kModuleCount };
+const char* const kNames[kModuleCount] = {"SoakCurrent", "SoakSessions", "SoakQuery"};
+
+Module moduleOf(uint64_t index) {
+  if (index % 100 == 99) return kQuery;
+  return index % 2 ? kOwnSessions : kCurrentSession;
+}
+
+std::string pathOf(Module module) { return std::string("/") + kNames[module]; }
+
+// The offsets in a decoded payload: a queue's sessions, or one URL-encoded
+// message.
+test::Offsets offsetsOf(const QVValue& payload) {
+  if (!payload.is_object()) return {};
+  if (!payload.contains("sessions")) return {payload.value("offset", uint64_t{0})};
+  test::Offsets offsets;
+  for (const auto& session : payload["sessions"]) {
+    for (const auto& message : session["messages"]) offsets.push_back(message.value("offset", 0));
+  }
+  return offsets;
+}
+
+class QVSoakTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    folder_.writePlist("App/Info.plist", {{"CFBundleIdentifier", "com.example.soak"}});
+    QVBundle::setMainBundlePath(folder_.at("App"));
+    QVFileSystem::setHomeDirectory(folder_.at("home"));
+    reachability_->setFlags(kQVReachabilityFlagsReachable);
+    QVReachabilitySource::setShared(reachability_);
+    QVInterfaceAddressSource::setShared(addresses_);
+  }
+  void TearDown() override {
+    core_->disable();
+    QVInterfaceAddressSource::setShared(nullptr);
+    QVReachabilitySource::setShared(nullptr);
+    QVFileSystem::setHomeDirectory("");
+    QVBundle::setMainBundlePath("");
+  }
+
+  void start() {
+    folder_.writePlist("App/QVCoreSettings.bundle/QVCoreBasicConfig.plist",
+                       {{"PostMessageLevelWiFi", 3},
+                        {"PostMessageTimeout", 30},
+                        {"ManualPostEnabled", false},
+                        {"DoPostOnIntervals", true},
+                        {"PostMessageTimeIntervals", 0.01},
+                        {"CompressPostMessage", true},
+                        {"HasToPersistLocalCache", true}});
+    for (int module = 0; module < kModuleCount; ++module) {
+      const std::string bundle = std::string(kNames[module]) + ".bundle";
+      folder_.writePlist(bundle + "/BasicConfig.plist",
+                         {{"PostMessageUrl", server_.url(pathOf(static_cast<Module>(module)))},
+                          {"URLEncoded", module == kQuery}});
+      test::QVTestModule::define(kNames[module], folder_.at(bundle));
+    }
+    ASSERT_TRUE(core_->enable());
+    for (const char* name : kNames) ASSERT_TRUE(core_->enableModule(name));
+    ASSERT_TRUE(service_->flushTimer());
+  }
+
+  // Each thread posts its own share of the messages, to every module; the
+  // offset of message i is i + 1, so each one is known on arrival.
+  void postFrom(uint64_t thread) {
+    const uint64_t end = total_ * (thread + 1) / kThreads;
+    for (uint64_t index = total_ * thread / kThreads; index < end; ++index) {
+      const Module module = moduleOf(index);
+      auto message = test::messageWithOffset(index + 1);
+      const bool accepted =
+          module == kOwnSessions
+              ? core_->postMessageForModuleNameWithSessionID(
+                    std::move(message), kNames[module], "S" + std::to_string(index % kSessionIds))
+              : core_->postMessageForModuleName(std::move(message), kNames[module]);
+      accepted_[index] = accepted;
+    }
+  }
+
+  // Until the posters are done: flushes through the dispatch queue and on
+  // this thread in turn, and switches compression for the flushes after.
+  void flushByHand() {
+    for (uint64_t round = 0; posting_.load(); ++round) {
+      if (round % 2) {
+        service_->flushQueues();
+      } else {
+        core_->flushQueues();
+      }
+      core_->updateConfigForModuleNameWithData("QVCore", {{"CompressPostMessage", round % 4 < 2}});
+      std::this_thread::sleep_for(1ms);
+    }
+  }
+
+  // With the timer stopped, flushes until nothing is left to send: no module
+  // queue holds a message, the send list is empty and no file waits in the
+  // cache folder. A mark queued behind a flush on the serial dispatch queue
+  // says that flush has put everything on the send list.
+  bool drain() {
+    service_->stopFlushTimer();
+    for (int round = 0; round < 10; ++round) {
+      auto cut = std::make_shared<std::atomic<bool>>(false);
+      core_->flushQueues();
+      service_->flushDispatchQueue()->async([cut] { *cut = true; });
+      if (!QVRunLoop::main().runUntil([&] { return *cut && service_->cachedQueues().empty(); },
+                                      600s)) {
+        return false;
+      }
+      if (nothingLeft()) return true;
+    }
+    return false;
+  }
+  bool nothingLeft() const {
+    for (const auto& [name, queue] : service_->moduleQueues()) {
+      if (!queue->isEmpty()) return false;
+    }
+    return test::namesIn(service_->cachedQueuesDirectory()).empty();
+  }
+
+  // How often the server received each message, decoded as the collector
+  // decodes it, checking on the way that every request was whole and
+  // reached its module's address.
+  std::vector<uint32_t> receivedCounts() {
+    std::vector<uint32_t> counts(total_, 0);
+    const auto requests = server_.requests();
+    uint64_t gzipped = 0;
+    for (const auto& sent : requests) {
+      collector::QVCollectorRecord record;
+      record.request = {sent.method, sent.path(), sent.query(), sent.headers, sent.body};
+      record.decoded = collector::QVCollectorDecoder::decode(record.request);
+      gzipped += record.decoded.encoding == "gzip";
+      EXPECT_EQ(record.decoded.problem, "") << sent.target;
+      const std::string* text = record.payloadText();
+      if (!text) {
+        ADD_FAILURE() << "no payload in " << sent.target;
+        continue;
+      }
+      for (const uint64_t offset : offsetsOf(QVValue::parse(*text, nullptr, false))) {
+        if (offset == 0 || offset > total_) {
+          ADD_FAILURE() << "unknown offset " << offset;
+          continue;
+        }
+        ++counts[offset - 1];
+        if (sent.path() != pathOf(moduleOf(offset - 1)) && ++misrouted_ <= 5) {
+          ADD_FAILURE() << "offset " << offset << " arrived at " << sent.path();
+        }
+      }
+    }
+    std::cout << "soak: " << total_ << " messages in " << requests.size() << " requests ("
+              << gzipped << " gzip)\n";
+    return counts;
+  }
+
+  test::QVTestHttpServer server_;
+  test::QVTempFolder folder_;
+  std::shared_ptr<QVHostReachabilitySource> reachability_ =
+      std::make_shared<QVHostReachabilitySource>();
+  std::shared_ptr<test::QVFakeInterfaceAddressSource> addresses_ =
+      std::make_shared<test::QVFakeInterfaceAddressSource>();
+  std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
+  std::shared_ptr<QVQueueService> service_ = QVQueueService::sharedInstance();
+
+  const uint64_t total_ = soakMessages();
+  std::vector<char> accepted_ = std::vector<char>(total_, 0);  // one writer per element
+  std::atomic<bool> posting_{true};
+  uint64_t misrouted_ = 0;
+};
+
+TEST_F(QVSoakTest, EveryAcceptedMessageArrivesExactlyOnceWhileFlushesRace) {
+  start();
+  std::thread flusher([this] { flushByHand(); });
+  std::vector<std::thread> posters;
+  std::atomic<uint64_t> finished{0};
+  for (uint64_t thread = 0; thread < kThreads; ++thread) {
+    posters.emplace_back([this, thread, &finished] {
+      postFrom(thread);
+      ++finished;
+    });
+  }
+  // The main loop runs the flush timer while the posters work.
+  const bool posted = QVRunLoop::main().runUntil([&] { return finished == kThreads; }, 3600s);
+  for (auto& poster : posters) poster.join();
+  posting_ = false;
+  flusher.join();
+  ASSERT_TRUE(posted);
+  ASSERT_TRUE(drain()) << "the queues never emptied";
+
+  const std::vector<uint32_t> counts = receivedCounts();
+  uint64_t accepted = 0, lost = 0, duplicated = 0, unasked = 0;
+  for (uint64_t index = 0; index < total_; ++index) {
+    accepted += accepted_[index] != 0;
+    if (accepted_[index] && counts[index] == 0 && ++lost <= 5) {
+      ADD_FAILURE() << "offset " << index + 1 << " never arrived";
+    }
+    if (counts[index] > 1 && ++duplicated <= 5) {
+      ADD_FAILURE() << "offset " << index + 1 << " arrived " << counts[index] << " times";
+    }
+    if (!accepted_[index] && counts[index] > 0) ++unasked;
+  }
+  // Wi-Fi level 3 admits every message; a post is refused only when flushes
+  // close its session under it on every attempt, which is rare.
+  std::cout << "soak: " << total_ - accepted << " posts refused\n";
+  EXPECT_GT(accepted, total_ / 2);
+  EXPECT_EQ(lost, 0u);
+  EXPECT_EQ(duplicated, 0u);
+  EXPECT_EQ(unasked, 0u);
+  EXPECT_EQ(misrouted_, 0u);
+}
+
+}  // namespace
+}  // namespace qv
