@@ -67,14 +67,47 @@ bool QVQueue::postMessageToSessionID(std::shared_ptr<QVMessage> message,
   if (!message) return false;
   try {
     for (int attempt = 0; attempt < kPostAttempts; ++attempt) {
-      auto session = lookUp(sessionID, true);
-      if (!session) return false;
-      if (session->addMessage(message)) return true;
+      const Filing filing = fileInKnownSession(message, sessionID);
+      if (filing == Filing::filed) {
+        QVSession::logAdded(std::move(message));
+        return true;
+      }
+      if (filing == Filing::refused) return false;
+      if (filing == Filing::noSession) {
+        auto session = lookUp(sessionID, true);
+        if (!session) return false;
+        if (session->addMessage(message)) return true;
+      }
     }
   } catch (const std::exception&) {
     // Out of memory while filing the message: it is not accepted.
   }
   return false;
+}
+
+// Posting threads of one module meet here: the message is filed while the
+// queue's lock is held, so a post takes one contended lock and copies no
+// reference to the session (whose count every poster would write). The
+// session cannot be closed by a flush meanwhile: a flush drops it from the
+// index under this lock first. The lock order is queue, then session; no
+// path takes them the other way.
+QVQueue::Filing QVQueue::fileInKnownSession(const std::shared_ptr<QVMessage>& message,
+                                            const std::optional<std::string>& sessionID) {
+  std::lock_guard lock(mutex_);
+  const std::string& wanted = sessionID ? *sessionID : currentSessionID_;
+  if (wanted.empty()) return Filing::refused;
+  const bool isCurrent = &wanted == &currentSessionID_ || wanted == currentSessionID_;
+  QVSession* session = nullptr;
+  if (isCurrent && currentSession_ && !currentSession_->isClosed()) {
+    session = currentSession_.get();
+  } else {
+    auto found = findLocked(wanted);
+    if (!found) return Filing::noSession;
+    if (!isCurrent) currentSessionID_ = wanted;
+    currentSession_ = std::move(found);
+    session = currentSession_.get();
+  }
+  return session->fileMessage(message) ? Filing::filed : Filing::closed;
 }
 
 std::shared_ptr<QVSession> QVQueue::sessionForID(const std::optional<std::string>& sessionID) {

@@ -172,17 +172,24 @@ std::shared_ptr<QVSession> QVSession::initWithSessionID(std::string sessionID) {
 QVSession::~QVSession() = default;
 
 bool QVSession::addMessage(std::shared_ptr<QVMessage> message) {
-  if (!message) return false;
-  {
-    std::lock_guard lock(mutex_);
-    if (closed_.load(std::memory_order_relaxed)) return false;
-    messages_.push_back(message);
-  }
+  if (!message || !fileMessage(message)) return false;
   // Outside the lock: the log only queues a task, and posters of this
   // session should not wait for it. One thread's messages still reach the
   // log in the order in which they were added.
-  QVTestingHelper::logForTesting(std::move(message));
+  logAdded(std::move(message));
   return true;
+}
+
+bool QVSession::fileMessage(const std::shared_ptr<QVMessage>& message) {
+  if (!message) return false;
+  std::lock_guard lock(mutex_);
+  if (closed_.load(std::memory_order_relaxed)) return false;
+  messages_.push_back(message);
+  return true;
+}
+
+void QVSession::logAdded(std::shared_ptr<QVMessage> message) {
+  QVTestingHelper::logForTesting(std::move(message));
 }
 
 void QVSession::close() {

@@ -24,7 +24,9 @@ namespace qv {
 // Sessions are kept, and serialised, in the order in which they were made.
 // Every operation is safe from any thread; one small mutex guards the
 // sessions and the current session, and is never held while other code
-// runs (sessions are made, closed and serialised outside it).
+// runs (sessions are made, closed and serialised outside it) but a
+// session's append of a posted message: posters of one module then meet at
+// one lock only. Its lock is taken before a session's, never after.
 //
 // Flushing goes: snapshot = initWithQueue(live); live->flush(); send the
 // snapshot's toJson(). The snapshot shares the session objects; flush drops
@@ -104,6 +106,12 @@ class QV_EXPORT QVQueue {
   void reindexLocked();
   std::string writeJson() const;
   std::shared_ptr<QVSession> lookUp(const std::optional<std::string>& sessionID, bool makeCurrent);
+  // What became of a message offered to a session that already exists.
+  enum class Filing { filed, refused, noSession, closed };
+  // Files the message in the live session of sessionID, made current, if
+  // there is one; refused when there is no usable identifier.
+  Filing fileInKnownSession(const std::shared_ptr<QVMessage>& message,
+                            const std::optional<std::string>& sessionID);
 
   const std::optional<std::string> jsonPayload_;
   std::atomic<int32_t> serialNumber_{1};

@@ -43,6 +43,12 @@ class QV_EXPORT QVSession {
   // Appends the message and hands it to the JSON test log. False for no
   // message or a closed session.
   bool addMessage(std::shared_ptr<QVMessage> message);
+  // addMessage() in two steps, for a queue that files the message while it
+  // holds its own lock: fileMessage() appends the message (false for none
+  // or a closed session), and logAdded(), called once no lock is
+  // held, hands it to the JSON test log.
+  bool fileMessage(const std::shared_ptr<QVMessage>& message);
+  static void logAdded(std::shared_ptr<QVMessage> message);
 
   // Refuses every later add; the messages stay. Closing twice is harmless.
   void close();
