@@ -6,13 +6,8 @@
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
-#include "qvcore/platform/QVBundle.h"
-#include "qvcore/platform/QVFileSystem.h"
-#include "qvcore/platform/QVHostReachabilitySource.h"
-#include "qvcore/platform/QVReachabilityFlags.h"
 #include "qvcore/queue/QVQueueService.h"
-#include "support/QVFakeInterfaceAddressSource.h"
-#include "support/QVTempFolder.h"
+#include "support/QVTestHost.h"
 #include "support/QVTestModule.h"
 
 namespace qv::bench {
@@ -25,39 +20,23 @@ class QVBenchCore {
  public:
   // With hostReachability off, reachability is the system's own (netlink),
   // as on a Linux host that reports nothing itself.
-  explicit QVBenchCore(bool compress = false, bool hostReachability = true) {
-    folder_.writePlist("App/Info.plist", {{"CFBundleIdentifier", "com.example.bench"}});
-    QVBundle::setMainBundlePath(folder_.at("App"));
-    QVFileSystem::setHomeDirectory(folder_.at("home"));
-    if (hostReachability) {
-      reachability_->setFlags(kQVReachabilityFlagsReachable);
-      QVReachabilitySource::setShared(reachability_);
-      QVInterfaceAddressSource::setShared(addresses_);
-    }
-    folder_.writePlist("App/QVCoreSettings.bundle/QVCoreBasicConfig.plist",
-                       {{"PostMessageLevelWiFi", 3},
-                        {"PostMessageLevelCellular", 3},
-                        {"ManualPostEnabled", true},
-                        {"HasToPersistLocalCache", false},
-                        {"CompressPostMessage", compress},
-                        {"PostMessageTimeout", 30}});
+  explicit QVBenchCore(bool compress = false, bool hostReachability = true)
+      : host_("com.example.bench", hostReachability) {
+    host_.writeCoreConfig({{"PostMessageLevelWiFi", 3},
+                           {"PostMessageLevelCellular", 3},
+                           {"ManualPostEnabled", true},
+                           {"HasToPersistLocalCache", false},
+                           {"CompressPostMessage", compress},
+                           {"PostMessageTimeout", 30}});
     if (!core_->enable()) throw std::runtime_error("the core did not start");
   }
-  ~QVBenchCore() {
-    core_->disable();
-    QVInterfaceAddressSource::setShared(nullptr);
-    QVReachabilitySource::setShared(nullptr);
-    QVFileSystem::setHomeDirectory("");
-    QVBundle::setMainBundlePath("");
-  }
+  ~QVBenchCore() { core_->disable(); }
   QVBenchCore(const QVBenchCore&) = delete;
   QVBenchCore& operator=(const QVBenchCore&) = delete;
 
   // Defines, configures and starts a module; items go to its settings bundle.
   std::shared_ptr<test::QVTestModule> addModule(const std::string& name, QVValue items) {
-    const std::string bundle = name + ".bundle";
-    folder_.writePlist(bundle + "/BasicConfig.plist", items);
-    auto module = test::QVTestModule::define(name, folder_.at(bundle));
+    auto module = host_.defineModule(name, items);
     if (!core_->enableModule(name)) throw std::runtime_error("module did not start: " + name);
     return module;
   }
@@ -81,11 +60,7 @@ class QVBenchCore {
   const std::shared_ptr<QVCore>& core() const { return core_; }
 
  private:
-  test::QVTempFolder folder_;
-  std::shared_ptr<QVHostReachabilitySource> reachability_ =
-      std::make_shared<QVHostReachabilitySource>();
-  std::shared_ptr<test::QVFakeInterfaceAddressSource> addresses_ =
-      std::make_shared<test::QVFakeInterfaceAddressSource>();
+  test::QVTestHost host_;
   std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
 };
 

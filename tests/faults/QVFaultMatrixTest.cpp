@@ -22,13 +22,10 @@
 #include "QVCollectorServer.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
-#include "qvcore/platform/QVBundle.h"
-#include "qvcore/platform/QVHostReachabilitySource.h"
-#include "qvcore/platform/QVReachabilityFlags.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/queue/QVServerConnection.h"
-#include "support/QVFakeInterfaceAddressSource.h"
 #include "support/QVQueueServiceTestSupport.h"
+#include "support/QVTestHost.h"
 #include "support/QVTestHttpServer.h"
 
 namespace qv {
@@ -109,21 +106,7 @@ Offsets sorted(Offsets offsets) {
 
 class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, Path>> {
  protected:
-  void SetUp() override {
-    folder_.writePlist("App/Info.plist", {{"CFBundleIdentifier", "com.example.faults"}});
-    QVBundle::setMainBundlePath(folder_.at("App"));
-    QVFileSystem::setHomeDirectory(folder_.at("home"));
-    reachability_->setFlags(kQVReachabilityFlagsReachable);
-    QVReachabilitySource::setShared(reachability_);
-    QVInterfaceAddressSource::setShared(addresses_);
-  }
-  void TearDown() override {
-    core_->disable();
-    QVInterfaceAddressSource::setShared(nullptr);
-    QVReachabilitySource::setShared(nullptr);
-    QVFileSystem::setHomeDirectory("");
-    QVBundle::setMainBundlePath("");
-  }
+  void TearDown() override { core_->disable(); }
 
   const FaultRow& row() const { return std::get<0>(GetParam()); }
   bool json() const { return std::get<1>(GetParam()) == Path::kJson; }
@@ -157,15 +140,12 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
   }
 
   void startCore(const std::string& url) {
-    folder_.writePlist("App/QVCoreSettings.bundle/QVCoreBasicConfig.plist",
-                       {{"PostMessageLevelWiFi", 3},
-                        {"PostMessageTimeout", row().postTimeout},
-                        {"CompressPostMessage", json()},
-                        {"HasToPersistLocalCache", true}});
+    host_.writeCoreConfig({{"PostMessageLevelWiFi", 3},
+                           {"PostMessageTimeout", row().postTimeout},
+                           {"CompressPostMessage", json()},
+                           {"HasToPersistLocalCache", true}});
     for (const auto& name : kModules) {
-      folder_.writePlist(name + ".bundle/BasicConfig.plist",
-                         {{"PostMessageUrl", url}, {"URLEncoded", !json()}});
-      test::QVTestModule::define(name, folder_.at(name + ".bundle"));
+      host_.defineModule(name, {{"PostMessageUrl", url}, {"URLEncoded", !json()}});
     }
     ASSERT_TRUE(core_->enable());
     for (const auto& name : kModules) ASSERT_TRUE(core_->enableModule(name));
@@ -230,7 +210,8 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
     return QVRunLoop::main().runUntil(predicate, 30s);
   }
 
-  test::QVTempFolder folder_;
+  test::QVTestHost host_{"com.example.faults"};
+  test::QVTempFolder& folder_ = host_.folder();
   test::QVTestHttpServer scripted_;
   std::optional<test::QVTestHttpServer::RefusingPort> refusing_;
   collector::QVCollectorStore store_{folder_.at("collector.sqlite")};
@@ -238,10 +219,6 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
   std::ostringstream log_;
   std::unique_ptr<collector::QVCollectorServer> collector_;
 
-  std::shared_ptr<QVHostReachabilitySource> reachability_ =
-      std::make_shared<QVHostReachabilitySource>();
-  std::shared_ptr<test::QVFakeInterfaceAddressSource> addresses_ =
-      std::make_shared<test::QVFakeInterfaceAddressSource>();
   std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
   std::shared_ptr<QVQueueService> service_ = QVQueueService::sharedInstance();
   uint64_t lastOffset_ = 0;

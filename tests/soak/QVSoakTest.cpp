@@ -20,13 +20,10 @@
 #include "QVCollectorRecord.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
-#include "qvcore/platform/QVBundle.h"
-#include "qvcore/platform/QVHostReachabilitySource.h"
-#include "qvcore/platform/QVReachabilityFlags.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
-#include "support/QVFakeInterfaceAddressSource.h"
 #include "support/QVQueueServiceTestSupport.h"
+#include "support/QVTestHost.h"
 #include "support/QVTestHttpServer.h"
 
 namespace qv {
@@ -73,37 +70,20 @@ test::Offsets offsetsOf(const QVValue& payload) {
 
 class QVSoakTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    folder_.writePlist("App/Info.plist", {{"CFBundleIdentifier", "com.example.soak"}});
-    QVBundle::setMainBundlePath(folder_.at("App"));
-    QVFileSystem::setHomeDirectory(folder_.at("home"));
-    reachability_->setFlags(kQVReachabilityFlagsReachable);
-    QVReachabilitySource::setShared(reachability_);
-    QVInterfaceAddressSource::setShared(addresses_);
-  }
-  void TearDown() override {
-    core_->disable();
-    QVInterfaceAddressSource::setShared(nullptr);
-    QVReachabilitySource::setShared(nullptr);
-    QVFileSystem::setHomeDirectory("");
-    QVBundle::setMainBundlePath("");
-  }
+  void TearDown() override { core_->disable(); }
 
   void start() {
-    folder_.writePlist("App/QVCoreSettings.bundle/QVCoreBasicConfig.plist",
-                       {{"PostMessageLevelWiFi", 3},
-                        {"PostMessageTimeout", 30},
-                        {"ManualPostEnabled", false},
-                        {"DoPostOnIntervals", true},
-                        {"PostMessageTimeIntervals", 0.01},
-                        {"CompressPostMessage", true},
-                        {"HasToPersistLocalCache", true}});
+    host_.writeCoreConfig({{"PostMessageLevelWiFi", 3},
+                           {"PostMessageTimeout", 30},
+                           {"ManualPostEnabled", false},
+                           {"DoPostOnIntervals", true},
+                           {"PostMessageTimeIntervals", 0.01},
+                           {"CompressPostMessage", true},
+                           {"HasToPersistLocalCache", true}});
     for (int module = 0; module < kModuleCount; ++module) {
-      const std::string bundle = std::string(kNames[module]) + ".bundle";
-      folder_.writePlist(bundle + "/BasicConfig.plist",
+      host_.defineModule(kNames[module],
                          {{"PostMessageUrl", server_.url(pathOf(static_cast<Module>(module)))},
                           {"URLEncoded", module == kQuery}});
-      test::QVTestModule::define(kNames[module], folder_.at(bundle));
     }
     ASSERT_TRUE(core_->enable());
     for (const char* name : kNames) ASSERT_TRUE(core_->enableModule(name));
@@ -200,11 +180,7 @@ class QVSoakTest : public ::testing::Test {
   }
 
   test::QVTestHttpServer server_;
-  test::QVTempFolder folder_;
-  std::shared_ptr<QVHostReachabilitySource> reachability_ =
-      std::make_shared<QVHostReachabilitySource>();
-  std::shared_ptr<test::QVFakeInterfaceAddressSource> addresses_ =
-      std::make_shared<test::QVFakeInterfaceAddressSource>();
+  test::QVTestHost host_{"com.example.soak"};
   std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
   std::shared_ptr<QVQueueService> service_ = QVQueueService::sharedInstance();
 

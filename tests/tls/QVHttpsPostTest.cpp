@@ -13,12 +13,9 @@
 #include "platform/QVCurlHttpSession.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
-#include "qvcore/platform/QVBundle.h"
-#include "qvcore/platform/QVHostReachabilitySource.h"
-#include "qvcore/platform/QVReachabilityFlags.h"
 #include "qvcore/platform/QVRunLoop.h"
-#include "support/QVFakeInterfaceAddressSource.h"
 #include "support/QVQueueServiceTestSupport.h"
+#include "support/QVTestHost.h"
 
 namespace qv {
 namespace {
@@ -33,30 +30,17 @@ class QVHttpsPostTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ::unsetenv(kCaBundle);  // the first session trusts the system's bundle only
-    folder_.writePlist("App/Info.plist", {{"CFBundleIdentifier", "com.example.tls"}});
-    QVBundle::setMainBundlePath(folder_.at("App"));
-    QVFileSystem::setHomeDirectory(folder_.at("home"));
-    reachability_->setFlags(kQVReachabilityFlagsReachable);
-    QVReachabilitySource::setShared(reachability_);
-    QVInterfaceAddressSource::setShared(addresses_);
-    folder_.writePlist("App/QVCoreSettings.bundle/QVCoreBasicConfig.plist",
-                       {{"PostMessageLevelWiFi", 3},
-                        {"PostMessageTimeout", 10},
-                        {"CompressPostMessage", true},
-                        {"HasToPersistLocalCache", true}});
-    folder_.writePlist("Collector.bundle/BasicConfig.plist",
-                       {{"PostMessageUrl", server_.url("/collect")}});
-    test::QVTestModule::define("Collector", folder_.at("Collector.bundle"));
+    host_.writeCoreConfig({{"PostMessageLevelWiFi", 3},
+                           {"PostMessageTimeout", 10},
+                           {"CompressPostMessage", true},
+                           {"HasToPersistLocalCache", true}});
+    host_.defineModule("Collector", {{"PostMessageUrl", server_.url("/collect")}});
     ASSERT_TRUE(core_->enable());
     ASSERT_TRUE(core_->enableModule("Collector"));
   }
   void TearDown() override {
     core_->disable();
     QVHttpSession::setShared(nullptr);
-    QVInterfaceAddressSource::setShared(nullptr);
-    QVReachabilitySource::setShared(nullptr);
-    QVFileSystem::setHomeDirectory("");
-    QVBundle::setMainBundlePath("");
     ::unsetenv(kCaBundle);
   }
 
@@ -69,12 +53,8 @@ class QVHttpsPostTest : public ::testing::Test {
     return test::namesIn(service_->cachedQueuesDirectory());
   }
 
-  test::QVTempFolder folder_;
-  test::QVTlsTestServer server_{folder_.at("server.pem")};
-  std::shared_ptr<QVHostReachabilitySource> reachability_ =
-      std::make_shared<QVHostReachabilitySource>();
-  std::shared_ptr<test::QVFakeInterfaceAddressSource> addresses_ =
-      std::make_shared<test::QVFakeInterfaceAddressSource>();
+  test::QVTestHost host_{"com.example.tls"};
+  test::QVTlsTestServer server_{host_.folder().at("server.pem")};
   std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
   std::shared_ptr<QVQueueService> service_ = QVQueueService::sharedInstance();
 };
