@@ -1,5 +1,7 @@
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -32,5 +34,14 @@ class QVBenchPayload {
       std::make_shared<test::QVTestModule>("PayloadBench", "");
   std::shared_ptr<QVQueue> snapshot_;
 };
+
+// The payloads measured: 1,000 and 10,000 messages, five repetitions.
+inline void payloadSizes(benchmark::internal::Benchmark* b) {
+  b->Arg(1000)
+      ->Arg(10000)
+      ->Unit(benchmark::kMicrosecond)
+      ->Repetitions(5)
+      ->ReportAggregatesOnly(true);
+}
 
 }  // namespace qv::bench

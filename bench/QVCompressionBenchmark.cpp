@@ -52,16 +52,8 @@ void BM_RawDeflateFloor(benchmark::State& state) {
   state.counters["ratio_out_in"] = static_cast<double>(out) / static_cast<double>(data->size());
 }
 
-void configure(benchmark::internal::Benchmark* b) {
-  b->Arg(1000)
-      ->Arg(10000)
-      ->Unit(benchmark::kMicrosecond)
-      ->Repetitions(5)
-      ->ReportAggregatesOnly(true);
-}
-
-BENCHMARK(BM_CompressData)->Apply(configure);
-BENCHMARK(BM_RawDeflateFloor)->Apply(configure);
+BENCHMARK(BM_CompressData)->Apply(payloadSizes);
+BENCHMARK(BM_RawDeflateFloor)->Apply(payloadSizes);
 
 }  // namespace
 }  // namespace qv::bench

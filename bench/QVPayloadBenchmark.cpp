@@ -44,16 +44,8 @@ void BM_DumpFloor(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(bytes));
 }
 
-void configure(benchmark::internal::Benchmark* b) {
-  b->Arg(1000)
-      ->Arg(10000)
-      ->Unit(benchmark::kMicrosecond)
-      ->Repetitions(5)
-      ->ReportAggregatesOnly(true);
-}
-
-BENCHMARK(BM_QueueToJson)->Apply(configure);
-BENCHMARK(BM_DumpFloor)->Apply(configure);
+BENCHMARK(BM_QueueToJson)->Apply(payloadSizes);
+BENCHMARK(BM_DumpFloor)->Apply(payloadSizes);
 
 }  // namespace
 }  // namespace qv::bench

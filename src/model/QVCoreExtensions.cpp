@@ -7,25 +7,6 @@ namespace qv {
 
 namespace {
 
-// dump() writes NaN and infinity as null and binary values as objects, both
-// of which would silently change the data, so they are looked for first.
-bool isJsonCapable(const QVValue& v) {
-  switch (v.type()) {
-    case QVValue::value_t::number_float:
-      return std::isfinite(v.get_ref<const QVValue::number_float_t&>());
-    case QVValue::value_t::binary:
-      return false;
-    case QVValue::value_t::array:
-    case QVValue::value_t::object:
-      for (const auto& item : v) {
-        if (!isJsonCapable(item)) return false;
-      }
-      return true;
-    default:
-      return true;
-  }
-}
-
 // RFC 3986 query characters: unreserved, sub-delimiters, ":", "@", "/", "?".
 bool isQueryCharacter(unsigned char c) {
   static constexpr std::string_view kPunctuation = "-._~!$&'()*+,;=:@/?";
@@ -79,6 +60,23 @@ std::string valueText(const std::string& key, const QVValue& value) {
 }
 
 }  // namespace
+
+bool QVCoreExtensions::isJsonCapable(const QVValue& v) {
+  switch (v.type()) {
+    case QVValue::value_t::number_float:
+      return std::isfinite(v.get_ref<const QVValue::number_float_t&>());
+    case QVValue::value_t::binary:
+      return false;
+    case QVValue::value_t::array:
+    case QVValue::value_t::object:
+      for (const auto& item : v) {
+        if (!isJsonCapable(item)) return false;
+      }
+      return true;
+    default:
+      return true;
+  }
+}
 
 std::string QVCoreExtensions::toJson(const QVValue& dict) {
   if (!dict.is_object() || !isJsonCapable(dict)) return "";

@@ -16,25 +16,6 @@ namespace qv {
 
 namespace {
 
-// The values that the JSON writer cannot carry faithfully: dump() would write
-// NaN and infinity as null and binary values as objects.
-bool isJsonCapable(const QVValue& v) {
-  switch (v.type()) {
-    case QVValue::value_t::number_float:
-      return std::isfinite(v.get_ref<const QVValue::number_float_t&>());
-    case QVValue::value_t::binary:
-      return false;
-    case QVValue::value_t::array:
-    case QVValue::value_t::object:
-      for (const auto& item : v) {
-        if (!isJsonCapable(item)) return false;
-      }
-      return true;
-    default:
-      return true;
-  }
-}
-
 // Raised when a value met on the way cannot be written as JSON.
 struct NotJson {};
 
@@ -89,7 +70,7 @@ struct QVSession::Writer {
   // Any value; throws NotJson for one JSON cannot carry, and the
   // serializer's exception for text that is not UTF-8.
   void value(const QVValue& v) {
-    if (!isJsonCapable(v)) throw NotJson{};
+    if (!QVCoreExtensions::isJsonCapable(v)) throw NotJson{};
     serializer.dump(v, false, false, 0);
   }
 
@@ -199,18 +180,18 @@ void QVSession::close() {
 
 bool QVSession::isClosed() const { return closed_.load(std::memory_order_acquire); }
 
+// A closed session's list is final and is walked in place; an open one is
+// copied so that posters are not held up while the dictionaries are made.
+const QVSession::MessageList& QVSession::messagesToWrite(MessageList& copy) const {
+  std::lock_guard lock(mutex_);
+  if (closed_.load(std::memory_order_relaxed)) return messages_;
+  copy = messages_;
+  return copy;
+}
+
 QVValue QVSession::jsonSerializedMessages() const {
-  // A closed session's list is final and is walked in place; an open one is
-  // copied so that posters are not held up while the dictionaries are made.
   MessageList copy;
-  const MessageList* list = &messages_;
-  {
-    std::lock_guard lock(mutex_);
-    if (!closed_.load(std::memory_order_relaxed)) {
-      copy = messages_;
-      list = &copy;
-    }
-  }
+  const MessageList* list = &messagesToWrite(copy);
   QVValue array = QVValue::array();
   array.get_ref<QVValue::array_t&>().reserve(list->size());
   for (const auto& message : *list) array.push_back(message->jsonDictionary());
@@ -302,14 +283,7 @@ void QVSession::writeMembers(Writer& writer) const {
 bool QVSession::writeMessages(Writer& writer) const {
   std::string& out = writer.out;
   MessageList copy;
-  const MessageList* list = &messages_;
-  {
-    std::lock_guard lock(mutex_);
-    if (!closed_.load(std::memory_order_relaxed)) {
-      copy = messages_;
-      list = &copy;
-    }
-  }
+  const MessageList* list = &messagesToWrite(copy);
   out += '[';
   bool first = true;
   for (const auto& message : *list) {

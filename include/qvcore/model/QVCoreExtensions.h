@@ -16,6 +16,10 @@ class QV_EXPORT QVCoreExtensions {
   // dict is not a dictionary or holds anything JSON cannot carry: binary
   // values, NaN or infinite numbers, text that is not UTF-8.
   static std::string toJson(const QVValue& dict);
+  // False when value holds, at any depth, what JSON text cannot carry
+  // faithfully (dump() would write NaN and infinity as null and binary
+  // values as objects); text that is not UTF-8 is the writer's to refuse.
+  static bool isJsonCapable(const QVValue& value);
 
   // key=value pairs joined by "&", in the dictionary's order. Keys are used
   // as they are. String values are percent-encoded outside the RFC 3986

@@ -83,6 +83,8 @@ class QV_EXPORT QVSession {
   struct Writer;
   void writeMembers(Writer& writer) const;
   bool writeMessages(Writer& writer) const;
+  // The messages to serialise: the list itself once closed, else a copy.
+  const MessageList& messagesToWrite(MessageList& copy) const;
 
   const uint64_t startTime_;
   mutable std::mutex mutex_;
