@@ -99,6 +99,10 @@ void QVCollectorDecoder::readJson(const std::string& text, QVCollectorDecoded& d
   } catch (const nlohmann::json::parse_error& error) {
     decoded.problem = "body is not JSON (at byte " + std::to_string(error.byte) + ")";
     return;
+  } catch (const nlohmann::json::exception&) {
+    // Well-formed but not representable, such as a number beyond a double.
+    decoded.problem = "body is not JSON (a number out of range)";
+    return;
   }
   decoded.kind = "json";
   const QVCollectorPayloadCheck::Result check = QVCollectorPayloadCheck::payload(payload);
