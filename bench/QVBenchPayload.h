@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "QVBenchCore.h"
 #include "QVBenchMessage.h"
 #include "qvcore/model/QVQueue.h"
 #include "support/QVTestModule.h"
@@ -42,6 +43,16 @@ inline void payloadSizes(benchmark::internal::Benchmark* b) {
       ->Unit(benchmark::kMicrosecond)
       ->Repetitions(5)
       ->ReportAggregatesOnly(true);
+}
+
+// main() of a program whose benchmarks need nothing but a running core.
+inline int runWithCore(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  QVBenchCore core;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
 }
 
 }  // namespace qv::bench

@@ -58,11 +58,4 @@ BENCHMARK(BM_RawDeflateFloor)->Apply(payloadSizes);
 }  // namespace
 }  // namespace qv::bench
 
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  qv::bench::QVBenchCore core;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return qv::bench::runWithCore(argc, argv); }
