@@ -120,6 +120,16 @@ TEST_F(QVApplicationLifecycleManagerTest, ObservesWhatTheConfigurationAsksForAtS
   manager->startMonitoringApplicationChanges();
   manager->startMonitoringApplicationChanges();
   EXPECT_EQ(observed(), 6u) << "a second start observes everything twice";
+  manager->stopMonitoringApplicationChanges();
+
+  // Raw items written as text count as the platform reads text; the
+  // background item is read through its accessor, which ignores text.
+  setCoreItems({{"DoPostAppGoesToBackground", "0"},
+                {"DoPostAppComesFromBackground", "YES"},
+                {"DoPostAppIsLaunched", " 1"},
+                {"DoPostAppGoesToClose", "no"}});
+  manager->startMonitoringApplicationChanges();
+  EXPECT_EQ(observed(), 3u);
 }
 
 TEST_F(QVApplicationLifecycleManagerTest, BackgroundQueuesAreSentWhenTheGrantedTimeRunsOut) {
