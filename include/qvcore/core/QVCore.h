@@ -59,10 +59,11 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
 
   // How long the crash handler waits for its flush before it goes on as if
   // the flush had completed (calls the previous handler, then aborts). By
-  // default it waits without a bound, which keeps a process that has
-  // nothing to send, or whose server does not answer, alive for ever. The
+  // default it waits without a bound, which keeps a process alive for ever
+  // when its flush reports no end (nothing to send, say). The
   // environment variable QVCORE_CRASH_FLUSH_TIMEOUT, in seconds (fractions
-  // allowed, 0 for no wait), read once at the first enable, sets a bound;
+  // allowed, 0 for no wait; anything else is ignored), read once, at the
+  // first enable or the first call of crashFlushTimeout, sets a bound;
   // this setter overrides the variable, and none restores the unbounded
   // wait. The bound covers the whole handling, including the runs of the
   // handler chained to itself by repeated enables.
