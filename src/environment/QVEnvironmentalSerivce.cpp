@@ -80,7 +80,7 @@ void QVEnvironmentalSerivce::init() {
 }
 
 // Enabling again, from either state, rebuilds the monitoring rather than
-// adding to it; see restartMonitoring.
+// adding to it: the two functions below say why.
 bool QVEnvironmentalSerivce::enable() {
   QVNotificationCenter::defaultCenter().removeObserver(this);
   bool enabled = restartMonitoringNetworkStatus();
