@@ -25,6 +25,8 @@ enum class Step {
   // The main loop runs past the network's first evaluation, due one second
   // after monitoring started.
   kPastFirstSecond,
+  // The main loop runs past the flush timers' period.
+  kPastFlushInterval,
 };
 
 struct Cycle {
@@ -59,6 +61,10 @@ void run(Step step, QVCore& core, QVFakeClock& clock) {
       break;
     case Step::kPastFirstSecond:
       clock.advance(std::chrono::seconds(2));
+      QVRunLoop::main().runUntilIdle();
+      break;
+    case Step::kPastFlushInterval:
+      clock.advance(std::chrono::seconds(31));
       QVRunLoop::main().runUntilIdle();
       break;
   }
@@ -97,9 +103,11 @@ TEST_F(QVCoreDeliveryTest, ItemsWrittenAsTextAreReadAsThePlatformReadsText) {
 class QVCoreCycleTest : public QVCoreDeliveryTest, public ::testing::WithParamInterface<Cycle> {};
 
 TEST_P(QVCoreCycleTest, EndsInACoreThatStartsModulesAndDelivers) {
+  // Flushes on a timer too, so that every enable starts one.
   host_.writeCoreConfig({{"PostMessageLevelWiFi", 5},
                          {"PostMessageLevelCellular", 5},
-                         {"CompressPostMessage", false}});
+                         {"CompressPostMessage", false},
+                         {"ManualPostEnabled", false}});
   auto module = host_.defineModule("Cycler", {{"PostMessageUrl", server_.url("/cycle")}});
   auto core = QVCore::sharedInstance();
   for (Step step : GetParam().steps) run(step, *core, *clock_);
@@ -133,10 +141,27 @@ INSTANTIATE_TEST_SUITE_P(
         Cycle{"DisableTwiceThenEnable", {S::kEnable, S::kDisable, S::kDisable, S::kEnable}},
         Cycle{"SleepDisableWake", {S::kEnable, S::kStartModule, S::kSleep, S::kDisable, S::kWake}},
         Cycle{"ManyCyclesInAnyOrder",
-              {S::kEnable, S::kStartModule, S::kSleep, S::kWake, S::kDisable, S::kEnable,
-               S::kEnable, S::kBatteryZero, S::kPastFirstSecond, S::kBatteryOne, S::kDisable,
-               S::kPastFirstSecond, S::kEnable, S::kStartModule, S::kSleep, S::kSleep, S::kWake,
-               S::kWake, S::kPastFirstSecond}}),
+              {S::kEnable,
+               S::kStartModule,
+               S::kSleep,
+               S::kWake,
+               S::kDisable,
+               S::kEnable,
+               S::kEnable,
+               S::kBatteryZero,
+               S::kPastFirstSecond,
+               S::kPastFlushInterval,
+               S::kBatteryOne,
+               S::kDisable,
+               S::kPastFirstSecond,
+               S::kEnable,
+               S::kStartModule,
+               S::kSleep,
+               S::kSleep,
+               S::kWake,
+               S::kWake,
+               S::kPastFirstSecond,
+               S::kPastFlushInterval}}),
     [](const ::testing::TestParamInfo<Cycle>& info) { return std::string(info.param.name); });
 
 }  // namespace
