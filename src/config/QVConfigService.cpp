@@ -1,6 +1,5 @@
 #include "qvcore/config/QVConfigService.h"
 
-#include <cctype>
 #include <condition_variable>
 #include <thread>
 #include <unordered_map>
@@ -68,23 +67,6 @@ bool endsWith(const std::string& text, std::string_view suffix) {
          text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-// The boolean value of an item of any type, as the platform's number and
-// string classes answer it. Strings: leading blanks, a sign and zeros are
-// skipped, then "Y", "y", "T", "t" or a digit 1 to 9 means true. Other types
-// have no boolean value; asking for one is an error, which reads as false.
-bool anyBoolValue(const QVValue& item) {
-  if (QVValues::isNumber(item)) return QVValues::boolValue(item);
-  if (!item.is_string()) return false;
-  const std::string& text = item.get_ref<const std::string&>();
-  std::size_t i = 0;
-  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
-  while (i < text.size() && text[i] == '0') ++i;
-  if (i == text.size()) return false;
-  const char c = text[i];
-  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
-}
-
 }  // namespace
 
 QV_REGISTER_MODULE(QVConfigService);
@@ -136,29 +118,28 @@ bool QVConfigService::loadConfig(const ModuleRef& module) {
   try {
     const std::string name = module->className();
     if (storedConfig(name)) return true;
-    std::optional<QVValue> merged = mergedFileConfig(module->settingsBundlePath());
-    if (!merged) return false;
+    QVValue merged = mergedFileConfig(module->settingsBundlePath());
     const QVValue pending = QVCore::sharedInstance()->takeTempConfigForModuleName(name);
-    mergeEntries(*merged, pending);
-    if (merged->empty()) return false;
-    return storeLoadedConfig(name, std::move(*merged), pending);
+    mergeEntries(merged, pending);
+    if (merged.empty()) return false;
+    return storeLoadedConfig(name, std::move(merged), pending);
   } catch (const std::exception&) {
     return false;
   }
 }
 
-// The three files of the bundle merged in order; none when one of them is
-// well formed but not a dictionary. A module without a bundle folder has no
+// The three files of the bundle merged in order. A file that is malformed,
+// unreadable, or well formed but not a dictionary (a list, say) adds
+// nothing: one bad file must not cost the module the items of the others,
+// such as the address it posts to. A module without a bundle folder has no
 // files (an empty path is not taken to mean the current folder).
-std::optional<QVValue> QVConfigService::mergedFileConfig(const std::string& path) const {
+QVValue QVConfigService::mergedFileConfig(const std::string& path) const {
   QVValue merged = QVValue::object();
   if (path.empty()) return merged;
   const std::optional<QVValue> sources[] = {basicPlistFileConfig(path), jsonConfigForBundle(path),
                                             layoutJsonConfigForBundle(path)};
   for (const std::optional<QVValue>& source : sources) {
-    if (!source) continue;  // Malformed or unreadable: adds nothing.
-    if (!source->is_object()) return std::nullopt;
-    mergeEntries(merged, *source);
+    if (source && source->is_object()) mergeEntries(merged, *source);
   }
   return merged;
 }
@@ -402,7 +383,7 @@ bool QVConfigService::isManualPostingEnabled() { return coreBool(keys::kManualPo
 bool QVConfigService::isCompressPostMessageEnabled() {
   try {
     std::optional<QVValue> item = coreItem(keys::kCompressPostMessage);
-    return !item || anyBoolValue(*item);
+    return !item || QVValues::boolValue(*item);
   } catch (const std::exception&) {
     return false;
   }

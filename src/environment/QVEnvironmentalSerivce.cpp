@@ -79,15 +79,36 @@ void QVEnvironmentalSerivce::init() {
   networkManager_ = QVNetworkManager::sharedInstance();
 }
 
+// Enabling again, from either state, rebuilds the monitoring rather than
+// adding to it: the two functions below say why.
 bool QVEnvironmentalSerivce::enable() {
   QVNotificationCenter::defaultCenter().removeObserver(this);
-  bool enabled = startMonitoringNetworkStatus();
+  bool enabled = restartMonitoringNetworkStatus();
   if (enabled) enabled = startMonitoringOrientationChanges();
-  if (enabled) enabled = startMonitoringApplicationChanges();
+  if (enabled) enabled = restartMonitoringApplicationChanges();
   enabled_ = enabled;
   sleepModeActive_ = false;
   if (enabled) addAsDeviceIDObserver();
   return enabled;
+}
+
+// The network manager refuses a second start while it holds a monitor, and
+// it may still hold one here: after an earlier enable, after the core slept
+// (which leaves this service running), or because its first evaluation,
+// due a second after a start, ran after a stop and made one. A refused start
+// would leave the core unable to enable again, so the monitor is stopped and
+// started afresh.
+bool QVEnvironmentalSerivce::restartMonitoringNetworkStatus() {
+  stopMonitoringNetworkStatus();
+  return startMonitoringNetworkStatus();
+}
+
+// Each start adds the lifecycle observations again; after two enables every
+// event would flush twice and termination would save every queue twice, so
+// its messages would be sent twice at the next start.
+bool QVEnvironmentalSerivce::restartMonitoringApplicationChanges() {
+  stopMonitoringApplicationChanges();
+  return startMonitoringApplicationChanges();
 }
 
 bool QVEnvironmentalSerivce::disable() {

@@ -24,25 +24,52 @@ QVApplicationContextMessage::QVApplicationContextMessage(const QVKeyedUnarchiver
 
 void QVApplicationContextMessage::superInitWrapper() { applyInit(); }
 
+QVApplicationContextMessage::QVApplicationContextMessage(int64_t contextType, OptionalString name,
+                                                         OptionalString referrer)
+    : QVApplicationContextMessage(contextType, std::move(name), std::move(referrer), "", "") {}
+
+// Not the full initialiser: that one would stamp the set date for a non-zero
+// type, and this one leaves it 0.
+QVApplicationContextMessage::QVApplicationContextMessage(int64_t contextType, OptionalString name,
+                                                         OptionalString referrer,
+                                                         OptionalString klassName,
+                                                         OptionalString referrerKlassName)
+    : QVApplicationContextMessage() {
+  setContextType(contextType);
+  setName(std::move(name));
+  setReferrer(std::move(referrer));
+  setKlassName(std::move(klassName));
+  setReferrerKlassName(std::move(referrerKlassName));
+}
+
+QVApplicationContextMessage::QVApplicationContextMessage(
+    int64_t contextType, OptionalString name, OptionalString referrer, OptionalString klassName,
+    OptionalString referrerKlassName, uint64_t currentScreenId, uint64_t currentScreenIdSetDate,
+    uint64_t previousScreenId, uint64_t previousScreenIdSetDate)
+    : QVApplicationContextMessage(contextType, std::move(name), std::move(referrer),
+                                  std::move(klassName), std::move(referrerKlassName)) {
+  // Intended asymmetry: only a type-0 context keeps a caller-supplied set
+  // date; every other type is stamped with the time of its creation.
+  setCurrentScreenIdSetDate(contextType != 0 ? QVCoreHelper::sharedInstance()->now()
+                                             : currentScreenIdSetDate);
+  setCurrentScreenId(currentScreenId);
+  setPreviousScreenId(previousScreenId);
+  setPreviousScreenIdSetDate(previousScreenIdSetDate);
+}
+
 std::shared_ptr<QVApplicationContextMessage> QVApplicationContextMessage::initWithTypeNameReferrer(
     int64_t contextType, OptionalString name, OptionalString referrer) {
-  return initWithTypeNameReferrerKlassNameReferrerKlassName(contextType, std::move(name),
-                                                            std::move(referrer), "", "");
+  return std::make_shared<QVApplicationContextMessage>(contextType, std::move(name),
+                                                       std::move(referrer));
 }
 
 std::shared_ptr<QVApplicationContextMessage>
 QVApplicationContextMessage::initWithTypeNameReferrerKlassNameReferrerKlassName(
     int64_t contextType, OptionalString name, OptionalString referrer, OptionalString klassName,
     OptionalString referrerKlassName) {
-  // Not the full initialiser: that one would stamp the set date for a
-  // non-zero type, and these leave it 0.
-  auto message = std::make_shared<QVApplicationContextMessage>();
-  message->setContextType(contextType);
-  message->setName(std::move(name));
-  message->setReferrer(std::move(referrer));
-  message->setKlassName(std::move(klassName));
-  message->setReferrerKlassName(std::move(referrerKlassName));
-  return message;
+  return std::make_shared<QVApplicationContextMessage>(contextType, std::move(name),
+                                                       std::move(referrer), std::move(klassName),
+                                                       std::move(referrerKlassName));
 }
 
 std::shared_ptr<QVApplicationContextMessage> QVApplicationContextMessage::
@@ -50,17 +77,10 @@ std::shared_ptr<QVApplicationContextMessage> QVApplicationContextMessage::
         int64_t contextType, OptionalString name, OptionalString referrer, OptionalString klassName,
         OptionalString referrerKlassName, uint64_t currentScreenId, uint64_t currentScreenIdSetDate,
         uint64_t previousScreenId, uint64_t previousScreenIdSetDate) {
-  auto message = initWithTypeNameReferrerKlassNameReferrerKlassName(
+  return std::make_shared<QVApplicationContextMessage>(
       contextType, std::move(name), std::move(referrer), std::move(klassName),
-      std::move(referrerKlassName));
-  // Intended asymmetry: only a type-0 context keeps a caller-supplied set
-  // date; every other type is stamped with the time of its creation.
-  message->setCurrentScreenIdSetDate(contextType != 0 ? QVCoreHelper::sharedInstance()->now()
-                                                      : currentScreenIdSetDate);
-  message->setCurrentScreenId(currentScreenId);
-  message->setPreviousScreenId(previousScreenId);
-  message->setPreviousScreenIdSetDate(previousScreenIdSetDate);
-  return message;
+      std::move(referrerKlassName), currentScreenId, currentScreenIdSetDate, previousScreenId,
+      previousScreenIdSetDate);
 }
 
 uint64_t QVApplicationContextMessage::timeSinceStart() const {

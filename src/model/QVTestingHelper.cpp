@@ -1,6 +1,7 @@
 #include "qvcore/model/QVTestingHelper.h"
 
 #include <cstdlib>
+#include <exception>
 
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
@@ -14,8 +15,17 @@ bool isLoggingSwitchedOn() {
   return value && std::strtol(value, nullptr, 10) == 1;
 }
 
+// Runs on the host's main loop, so a module's jsonDictionary that fails must
+// not escape into the host's pump: a std::exception is swallowed and the
+// message is not logged, as every other module hook treats one. Anything
+// else thrown passes on, as it does from the other hooks.
 void postJsonDictionaryOf(const QVMessage& message) {
-  QVValue dictionary = message.jsonDictionary();
+  QVValue dictionary;
+  try {
+    dictionary = message.jsonDictionary();
+  } catch (const std::exception&) {
+    return;
+  }
   if (dictionary.is_null()) return;
   auto shared = std::make_shared<const QVValue>(std::move(dictionary));
   QVNotification notification;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <type_traits>
 
@@ -117,6 +118,51 @@ TEST_F(QVConfigKeysTest, MistypedItemsFallBackToTheDefaultButCompressionReadsAny
     loadCoreJson(std::string(R"({"CompressPostMessage": )") + value + "}");
     EXPECT_EQ(service_->isCompressPostMessageEnabled(), expected) << value;
   }
+}
+
+// Items written as text: the raw readers (the posting gate, the lifecycle
+// manager, "URLEncoded", compression) read them as the platform reads text,
+// while the typed accessors above keep their defaults for them.
+TEST_F(QVConfigKeysTest, RawReadersReadTextAsThePlatformDoes) {
+  const std::pair<QVValue, int64_t> integers[] = {
+      {"3", 3},
+      {" \t-12", -12},
+      {"+7", 7},
+      {"3abc", 3},
+      {"abc", 0},
+      {"", 0},
+      {"- 3", 0},
+      {"2.9", 2},
+      {"99999999999999999999", INT64_MAX},
+      {"-99999999999999999999", INT64_MIN},
+  };
+  for (const auto& [text, expected] : integers) {
+    EXPECT_EQ(QVValues::integerValue(text), expected) << text;
+  }
+  const std::pair<const char*, bool> booleans[] = {
+      {"1", true},   {"YES", true},   {"true", true}, {"t", true},      {" +007", true},
+      {"-9", true},  {"0", false},    {"no", false},  {"false", false}, {"", false},
+      {"00", false}, {"+0.5", false}, {" x1", false},
+  };
+  for (const auto& [text, expected] : booleans) {
+    EXPECT_EQ(QVValues::boolValue(text), expected) << text;
+  }
+  const std::pair<const char*, double> doubles[] = {
+      {"2.5s", 2.5}, {" -0.25", -0.25}, {".5", 0.5}, {"1e3", 1000.0}, {"inf", 0.0}, {"x", 0.0},
+  };
+  for (const auto& [text, expected] : doubles) {
+    EXPECT_EQ(QVValues::doubleValue(text), expected) << text;
+  }
+  EXPECT_EQ(QVValues::integerValue(QVValue::array({3})), 0);
+
+  loadCoreJson(R"({"PostMessageLevelWiFi": "4", "DoPostAppGoesToClose": "YES"})");
+  const auto raw = [&](const char* key) {
+    return *service_->getConfigItemForLifecycleObject(key, QVCore::sharedInstance());
+  };
+  EXPECT_EQ(QVValues::integerValue(raw("PostMessageLevelWiFi")), 4);
+  EXPECT_TRUE(QVValues::boolValue(raw("DoPostAppGoesToClose")));
+  EXPECT_EQ(service_->postMessageLevelWifi(), 3) << "the accessor wants a number";
+  EXPECT_FALSE(service_->isDoPostAppGoesToCloseEnabled()) << "its default, not the text";
 }
 
 TEST_F(QVConfigKeysTest, ExampleBundlesLoad) {

@@ -107,7 +107,7 @@ TEST_F(QVConfigLoadTest, NothingToLoadFailsAndStoresNothing) {
   EXPECT_EQ(item("A", bare), QVValue(1));
 }
 
-TEST_F(QVConfigLoadTest, UnreadableFilesAddNothingAndMisshapenOnesFailTheLoad) {
+TEST_F(QVConfigLoadTest, UnreadableOrMisshapenFilesAddNothing) {
   const std::string binary = plist({{"P", 1}}, Format::kBinary);
   std::string badTable = binary;
   badTable.back() = '\xff';  // The offset table lies past the end.
@@ -131,15 +131,20 @@ TEST_F(QVConfigLoadTest, UnreadableFilesAddNothingAndMisshapenOnesFailTheLoad) {
   EXPECT_FALSE(service_->fileExistsAtFullPath(folder_.makeFolder("D.bundle/BasicConfig.plist")));
   EXPECT_TRUE(service_->fileExistsAtFullPath(hugeJson));
 
+  // Well formed but not a dictionary at the top: the other file and the
+  // pending items still make the module's configuration.
   for (const auto& [plistBytes, jsonBytes] :
        Files{{binary, "[1, 2]"}, {"<plist><array><true/></array></plist>", json}}) {
     auto m = moduleWith(plistBytes, jsonBytes);
     QVCore::sharedInstance()->setTempConfigDict({{m->className(), {{"Q", 1}}}});
-    EXPECT_FALSE(service_->loadConfig(m)) << jsonBytes;
-    EXPECT_FALSE(stored(m->className()));
-    // The pending items wait for a load that succeeds.
-    EXPECT_EQ(QVCore::sharedInstance()->tempConfigDict()[m->className()], QVValue({{"Q", 1}}));
+    EXPECT_TRUE(service_->loadConfig(m)) << jsonBytes;
+    const QVValue expected =
+        jsonBytes == json ? QVValue{{"J", 1}, {"Q", 1}} : QVValue{{"P", 1}, {"Q", 1}};
+    EXPECT_EQ(config(m), expected) << jsonBytes;
+    EXPECT_EQ(QVCore::sharedInstance()->tempConfigDict()[m->className()], QVValue::object());
   }
+  EXPECT_FALSE(service_->loadConfig(moduleWith("<plist><array/></plist>", "[]")))
+      << "nothing to load";
 }
 
 TEST(QVConfigServiceSingletonTest, FirstUseLoadsTheServicesOwnConfiguration) {

@@ -97,6 +97,15 @@ TEST_F(QVCoreConfigTest, GateComparesTheLevelWithTheRawItemOfTheNetwork) {
   ASSERT_TRUE(core_->reloadConfigForModuleName("QVCore"));
   for (int32_t level : {1, 2}) EXPECT_TRUE(passes(level)) << level;
   for (int32_t level : {0, 3, -1}) EXPECT_FALSE(passes(level)) << level;
+
+  // A limit written as text counts as the number it starts with.
+  writeCoreConfig(R"({"PostMessageLevelCellular": " 2 at most"})");
+  ASSERT_TRUE(core_->reloadConfigForModuleName("QVCore"));
+  for (int32_t level : {1, 2}) EXPECT_TRUE(passes(level)) << "text, " << level;
+  EXPECT_FALSE(passes(3));
+  writeCoreConfig(R"({"PostMessageLevelCellular": "all"})");
+  ASSERT_TRUE(core_->reloadConfigForModuleName("QVCore"));
+  EXPECT_FALSE(passes(1)) << "text without digits is 0";
 }
 
 TEST_F(QVCoreConfigTest, ModuleConfigurationByName) {

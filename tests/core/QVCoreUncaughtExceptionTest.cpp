@@ -40,14 +40,7 @@ class QVCoreUncaughtExceptionTest : public ::testing::Test {
     auto deaf = std::make_shared<test::QVTestModule>("Deaf", "");
     test::configureCore(folder.at("home"), {{recorder, items}, {deaf, {{"Any", 1}}}});
     auto core = QVCore::sharedInstance();
-    for (int i = 0; i < enables; ++i) {
-      // The network monitor does not start twice without a disable between;
-      // disabling leaves the terminate handler installed.
-      if (i > 0) {
-        EXPECT_TRUE(core->disable());
-      }
-      EXPECT_TRUE(core->enable());
-    }
+    for (int i = 0; i < enables; ++i) EXPECT_TRUE(core->enable());
     EXPECT_TRUE(core->enableModule("Recorder") && core->enableModule("Deaf"));
     return recorder;
   }

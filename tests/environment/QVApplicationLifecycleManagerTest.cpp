@@ -15,6 +15,7 @@
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVFakeClock.h"
 #include "qvcore/platform/QVFileSystem.h"
+#include "qvcore/platform/QVHostReachabilitySource.h"
 #include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
@@ -120,6 +121,16 @@ TEST_F(QVApplicationLifecycleManagerTest, ObservesWhatTheConfigurationAsksForAtS
   manager->startMonitoringApplicationChanges();
   manager->startMonitoringApplicationChanges();
   EXPECT_EQ(observed(), 6u) << "a second start observes everything twice";
+  manager->stopMonitoringApplicationChanges();
+
+  // Raw items written as text count as the platform reads text; the
+  // background item is read through its accessor, which ignores text.
+  setCoreItems({{"DoPostAppGoesToBackground", "0"},
+                {"DoPostAppComesFromBackground", "YES"},
+                {"DoPostAppIsLaunched", " 1"},
+                {"DoPostAppGoesToClose", "no"}});
+  manager->startMonitoringApplicationChanges();
+  EXPECT_EQ(observed(), 3u);
 }
 
 TEST_F(QVApplicationLifecycleManagerTest, BackgroundQueuesAreSentWhenTheGrantedTimeRunsOut) {
@@ -224,6 +235,17 @@ TEST_F(QVApplicationLifecycleManagerTest, StoppingNeedsNoStartAndTheServiceKeeps
   EXPECT_TRUE(environment->stopMonitoringApplicationChanges());
   deliver(Event::kDidEnterBackground);
   EXPECT_EQ(app.backgroundTaskNames().size(), 2u);
+
+  // Enabling the service rebuilds the observations rather than adding to
+  // them, however often it runs.
+  auto reachability = std::make_shared<QVHostReachabilitySource>();
+  QVReachabilitySource::setShared(reachability);
+  ASSERT_TRUE(environment->enable());
+  ASSERT_TRUE(environment->enable());
+  deliver(Event::kDidEnterBackground);
+  EXPECT_EQ(app.backgroundTaskNames().size(), 3u) << "one enable's worth";
+  EXPECT_TRUE(environment->disable());
+  QVReachabilitySource::setShared(nullptr);
 }
 
 }  // namespace

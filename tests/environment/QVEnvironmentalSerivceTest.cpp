@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "qvcore/config/QVConfigService.h"
+#include "qvcore/environment/QVNetworkManager.h"
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVDevice.h"
 #include "qvcore/platform/QVDigest.h"
@@ -120,10 +121,16 @@ TEST_F(QVEnvironmentalSerivceTest, EnableStopsAtTheFirstMonitorThatFailsAndDisab
   EXPECT_FALSE(service->isEnabled());
   EXPECT_FALSE(service->isSleepModeActive());
 
-  // A failed start keeps its network monitor, so the next start is refused
-  // until a stop.
+  // A failed start keeps its network monitor, which refuses a second start
+  // of the manager; enabling again starts the monitoring afresh all the
+  // same, as it does while the monitoring runs.
   reachability->setFailsToSchedule(false);
-  EXPECT_FALSE(service->enable());
+  auto network = QVNetworkManager::sharedInstance();
+  EXPECT_FALSE(network->startNetworkMonitoring());
+  EXPECT_TRUE(service->enable());
+  EXPECT_TRUE(service->enable());
+  EXPECT_FALSE(network->startNetworkMonitoring());
+  EXPECT_TRUE(service->isEnabled());
   EXPECT_TRUE(service->disable());
   EXPECT_FALSE(service->isEnabled());
   EXPECT_TRUE(service->isSleepModeActive());

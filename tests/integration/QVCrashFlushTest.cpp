@@ -1,11 +1,17 @@
 // A process that dies of an uncaught exception still sends what it queued:
 // the child enables the core with a module posting to a server in the parent,
-// queues a message and crashes.
+// queues a message and crashes. With nothing queued the child waits for ever,
+// unless the host bounded the wait.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <exception>
+#include <optional>
 #include <thread>
 
 #include "qvcore/core/QVCore.h"
@@ -69,6 +75,84 @@ TEST(QVCrashFlushTest, TheQueueReachesTheServerBeforeTheApplicationsHandlerRuns)
   EXPECT_EQ(folder.lines("told"), std::vector<std::string>{"fatal"});
   EXPECT_FALSE(previousRanBeforeTheAnswer);
   EXPECT_EQ(folder.lines("previous"), std::vector<std::string>{"fatal"});
+}
+
+using Bound = std::optional<std::chrono::milliseconds>;
+
+struct BoundCase {
+  const char* name;
+  const char* variable;      // QVCORE_CRASH_FLUSH_TIMEOUT, unset when null
+  std::optional<Bound> set;  // what the host sets through QVCore, if anything
+  int enables;
+  bool ends;          // the process ends (SIGABRT) rather than waits
+  bool previousRuns;  // the application's own handler is reached
+};
+
+// Child only: enables the core with nothing to send and crashes.
+[[noreturn]] void crashWithNothingQueued(const BoundCase& c, const QVCrashFolder& folder) {
+  const rlimit noCore{0, 0};
+  ::setrlimit(RLIMIT_CORE, &noCore);
+  if (c.variable) ::setenv("QVCORE_CRASH_FLUSH_TIMEOUT", c.variable, 1);
+  std::set_terminate(&applicationTerminateHandler);
+  // Told of the crash, so the parent knows when the wait has begun.
+  auto recorder = std::make_shared<test::QVCrashRecordingModule>("Recorder", folder);
+  test::configureCore(folder.at("home"), {{recorder, {{"Any", 1}}}});
+  if (c.set) QVCore::setCrashFlushTimeout(*c.set);
+  auto core = QVCore::sharedInstance();
+  for (int i = 0; i < c.enables; ++i) {
+    if (!core->enable()) ::_exit(3);
+  }
+  if (!core->enableModule("Recorder")) ::_exit(4);
+  test::crashWithUncaughtException("nothing queued");
+  ::_exit(5);  // not reached: a terminate handler does not return
+}
+
+// The child's wait status once it ended, or none if it still runs after
+// limit (it is killed then).
+std::optional<int> statusWithin(pid_t child, std::chrono::milliseconds limit) {
+  int status = 0;
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < end) {
+    if (::waitpid(child, &status, WNOHANG) == child) return status;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ::kill(child, SIGKILL);
+  ::waitpid(child, &status, 0);
+  return std::nullopt;
+}
+
+TEST(QVCrashFlushTest, AHostMayBoundTheWaitForAFlushThatNeverEnds) {
+  using std::chrono::milliseconds;
+  const BoundCase cases[] = {
+      {"variable", "0.2", std::nullopt, 1, true, true},
+      {"setter", nullptr, Bound(milliseconds(200)), 1, true, true},
+      {"setter over variable", "0.2", Bound(std::nullopt), 1, false, false},
+      {"default", nullptr, std::nullopt, 1, false, false},
+      {"unreadable variable", "soon", std::nullopt, 1, false, false},
+      // The handler chained to itself shares the bound and stops there.
+      {"two enables", "0.2", std::nullopt, 2, true, false},
+  };
+  for (const BoundCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    QVCrashFolder folder;
+    crashFolder = &folder;
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) crashWithNothingQueued(c, folder);
+    // A waiting child is given a moment once its handler has begun, then
+    // killed; an ending one has as long as any test.
+    if (!c.ends) {
+      EXPECT_TRUE(folder.waitForLines("told", 1));
+    }
+    const auto status = statusWithin(child, milliseconds(c.ends ? 60000 : 1000));
+    ASSERT_EQ(status.has_value(), c.ends);
+    if (status) {
+      EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT) << *status;
+    }
+    EXPECT_EQ(folder.lines("told"), std::vector<std::string>{"nothing queued"});
+    EXPECT_EQ(folder.lines("previous"), c.previousRuns ? std::vector<std::string>{"nothing queued"}
+                                                       : std::vector<std::string>{});
+  }
 }
 
 }  // namespace

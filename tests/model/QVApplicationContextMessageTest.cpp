@@ -56,6 +56,38 @@ TEST(QVApplicationContextMessageTest, InitialisersAndSetDateAsymmetry) {
   EXPECT_EQ(fullMessage(0, 5)->currentScreenIdSetDate(), 5u);
 }
 
+// A module's message: the context initialisers, with a JSON form of its own.
+class ScreenMessage : public Message {
+ public:
+  using Message::Message;
+  QVValue jsonDictionary() const override {
+    QVValue dict = Message::jsonDictionary();
+    dict["screen"] = name().value_or("");
+    dict["setDate"] = currentScreenIdSetDate();
+    return dict;
+  }
+};
+
+TEST(QVApplicationContextMessageTest, ModuleSubclassesReuseTheInitialisers) {
+  const uint64_t before = now();
+  auto stamped =
+      std::make_shared<ScreenMessage>(4, "Cart", "Home", "CartView", "HomeView", 2, 5, 1, 9);
+  const uint64_t after = now();
+  expectInitBase(*std::make_shared<Message>(4, "Cart", "Home", "CartView", "HomeView", 2, 5, 1, 9));
+  EXPECT_GE(stamped->currentScreenIdSetDate(), before) << "a non-zero type is stamped";
+  EXPECT_LE(stamped->currentScreenIdSetDate(), after);
+  EXPECT_EQ(stamped->previousScreenIdSetDate(), 9u);
+  const QVValue json = QVValue::parse(stamped->toJson());
+  EXPECT_EQ(json["screen"], "Cart");
+  EXPECT_EQ(json["setDate"], stamped->currentScreenIdSetDate());
+
+  EXPECT_EQ(ScreenMessage(0, "Cart", "Home", "C", "H", 2, 5, 1, 9).currentScreenIdSetDate(), 5u);
+  const ScreenMessage shortForm(3, "Cart", std::nullopt);
+  EXPECT_EQ(shortForm.klassName(), "");
+  EXPECT_EQ(shortForm.currentScreenIdSetDate(), 0u);
+  EXPECT_EQ(QVValue::parse(shortForm.toJson())["screen"], "Cart");
+}
+
 TEST(QVApplicationContextMessageTest, TimeSinceStartIsUnsignedDifference) {
   Message message;
   uint64_t before = now();

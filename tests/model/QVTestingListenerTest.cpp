@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <stdexcept>
+
 #include "qvcore/model/QVTestingHelper.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
@@ -63,6 +65,24 @@ TEST(QVTestingListenerTest, DictionaryIsBuiltWhenTheMainLoopRuns) {
   ASSERT_TRUE(seen);
   EXPECT_EQ(seenSender, seen.get()) << "the sender is the dictionary itself";
   QVNotificationCenter::defaultCenter().removeObserver(&other);
+}
+
+// A module's message whose dictionary cannot be made.
+class FailingMessage : public QVMessage {
+ public:
+  QVValue jsonDictionary() const override { throw std::runtime_error("no dictionary"); }
+};
+
+TEST(QVTestingListenerTest, AMessageWithoutADictionaryIsLeftOutAndTheMainLoopGoesOn) {
+  ::setenv(QVTestingHelper::kJsonLoggingName, "1", 1);
+  QVTestingListener listener;
+  QVTestingHelper::logForTesting(messageAt(1));
+  QVTestingHelper::logForTesting(std::make_shared<FailingMessage>());
+  QVTestingHelper::logForTesting(messageAt(3));
+  EXPECT_NO_THROW(QVRunLoop::main().runUntilIdle());
+  QVRunLoop::main().runUntilIdle();
+  EXPECT_EQ(listener.getJsonStackWithFlush(false),
+            (Dicts{messageAt(1)->jsonDictionary(), messageAt(3)->jsonDictionary()}));
 }
 
 TEST(QVTestingListenerTest, FlushEmptiesOnlyWhenAsked) {

@@ -51,10 +51,10 @@ class QV_EXPORT QVConfigService : public QVLifecycleObject {
   // ---- loading ------------------------------------------------------------
 
   // True when the module has a configuration afterwards. A loaded module is
-  // never re-read (unloadConfig first). Files that are missing or malformed
-  // add nothing; a file that is well formed but whose top level is not a
-  // dictionary makes the load fail with nothing stored, as does a load that
-  // finds no item at all (the next read then tries again).
+  // never re-read (unloadConfig first). Files that are missing, malformed,
+  // or well formed but not a dictionary at their top level add nothing; the
+  // other files still count. A load that finds no item at all fails with
+  // nothing stored (the next read then tries again).
   bool loadConfig(const ModuleRef& module);
   void unloadConfig(const ModuleRef& module);
 
@@ -155,7 +155,7 @@ class QV_EXPORT QVConfigService : public QVLifecycleObject {
 
   QVDictionaryRef storedConfig(const std::string& name) const;
   bool storeLoadedConfig(const std::string& name, QVValue merged, const QVValue& pending);
-  std::optional<QVValue> mergedFileConfig(const std::string& path) const;
+  QVValue mergedFileConfig(const std::string& path) const;
   std::string configFilePath(const std::string& path, const char* baseName) const;
   std::optional<QVValue> basicPlistFileConfig(const std::string& path) const;
   std::optional<QVValue> jsonFileConfig(const std::string& path, const char* baseName) const;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -55,6 +56,20 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   // Installs the core's handler of uncaught exceptions, chained to the one
   // installed before it.
   void setUncaughtExceptionHandler();
+
+  // How long the crash handler waits for its flush before it goes on as if
+  // the flush had completed (calls the previous handler, then aborts). By
+  // default it waits without a bound, which keeps a process alive for ever
+  // when its flush reports no end (nothing to send, say). The
+  // environment variable QVCORE_CRASH_FLUSH_TIMEOUT, in seconds (fractions
+  // allowed, 0 for no wait; anything else is ignored), read once, at the
+  // first enable or the first call of crashFlushTimeout, sets a bound;
+  // this setter overrides the variable, and none restores the unbounded
+  // wait. The bound covers the whole handling, including the runs of the
+  // handler chained to itself by repeated enables.
+  static void setCrashFlushTimeout(std::optional<std::chrono::milliseconds> timeout);
+  // The bound in force; none when the wait is unbounded.
+  static std::optional<std::chrono::milliseconds> crashFlushTimeout();
 
   std::string currentSessionID();
   std::string generateUUID() const;

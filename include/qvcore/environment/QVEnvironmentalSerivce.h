@@ -34,6 +34,9 @@ class QV_EXPORT QVEnvironmentalSerivce
 
   // QVLifecycleObject
   std::string className() const override { return "QVEnvironmentalSerivce"; }
+  // Callable again from either state: the network and application
+  // monitoring are stopped and started afresh, so that nothing left by an
+  // earlier enable makes this one fail or doubles what it observes.
   bool enable() override;
   // A successful stop leaves the service disabled; a failed one leaves it
   // enabled.
@@ -126,6 +129,8 @@ class QV_EXPORT QVEnvironmentalSerivce
  private:
   QVEnvironmentalSerivce();
   void init();
+  bool restartMonitoringNetworkStatus();
+  bool restartMonitoringApplicationChanges();
 
   std::atomic<bool> sleepModeActive_{false};
   std::atomic<bool> enabled_{false};

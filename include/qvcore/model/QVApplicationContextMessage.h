@@ -26,6 +26,26 @@ class QV_EXPORT QVApplicationContextMessage : public QVMessage {
   // those of init, not the archive's.
   explicit QVApplicationContextMessage(const QVKeyedUnarchiver& coder);
 
+  // The three initialisers, as constructors, so that a module's subclass
+  // builds on them (and so on the creation-time rule of the full one):
+  //   class ScreenMessage : public QVApplicationContextMessage {
+  //    public:
+  //     using QVApplicationContextMessage::QVApplicationContextMessage;
+  //     QVValue jsonDictionary() const override;  // adds its own keys
+  //   };
+  // Class names "", the four numbers 0 whatever the type.
+  QVApplicationContextMessage(int64_t contextType, OptionalString name, OptionalString referrer);
+  // The four numbers 0 whatever the type.
+  QVApplicationContextMessage(int64_t contextType, OptionalString name, OptionalString referrer,
+                              OptionalString klassName, OptionalString referrerKlassName);
+  // Every field from its argument, except that a contextType other than 0
+  // takes the current time as currentScreenIdSetDate.
+  QVApplicationContextMessage(int64_t contextType, OptionalString name, OptionalString referrer,
+                              OptionalString klassName, OptionalString referrerKlassName,
+                              uint64_t currentScreenId, uint64_t currentScreenIdSetDate,
+                              uint64_t previousScreenId, uint64_t previousScreenIdSetDate);
+
+  // The same initialisers as factories of this class.
   // Class names "", the four numbers 0 whatever the type.
   static std::shared_ptr<QVApplicationContextMessage> initWithTypeNameReferrer(
       int64_t contextType, OptionalString name, OptionalString referrer);

@@ -29,6 +29,8 @@ class QV_EXPORT QVTestingHelper {
   // dictionary is built then, not now, so a message changed in between is
   // logged as changed. Otherwise does nothing. The variable is read at every
   // call, as a decimal integer parse would read it: unset is 0, "01" is 1.
+  // A std::exception from jsonDictionary() is swallowed on the main loop and
+  // nothing is posted for that message; other exceptions reach the pump.
   // Returns at once; callable from any thread.
   static void logForTesting(std::shared_ptr<QVMessage> message);
 

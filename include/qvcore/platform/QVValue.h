@@ -29,13 +29,23 @@ QV_EXPORT bool isNumber(const QVValue& v);
 QV_EXPORT bool isString(const QVValue& v);
 QV_EXPORT bool isDictionary(const QVValue& v);
 
-// Boolean value of a number: non-zero is true. Anything else is false.
+// The value readers answer for numbers and strings as the platform's number
+// and string classes do; anything else reads as false or 0. Readers that
+// must refuse a string (the typed configuration accessors) test isNumber
+// first.
+//
+// Boolean value: a number is true when non-zero. A string skips leading
+// blanks, a sign and zeros, then is true at "Y", "y", "T", "t" or a digit 1
+// to 9 ("yes", "true", " +01" are true; "0", "no", "false", "" are false).
 QV_EXPORT bool boolValue(const QVValue& v);
-// Integer value of a number, truncated toward zero for floating values and
-// saturated at the ends of the range. Anything else is 0.
+// Integer value: a number truncated toward zero for floating values; a
+// string's leading blanks, optional sign and leading decimal digits ("3abc"
+// is 3, "abc" is 0). Both saturate at the ends of the range.
 QV_EXPORT int64_t integerValue(const QVValue& v);
-// Unsigned value of a number; negative values wrap as a C cast would.
+// Unsigned value; negative values wrap as a C cast would.
 QV_EXPORT uint64_t unsignedValue(const QVValue& v);
+// Double value; a string's leading decimal number after blanks and a sign
+// ("2.5s" is 2.5), else 0.
 QV_EXPORT double doubleValue(const QVValue& v);
 
 // The value stored under key, or none when the key is missing or the receiver
