@@ -4,14 +4,20 @@
 #include <stdlib.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
+#include <chrono>
 #include <climits>
 #include <cmath>
+#include <ctime>
 #include <map>
 #include <mutex>
 #include <string_view>
 #include <vector>
+
+#include "qvcore/platform/QVFileSystem.h"
 
 namespace qv {
 
@@ -22,6 +28,13 @@ constexpr double kDefaultTimeoutSeconds = 60.0;
 constexpr int kIdlePollMilliseconds = 10000;
 // A PEM file of certificates to trust instead of libcurl's default bundle.
 constexpr const char* kCaBundleVariable = "QVCORE_CA_BUNDLE";
+// The persistent cookies, in the application's data folder.
+constexpr const char* kCookieFileName = "QVCoreCookies.txt";
+constexpr size_t kMaxCookieFileBytes = 1 << 20;
+constexpr mode_t kCookieFileMode = 0600;
+constexpr mode_t kCookieFolderMode = 0700;
+
+using Clock = std::chrono::steady_clock;
 
 bool sameName(std::string_view a, std::string_view b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -60,6 +73,13 @@ struct Transfer {
   QVHttpResponse response;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   CURLcode setupResult = CURLE_OK;
+  // The transfer fails once no byte has moved either way for idleLimit.
+  std::chrono::milliseconds idleLimit{0};
+  Clock::time_point lastMoved;
+  curl_off_t sent = 0;
+  curl_off_t received = 0;
+  bool usesCookies = false;
+  bool sawSetCookie = false;
 
   Transfer() = default;
   Transfer(const Transfer&) = delete;
@@ -75,6 +95,10 @@ struct Transfer {
 size_t onHeader(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   const std::string_view line(data, size * count);
+  transfer->lastMoved = Clock::now();
+  if (line.size() >= 11 && ::strncasecmp(line.data(), "Set-Cookie:", 11) == 0) {
+    transfer->sawSetCookie = true;
+  }
   if (line.starts_with("HTTP/")) {
     transfer->response.headers.clear();
   } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
@@ -86,6 +110,18 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
 
 // Nothing in the core reads a response's body.
 size_t onBody(char*, size_t size, size_t count, void*) { return size * count; }
+
+// Notes when bytes last moved; the callback thread ends a transfer that has
+// been still for too long (a slow link that keeps moving is never cut).
+int onProgress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
+  auto* transfer = static_cast<Transfer*>(user);
+  if (received != transfer->received || sent != transfer->sent) {
+    transfer->received = received;
+    transfer->sent = sent;
+    transfer->lastMoved = Clock::now();
+  }
+  return 0;
+}
 
 bool appendHeader(Transfer& transfer, const std::string& line) {
   curl_slist* extended = curl_slist_append(transfer.headers, line.c_str());
@@ -184,14 +220,19 @@ std::unique_ptr<Transfer> makeTransfer(const QVMutableURLRequest& request,
   setup.set(CURLOPT_NOSIGNAL, 1L);
   setup.set(CURLOPT_FOLLOWLOCATION, 0L);
   setPeerVerification(setup, caBundle);
-  setup.set(CURLOPT_TIMEOUT_MS, QVCurlHttpSession::timeoutMilliseconds(request.timeoutInterval()));
+  transfer->idleLimit =
+      std::chrono::milliseconds(QVCurlHttpSession::timeoutMilliseconds(request.timeoutInterval()));
+  setup.set(CURLOPT_NOPROGRESS, 0L);
+  setup.set(CURLOPT_XFERINFOFUNCTION, &onProgress);
+  setup.set(CURLOPT_XFERINFODATA, transfer.get());
   setup.set(CURLOPT_ERRORBUFFER, transfer->errorBuffer);
   setup.set(CURLOPT_HEADERFUNCTION, &onHeader);
   setup.set(CURLOPT_HEADERDATA, transfer.get());
   setup.set(CURLOPT_WRITEFUNCTION, &onBody);
   if (request.HTTPShouldHandleCookies() && share) {
     setup.set(CURLOPT_SHARE, share);
-    setup.set(CURLOPT_COOKIEFILE, "");  // the cookie engine, in memory only
+    setup.set(CURLOPT_COOKIEFILE, "");  // the cookie engine; the engine saves
+    transfer->usesCookies = true;
   }
   setHeaders(setup, *transfer, request, sendsBody);
   setMethodAndBody(setup, *transfer, method, sendsBody);
@@ -217,6 +258,47 @@ void callCompletion(const QVHttpSession::CompletionHandler& completion,
 std::string caBundleFromEnvironment() {
   const char* path = ::getenv(kCaBundleVariable);
   return path ? path : "";
+}
+
+std::string cookieFileInHome() {
+  const std::string home = QVFileSystem::homeDirectory();
+  return home.empty() ? "" : QVFileSystem::stringByAppendingPathComponent(home, kCookieFileName);
+}
+
+// A line of libcurl's cookie list (Netscape format: domain, subdomains, path,
+// secure, expiry, name, value, tab-separated) for a cookie that outlives the
+// process: one whose expiry is still ahead. Expiry 0 marks a session cookie,
+// which stays in memory only. Anything else (a comment, one of libcurl's
+// list commands) is not a cookie to keep.
+bool isPersistentCookie(std::string_view line, int64_t now) {
+  size_t start = 0;
+  for (int field = 0; field < 4; ++field) {
+    start = line.find('\t', start);
+    if (start == std::string_view::npos) return false;
+    ++start;
+  }
+  const size_t end = line.find('\t', start);
+  if (end == std::string_view::npos || line.find('\t', end + 1) == std::string_view::npos) {
+    return false;
+  }
+  int64_t expiry = 0;
+  const auto [stop, error] = std::from_chars(line.data() + start, line.data() + end, expiry);
+  return error == std::errc() && stop == line.data() + end && expiry > now;
+}
+
+// The persistent cookies of the store the transfer used, sorted so that two
+// lists compare equal whatever order libcurl keeps them in.
+std::optional<std::vector<std::string>> persistentCookies(CURL* easy) {
+  curl_slist* list = nullptr;
+  if (curl_easy_getinfo(easy, CURLINFO_COOKIELIST, &list) != CURLE_OK) return std::nullopt;
+  std::vector<std::string> lines;
+  const int64_t now = std::time(nullptr);
+  for (const curl_slist* item = list; item; item = item->next) {
+    if (isPersistentCookie(item->data, now)) lines.emplace_back(item->data);
+  }
+  curl_slist_free_all(list);
+  std::sort(lines.begin(), lines.end());
+  return lines;
 }
 
 void initialiseCurl() {
@@ -248,6 +330,10 @@ class QVCurlHttpSession::Engine {
   bool takeNewTransfers();
   void start(std::unique_ptr<Transfer> transfer);
   void finishDoneTransfers();
+  void finishIdleTransfers();
+  int pollMilliseconds() const;
+  void loadCookies();
+  void saveCookies(const Transfer& transfer);
   void finish(std::unique_ptr<Transfer> transfer, CURLcode result);
   void cancelAll();
 
@@ -256,6 +342,8 @@ class QVCurlHttpSession::Engine {
   std::array<std::mutex, CURL_LOCK_DATA_LAST> shareLocks_;
   // Read once, so the trusted certificates do not change under a session.
   const std::string caBundle_ = caBundleFromEnvironment();
+  // Where the persistent cookies are kept; none without a data folder.
+  const std::string cookieFile_ = cookieFileInHome();
 
   std::mutex mutex_;  // guards incoming_ and stopping_
   std::vector<std::unique_ptr<Transfer>> incoming_;
@@ -263,6 +351,8 @@ class QVCurlHttpSession::Engine {
 
   // Only the callback thread touches these.
   std::map<CURL*, std::unique_ptr<Transfer>> running_;
+  // The persistent cookies as the file holds them, sorted.
+  std::vector<std::string> savedCookies_;
 };
 
 QVCurlHttpSession::Engine::Engine() {
@@ -313,13 +403,85 @@ void QVCurlHttpSession::Engine::stop() {
 
 void QVCurlHttpSession::Engine::run() {
   if (!multi_) return;
+  loadCookies();
   while (takeNewTransfers()) {
     int active = 0;
     curl_multi_perform(multi_, &active);
     finishDoneTransfers();
-    curl_multi_poll(multi_, nullptr, 0, kIdlePollMilliseconds, nullptr);
+    finishIdleTransfers();
+    curl_multi_poll(multi_, nullptr, 0, pollMilliseconds(), nullptr);
   }
   cancelAll();
+}
+
+// Transfers that moved no byte for their whole idle limit fail as timed
+// out, whatever phase they are in (connecting included).
+void QVCurlHttpSession::Engine::finishIdleTransfers() {
+  const Clock::time_point now = Clock::now();
+  std::vector<std::unique_ptr<Transfer>> idle;
+  for (auto it = running_.begin(); it != running_.end();) {
+    if (now - it->second->lastMoved < it->second->idleLimit) {
+      ++it;
+      continue;
+    }
+    curl_multi_remove_handle(multi_, it->first);
+    idle.push_back(std::move(it->second));
+    it = running_.erase(it);
+  }
+  for (auto& transfer : idle) finish(std::move(transfer), CURLE_OPERATION_TIMEDOUT);
+}
+
+// Wakes the thread when the first idle limit may run out.
+int QVCurlHttpSession::Engine::pollMilliseconds() const {
+  auto wait = std::chrono::milliseconds(kIdlePollMilliseconds);
+  const Clock::time_point now = Clock::now();
+  for (const auto& [easy, transfer] : running_) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+        transfer->lastMoved + transfer->idleLimit - now);
+    wait = std::min(wait, std::max(left, std::chrono::milliseconds(1)));
+  }
+  return static_cast<int>(wait.count());
+}
+
+// On the callback thread before any transfer starts, so that the first
+// request after a restart already carries the kept cookies.
+void QVCurlHttpSession::Engine::loadCookies() {
+  if (cookieFile_.empty() || !share_) return;
+  const auto text = QVFileSystem::contentsAtPath(cookieFile_, kMaxCookieFileBytes);
+  if (!text) return;
+  CURL* easy = curl_easy_init();
+  if (!easy) return;
+  curl_easy_setopt(easy, CURLOPT_SHARE, share_);
+  const int64_t now = std::time(nullptr);
+  std::string_view rest = *text;
+  while (!rest.empty()) {
+    const size_t end = std::min(rest.find('\n'), rest.size());
+    const std::string line(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+    if (!isPersistentCookie(line, now)) continue;
+    if (curl_easy_setopt(easy, CURLOPT_COOKIELIST, line.c_str()) == CURLE_OK) {
+      savedCookies_.push_back(line);
+    }
+  }
+  curl_easy_cleanup(easy);
+  std::sort(savedCookies_.begin(), savedCookies_.end());
+}
+
+// Only a response that set cookies can have changed the persistent ones,
+// and the file is written only when they did change.
+void QVCurlHttpSession::Engine::saveCookies(const Transfer& transfer) {
+  if (cookieFile_.empty() || !transfer.usesCookies || !transfer.sawSetCookie || !transfer.easy) {
+    return;
+  }
+  auto lines = persistentCookies(transfer.easy);
+  if (!lines || *lines == savedCookies_) return;
+  std::string text;
+  for (const std::string& line : *lines) text += line + "\n";
+  const std::string folder = QVFileSystem::stringByDeletingLastPathComponent(cookieFile_);
+  if (!QVFileSystem::createDirectoryAtPath(folder, kCookieFolderMode)) return;
+  if (QVFileSystem::writeAtomically(cookieFile_, text, kCookieFileMode)) {
+    savedCookies_ = std::move(*lines);
+  }
 }
 
 bool QVCurlHttpSession::Engine::takeNewTransfers() {
@@ -345,6 +507,7 @@ void QVCurlHttpSession::Engine::start(std::unique_ptr<Transfer> transfer) {
     return;
   }
   CURL* easy = transfer->easy;
+  transfer->lastMoved = Clock::now();
   running_.emplace(easy, std::move(transfer));
 }
 
@@ -365,6 +528,11 @@ void QVCurlHttpSession::Engine::finishDoneTransfers() {
 }
 
 void QVCurlHttpSession::Engine::finish(std::unique_ptr<Transfer> transfer, CURLcode result) {
+  try {
+    saveCookies(*transfer);
+  } catch (const std::exception&) {
+    // Out of memory: the cookies stay in memory, the outcome still goes.
+  }
   std::optional<QVHttpResponse> response;
   long status = 0;
   if (transfer->easy &&
