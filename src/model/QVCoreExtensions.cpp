@@ -53,11 +53,16 @@ std::string floatText(double d) {
 
 // Nested values and null travel as their compact JSON text, escaped as a
 // string of the same key is: left bare, the quotes and brackets would make
-// a URL that no request can be built from.
+// a URL that no request can be built from. "+" is escaped as well, so that
+// a reader that takes it for a space cannot break the JSON.
 std::string nestedText(const std::string& key, const QVValue& value) {
   std::string json;
   QVJsonWriter(json, QVJsonWriter::Unwritable::kNull).value(value);
-  return encodeString(json, key == "ul");
+  std::string text = encodeString(json, key == "ul");
+  for (size_t plus = text.find('+'); plus != std::string::npos; plus = text.find('+', plus)) {
+    text.replace(plus, 1, "%2B");
+  }
+  return text;
 }
 
 std::string valueText(const std::string& key, const QVValue& value) {

@@ -4,12 +4,12 @@
 #include <string_view>
 #include <utility>
 
+#include "model/QVJsonWriter.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVClientEnvironment.h"
 #include "qvcore/model/QVCoreExtensions.h"
 #include "qvcore/model/QVTestingHelper.h"
-#include "model/QVJsonWriter.h"
 
 namespace qv {
 

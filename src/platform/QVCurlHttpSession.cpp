@@ -436,8 +436,8 @@ int QVCurlHttpSession::Engine::pollMilliseconds() const {
   auto wait = std::chrono::milliseconds(kIdlePollMilliseconds);
   const Clock::time_point now = Clock::now();
   for (const auto& [easy, transfer] : running_) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-        transfer->lastMoved + transfer->idleLimit - now);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(transfer->lastMoved +
+                                                                   transfer->idleLimit - now);
     wait = std::min(wait, std::max(left, std::chrono::milliseconds(1)));
   }
   return static_cast<int>(wait.count());

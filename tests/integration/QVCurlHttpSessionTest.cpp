@@ -84,7 +84,8 @@ TEST_F(QVCurlHttpSessionTest, PersistentCookiesAreKeptInTheDataFolderAcrossARest
     await(send(first, QVMutableURLRequest(server_.url("/same"))));
     EXPECT_EQ(server_.request(1).header("Cookie").value_or(""), "kept=1; temp=2");
   }
-  struct stat file {}, home {};
+  struct stat file {
+  }, home{};
   ASSERT_EQ(::stat(folder.at("home/QVCoreCookies.txt").c_str(), &file), 0);
   ASSERT_EQ(::stat(folder.at("home").c_str(), &home), 0);
   EXPECT_EQ(file.st_mode & 0777, 0600u);

@@ -138,8 +138,8 @@ TEST_F(QVServerConnectionIntegrationTest, OneBadMessageLeavesTheOthersAndNumbers
 // collector reads them back.
 TEST_F(QVServerConnectionIntegrationTest, UrlEncodedPostCarriesNestedValuesAndNull) {
   configureModule({{"URLEncoded", true}});
-  EXPECT_TRUE(postAndWait(
-      R"({"offset":1,"obj":{"k":"v&w/x"},"list":[1,"a b",2.0],"none":null,"w":2.0})"));
+  EXPECT_TRUE(
+      postAndWait(R"({"offset":1,"obj":{"k":"v&w/x"},"list":[1,"a b",2.0],"none":null,"w":2.0})"));
 
   const auto sent = server_.request(0);
   const collector::QVCollectorDecoded decoded =

@@ -85,11 +85,11 @@ TEST(QVCoreExtensionsTest, UrlEncodedStringWritesOtherValuesAsText) {
                     {"t", true},
                     {"no", false},
                     {"null", nullptr},
-                    {"list", QVValue::array({1, "a/b", 2.0})},
+                    {"list", QVValue::array({1, "a/b+", 2.0, 1e300})},
                     {"obj", dict({{"k", "v&w"}})}});
   EXPECT_EQ(X::urlEncodedString(d),
             "n=5&neg=-3&big=18446744073709551615&f=1.5&w=2&z=0&e=1e300&nan=nan&t=1&no=0"
-            "&null=null&list=%5B1,%22a%2Fb%22,2%5D&obj=%7B%22k%22:%22v%26w%22%7D");
+            "&null=null&list=%5B1,%22a%2Fb%2B%22,2,1e%2B300%5D&obj=%7B%22k%22:%22v%26w%22%7D");
   EXPECT_EQ(X::urlEncodedString(dict({{"ul", QVValue::array({"a/b"})}})), "ul=%5B%22a/b%22%5D");
 }
 

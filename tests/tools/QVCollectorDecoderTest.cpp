@@ -130,9 +130,9 @@ TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeF
   EXPECT_EQ(whole.messages, 3);
   EXPECT_EQ(QVValue::parse(*whole.queryFields), payload);
 
-  const QVValue message = {{"offset", 7},     {"name", "Home Page & more"},
-                           {"ul", "a/b?c"},   {"plus", "1+1=2"},
-                           {"accent", "é"},   {"zero", "007"},
+  const QVValue message = {{"offset", 7},      {"name", "Home Page & more"},
+                           {"ul", "a/b?c"},    {"plus", "1+1=2"},
+                           {"accent", "é"},    {"zero", "007"},
                            {"list", {1, "x"}}, {"obj", {{"k", "v&w/x=y"}}},
                            {"none", nullptr}};
   const QVCollectorDecoded one = get(QVCoreExtensions::urlEncodedString(message));

@@ -21,7 +21,8 @@ class QV_EXPORT QVCoreExtensions {
   static std::string toJson(const QVValue& dict);
   // False when value holds, at any depth, what JSON text cannot carry
   // faithfully (dump() would write NaN and infinity as null and binary
-  // values as objects); text that is not UTF-8 is the writer's to refuse.
+  // values as objects); text that is not UTF-8 is not its concern, as the
+  // writer mends it.
   static bool isJsonCapable(const QVValue& value);
 
   // key=value pairs joined by "&", in the dictionary's order. Keys are used
@@ -30,10 +31,11 @@ class QV_EXPORT QVCoreExtensions {
   // "ul", "/" becomes "%2F". Numbers are written as they are: integers in
   // decimal, floats as toJson() writes them but with no "+" in an exponent
   // ("1e300", which a form reader cannot take for "1e 300"; "nan", "inf",
-  // "-inf" for the non-finite), booleans as 1 or 0. Arrays, dictionaries and null become
-  // their compact JSON text (null is "null"; NaN and infinity inside are
-  // null), escaped exactly as a string under the same key. Empty for an
-  // empty dictionary or a value that is not a dictionary.
+  // "-inf" for the non-finite), booleans as 1 or 0. Arrays, dictionaries
+  // and null become their compact JSON text (null is "null"; NaN and
+  // infinity inside are null), escaped as a string under the same key and
+  // "+" as "%2B". Empty for an empty dictionary or a value that is not a
+  // dictionary.
   static std::string urlEncodedString(const QVValue& dict);
 };
 
