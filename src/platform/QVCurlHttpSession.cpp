@@ -1,8 +1,14 @@
 #include "platform/QVCurlHttpSession.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
 #include <stdlib.h>
 #include <strings.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -78,6 +84,7 @@ struct Transfer {
   Clock::time_point lastMoved;
   curl_off_t sent = 0;
   curl_off_t received = 0;
+  int queued = 0;  // bytes in the socket's send queue at the last look
   bool usesCookies = false;
   bool sawSetCookie = false;
 
@@ -113,6 +120,8 @@ size_t onBody(char*, size_t size, size_t count, void*) { return size * count; }
 
 // Notes when bytes last moved; the callback thread ends a transfer that has
 // been still for too long (a slow link that keeps moving is never cut).
+// libcurl counts the bytes it hands to the socket, so this sees a body move
+// up only until the kernel's send queue has taken the rest of it.
 int onProgress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
   auto* transfer = static_cast<Transfer*>(user);
   if (received != transfer->received || sent != transfer->sent) {
@@ -121,6 +130,65 @@ int onProgress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off
     transfer->lastMoved = Clock::now();
   }
   return 0;
+}
+
+// The sockets libcurl holds open for a session's connections, which outlive
+// single transfers (connections are kept for reuse). Only libcurl's calls on
+// the callback thread, and the multi handle's cleanup, change the list.
+using SocketList = std::vector<curl_socket_t>;
+
+int onSocketOpened(void* user, curl_socket_t socket, curlsocktype purpose) {
+  try {
+    if (purpose == CURLSOCKTYPE_IPCXN) static_cast<SocketList*>(user)->push_back(socket);
+  } catch (const std::exception&) {
+    // Out of memory: only the queue's drain goes unseen on this socket.
+  }
+  return CURL_SOCKOPT_OK;
+}
+
+int onSocketClose(void* user, curl_socket_t socket) {
+  std::erase(*static_cast<SocketList*>(user), socket);
+  return ::close(socket);
+}
+
+long portOf(curl_socket_t socket, bool peer) {
+  sockaddr_storage address{};
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  if ((peer ? ::getpeername(socket, raw, &length) : ::getsockname(socket, raw, &length)) != 0) {
+    return -1;
+  }
+  if (address.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in*>(raw)->sin_port);
+  if (address.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6*>(raw)->sin6_port);
+  return -1;
+}
+
+// The open socket whose two ports are those of the transfer's connection.
+curl_socket_t socketOf(const Transfer& transfer, const SocketList& sockets) {
+  long local = 0, remote = 0;
+  if (curl_easy_getinfo(transfer.easy, CURLINFO_LOCAL_PORT, &local) != CURLE_OK ||
+      curl_easy_getinfo(transfer.easy, CURLINFO_PRIMARY_PORT, &remote) != CURLE_OK || local <= 0) {
+    return CURL_SOCKET_BAD;
+  }
+  for (const curl_socket_t socket : sockets) {
+    if (portOf(socket, false) == local && portOf(socket, true) == remote) return socket;
+  }
+  return CURL_SOCKET_BAD;
+}
+
+// The rest of an upload leaves from the kernel's send queue, which may hold
+// megabytes: a queue that shrinks is a link that moves. Looked at only when
+// libcurl has seen nothing move for a while.
+void noteQueueDrain(Transfer& transfer, const SocketList& sockets, Clock::time_point now) {
+  if (now - transfer.lastMoved < transfer.idleLimit / 10) return;
+  const curl_socket_t socket = socketOf(transfer, sockets);
+  int queued = 0;
+  if (socket == CURL_SOCKET_BAD || ::ioctl(socket, SIOCOUTQ, &queued) != 0 ||
+      queued == transfer.queued) {
+    return;
+  }
+  transfer.queued = queued;
+  transfer.lastMoved = now;
 }
 
 bool appendHeader(Transfer& transfer, const std::string& line) {
@@ -201,10 +269,25 @@ void setPeerVerification(Setup& setup, const std::string& caBundle) {
   if (!caBundle.empty()) setup.set(CURLOPT_CAINFO, caBundle.c_str());
 }
 
+// What every transfer of one session shares.
+struct SessionParts {
+  CURLSH* share;
+  const std::string& caBundle;
+  SocketList* sockets;
+};
+
+void setSocketWatch(Setup& setup, SocketList* sockets) {
+  setup.set(CURLOPT_SOCKOPTFUNCTION, &onSocketOpened);
+  setup.set(CURLOPT_SOCKOPTDATA, sockets);
+  setup.set(CURLOPT_CLOSESOCKETFUNCTION, &onSocketClose);
+  setup.set(CURLOPT_CLOSESOCKETDATA, sockets);
+}
+
 std::unique_ptr<Transfer> makeTransfer(const QVMutableURLRequest& request,
                                        std::shared_ptr<const std::string> body, bool sendsBody,
-                                       QVHttpSession::CompletionHandler completion, CURLSH* share,
-                                       const std::string& caBundle) {
+                                       QVHttpSession::CompletionHandler completion,
+                                       const SessionParts& session) {
+  CURLSH* share = session.share;
   auto transfer = std::make_unique<Transfer>();
   transfer->completion = std::move(completion);
   transfer->body = std::move(body);
@@ -219,7 +302,8 @@ std::unique_ptr<Transfer> makeTransfer(const QVMutableURLRequest& request,
   setup.set(CURLOPT_PROTOCOLS_STR, "http,https");
   setup.set(CURLOPT_NOSIGNAL, 1L);
   setup.set(CURLOPT_FOLLOWLOCATION, 0L);
-  setPeerVerification(setup, caBundle);
+  setPeerVerification(setup, session.caBundle);
+  setSocketWatch(setup, session.sockets);
   transfer->idleLimit =
       std::chrono::milliseconds(QVCurlHttpSession::timeoutMilliseconds(request.timeoutInterval()));
   setup.set(CURLOPT_NOPROGRESS, 0L);
@@ -231,7 +315,7 @@ std::unique_ptr<Transfer> makeTransfer(const QVMutableURLRequest& request,
   setup.set(CURLOPT_WRITEFUNCTION, &onBody);
   if (request.HTTPShouldHandleCookies() && share) {
     setup.set(CURLOPT_SHARE, share);
-    setup.set(CURLOPT_COOKIEFILE, "");  // the cookie engine; the engine saves
+    setup.set(CURLOPT_COOKIEFILE, "");  // the cookie engine, with no file of its own
     transfer->usesCookies = true;
   }
   setHeaders(setup, *transfer, request, sendsBody);
@@ -291,12 +375,13 @@ bool isPersistentCookie(std::string_view line, int64_t now) {
 std::optional<std::vector<std::string>> persistentCookies(CURL* easy) {
   curl_slist* list = nullptr;
   if (curl_easy_getinfo(easy, CURLINFO_COOKIELIST, &list) != CURLE_OK) return std::nullopt;
+  const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> owned(list,
+                                                                          &curl_slist_free_all);
   std::vector<std::string> lines;
   const int64_t now = std::time(nullptr);
   for (const curl_slist* item = list; item; item = item->next) {
     if (isPersistentCookie(item->data, now)) lines.emplace_back(item->data);
   }
-  curl_slist_free_all(list);
   std::sort(lines.begin(), lines.end());
   return lines;
 }
@@ -317,8 +402,7 @@ class QVCurlHttpSession::Engine {
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
-  CURLSH* share() const { return share_; }
-  const std::string& caBundle() const { return caBundle_; }
+  SessionParts parts() { return SessionParts{share_, caBundle_, &sockets_}; }
   void submit(std::unique_ptr<Transfer> transfer);
   void stop();
   void run();
@@ -353,6 +437,8 @@ class QVCurlHttpSession::Engine {
   std::map<CURL*, std::unique_ptr<Transfer>> running_;
   // The persistent cookies as the file holds them, sorted.
   std::vector<std::string> savedCookies_;
+  // Until the multi handle's cleanup, which closes the kept connections.
+  SocketList sockets_;
 };
 
 QVCurlHttpSession::Engine::Engine() {
@@ -420,6 +506,7 @@ void QVCurlHttpSession::Engine::finishIdleTransfers() {
   const Clock::time_point now = Clock::now();
   std::vector<std::unique_ptr<Transfer>> idle;
   for (auto it = running_.begin(); it != running_.end();) {
+    noteQueueDrain(*it->second, sockets_, now);
     if (now - it->second->lastMoved < it->second->idleLimit) {
       ++it;
       continue;
@@ -431,13 +518,16 @@ void QVCurlHttpSession::Engine::finishIdleTransfers() {
   for (auto& transfer : idle) finish(std::move(transfer), CURLE_OPERATION_TIMEDOUT);
 }
 
-// Wakes the thread when the first idle limit may run out.
+// Wakes the thread when the first idle limit may run out, and ten times a
+// limit, since nothing else tells when a send queue drains: a stall is then
+// seen within a tenth of the limit.
 int QVCurlHttpSession::Engine::pollMilliseconds() const {
   auto wait = std::chrono::milliseconds(kIdlePollMilliseconds);
   const Clock::time_point now = Clock::now();
   for (const auto& [easy, transfer] : running_) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(transfer->lastMoved +
-                                                                   transfer->idleLimit - now);
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(transfer->lastMoved +
+                                                             transfer->idleLimit - now);
+    left = std::min(left, std::max(transfer->idleLimit / 10, std::chrono::milliseconds(1)));
     wait = std::min(wait, std::max(left, std::chrono::milliseconds(1)));
   }
   return static_cast<int>(wait.count());
@@ -587,8 +677,8 @@ QVCurlHttpSession::~QVCurlHttpSession() {
 void QVCurlHttpSession::uploadTaskWithRequest(const QVMutableURLRequest& request,
                                               std::shared_ptr<const std::string> body,
                                               CompletionHandler completion) {
-  engine_->submit(makeTransfer(request, std::move(body), true, std::move(completion),
-                               engine_->share(), engine_->caBundle()));
+  engine_->submit(
+      makeTransfer(request, std::move(body), true, std::move(completion), engine_->parts()));
 }
 
 void QVCurlHttpSession::dataTaskWithRequest(const QVMutableURLRequest& request,
@@ -596,7 +686,7 @@ void QVCurlHttpSession::dataTaskWithRequest(const QVMutableURLRequest& request,
   const std::string& method = request.HTTPMethod();
   const bool sendsBody = method != "GET" && method != "HEAD" && !method.empty();
   engine_->submit(makeTransfer(request, sendsBody ? request.HTTPBody() : nullptr, sendsBody,
-                               std::move(completion), engine_->share(), engine_->caBundle()));
+                               std::move(completion), engine_->parts()));
 }
 
 long QVCurlHttpSession::timeoutMilliseconds(double seconds) {

@@ -82,7 +82,8 @@ TEST_F(QVCurlHttpSessionTest, PersistentCookiesAreKeptInTheDataFolderAcrossARest
     QVCurlHttpSession first;
     await(send(first, QVMutableURLRequest(server_.url("/set"))));
     await(send(first, QVMutableURLRequest(server_.url("/same"))));
-    EXPECT_EQ(server_.request(1).header("Cookie").value_or(""), "kept=1; temp=2");
+    const std::string both = server_.request(1).header("Cookie").value_or("");
+    EXPECT_TRUE(both == "kept=1; temp=2" || both == "temp=2; kept=1") << both;
   }
   struct stat file {
   }, home{};
