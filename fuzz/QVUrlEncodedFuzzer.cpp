@@ -5,6 +5,7 @@
 // every key comes back in order with its string values exactly as they
 // were, and a flat dictionary of plain keys always makes a valid request.
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -42,10 +43,20 @@ bool isPlainDictionary(const QVValue& payload) {
   return true;
 }
 
-// The text the collector must read back for a value.
+// The text the collector must read back for a value. A float with a whole
+// value is written as an integer, and an exponent without "+".
 std::string expectedText(const QVValue& value) {
   if (value.is_string()) return value.get<std::string>();
   if (value.is_boolean()) return value.get<bool>() ? "1" : "0";
+  if (value.is_number_float()) {
+    const double d = value.get<double>();
+    if (std::trunc(d) == d && std::fabs(d) < 9223372036854775808.0) {
+      return std::to_string(static_cast<int64_t>(d));
+    }
+    std::string text = value.dump();
+    std::erase(text, '+');
+    return text;
+  }
   return value.dump();
 }
 

@@ -1,7 +1,11 @@
 #include "qvcore/model/QVCoreExtensions.h"
 
 #include <cmath>
+#include <exception>
+#include <string>
 #include <string_view>
+
+#include "model/QVJsonWriter.h"
 
 namespace qv {
 
@@ -36,11 +40,29 @@ std::string encodeString(const std::string& value, bool keepSlashes) {
   return out;
 }
 
-// Not JSON, but readable: the form a number prints itself in.
+// The JSON form, a whole value without a fraction, but with no "+" in the
+// exponent, which a form reader would take for a space; the non-finite as
+// a number prints itself.
 std::string floatText(double d) {
   if (std::isnan(d)) return "nan";
   if (std::isinf(d)) return d > 0 ? "inf" : "-inf";
-  return QVValue(d).dump();
+  std::string text = QVJsonWriter::numberText(d);
+  std::erase(text, '+');
+  return text;
+}
+
+// Nested values and null travel as their compact JSON text, escaped as a
+// string of the same key is: left bare, the quotes and brackets would make
+// a URL that no request can be built from. "+" is escaped as well, so that
+// a reader that takes it for a space cannot break the JSON.
+std::string nestedText(const std::string& key, const QVValue& value) {
+  std::string json;
+  QVJsonWriter(json, QVJsonWriter::Unwritable::kNull).value(value);
+  std::string text = encodeString(json, key == "ul");
+  for (size_t plus = text.find('+'); plus != std::string::npos; plus = text.find('+', plus)) {
+    text.replace(plus, 1, "%2B");
+  }
+  return text;
 }
 
 std::string valueText(const std::string& key, const QVValue& value) {
@@ -49,13 +71,13 @@ std::string valueText(const std::string& key, const QVValue& value) {
       return encodeString(value.get_ref<const std::string&>(), key == "ul");
     case QVValue::value_t::boolean:
       return value.get<bool>() ? "1" : "0";
-    case QVValue::value_t::null:
-      return "<null>";
     case QVValue::value_t::number_float:
       return floatText(value.get<double>());
+    case QVValue::value_t::number_integer:
+    case QVValue::value_t::number_unsigned:
+      return value.dump();
     default:
-      // Numbers, and nested containers as readable, deterministic JSON.
-      return value.dump(-1, ' ', false, QVValue::error_handler_t::replace);
+      return nestedText(key, value);
   }
 }
 
@@ -79,12 +101,16 @@ bool QVCoreExtensions::isJsonCapable(const QVValue& v) {
 }
 
 std::string QVCoreExtensions::toJson(const QVValue& dict) {
-  if (!dict.is_object() || !isJsonCapable(dict)) return "";
+  if (!dict.is_object()) return "";
   try {
     // The writer never escapes "/", so there is no "\/" to undo here.
-    return dict.dump();
-  } catch (const QVValue::exception&) {
-    return "";  // text that is not UTF-8
+    std::string text;
+    QVJsonWriter(text, QVJsonWriter::Unwritable::kFail).value(dict);
+    return text;
+  } catch (const QVJsonWriter::Refused&) {
+    return "";
+  } catch (const std::exception&) {
+    return "";
   }
 }
 

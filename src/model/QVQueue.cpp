@@ -211,6 +211,16 @@ std::string QVQueue::toJson() const {
   try {
     return writeJson();
   } catch (const std::exception&) {
+    // Out of memory: still a payload, never an empty body.
+    return emptyPayload(serialNumber());
+  }
+}
+
+std::string QVQueue::emptyPayload(int32_t serial) {
+  try {
+    return R"({"messageVersion":"6.0.0.0","serialNumber":)" + std::to_string(serial) +
+           R"(,"sessions":[]})";
+  } catch (const std::exception&) {
     return "";
   }
 }
@@ -232,9 +242,15 @@ std::string QVQueue::writeJson() const {
   out += R"(,"sessions":[)";
   bool first = true;
   for (const auto& session : sessions) {
+    // A session always writes, bad values mended; only running out of
+    // memory leaves one out, and the others still go.
+    const std::size_t before = out.size();
     if (!first) out += ',';
-    first = false;
-    if (!session->appendJson(out)) return "";
+    if (session->appendJson(out)) {
+      first = false;
+    } else {
+      out.resize(before);
+    }
   }
   out += "]}";
   return out;

@@ -1,11 +1,10 @@
 #include "qvcore/model/QVSession.h"
 
-#include <charconv>
-#include <cmath>
 #include <exception>
 #include <string_view>
 #include <utility>
 
+#include "model/QVJsonWriter.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVClientEnvironment.h"
@@ -16,20 +15,6 @@ namespace qv {
 
 namespace {
 
-// Raised when a value met on the way cannot be written as JSON.
-struct NotJson {};
-
-// Text the JSON writer copies as it is: printable ASCII with nothing to
-// escape. Most keys and values of a payload are such text, and copying it
-// skips the writer's byte-by-byte UTF-8 check.
-bool isPlainText(std::string_view text) {
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte >= 0x7F || byte == '"' || byte == '\\') return false;
-  }
-  return true;
-}
-
 // ,"key": (the comma only after the first member); keys here are plain ASCII.
 void writeKey(std::string& out, bool& first, std::string_view key) {
   if (!first) out += ',';
@@ -37,13 +22,6 @@ void writeKey(std::string& out, bool& first, std::string_view key) {
   out += '"';
   out += key;
   out += "\":";
-}
-
-template <typename Integer>
-void appendInteger(std::string& out, Integer value) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-  out.append(digits, end);
 }
 
 // Room for the rest of a session's messages, judged by its first one, so
@@ -55,89 +33,14 @@ void reserveFor(std::string& out, std::size_t perMessage, std::size_t messages) 
 
 }  // namespace
 
-// Appends JSON text to one string, exactly as dump() would write it, but
-// refuses what dump() would change silently (NaN, infinity, binary data)
-// and, for a message, without walking its dictionary twice: the flat
-// members that make up most messages are checked as they are written.
+// The payload's writer: a value JSON cannot carry becomes null and text that
+// is not UTF-8 is mended, so that one module's bad value never empties the
+// payload that carries every other message.
 struct QVSession::Writer {
-  using Serializer = nlohmann::detail::serializer<QVValue>;
-
-  explicit Writer(std::string& text)
-      : out(text),
-        serializer(nlohmann::detail::output_adapter<char, std::string>(text), ' ',
-                   QVValue::error_handler_t::strict) {}
-
-  // Any value; throws NotJson for one JSON cannot carry, and the
-  // serializer's exception for text that is not UTF-8.
-  void value(const QVValue& v) {
-    if (!QVCoreExtensions::isJsonCapable(v)) throw NotJson{};
-    serializer.dump(v, false, false, 0);
-  }
-
-  // A message's dictionary, member by member.
-  void message(const QVValue& dict) {
-    if (!dict.is_object()) {
-      value(dict);
-      return;
-    }
-    out += '{';
-    bool first = true;
-    for (const auto& [name, member] : dict.get_ref<const QVValue::object_t&>()) {
-      if (!first) out += ',';
-      first = false;
-      key(name);
-      out += ':';
-      flatValue(member);
-    }
-    out += '}';
-  }
+  explicit Writer(std::string& text) : out(text), json(text, QVJsonWriter::Unwritable::kNull) {}
 
   std::string& out;
-  Serializer serializer;
-
- private:
-  void quoted(const std::string& s) {
-    out += '"';
-    out += s;
-    out += '"';
-  }
-
-  void key(const std::string& s) {
-    if (isPlainText(s)) {
-      quoted(s);
-    } else {
-      serializer.dump(QVValue(s), false, false, 0);
-    }
-  }
-
-  // Scalars written directly where the text is bound to be the same;
-  // containers and floating-point numbers go through the full check.
-  void flatValue(const QVValue& v) {
-    switch (v.type()) {
-      case QVValue::value_t::string:
-        if (isPlainText(v.get_ref<const std::string&>())) {
-          quoted(v.get_ref<const std::string&>());
-        } else {
-          serializer.dump(v, false, false, 0);
-        }
-        return;
-      case QVValue::value_t::number_integer:
-        appendInteger(out, v.get_ref<const QVValue::number_integer_t&>());
-        return;
-      case QVValue::value_t::number_unsigned:
-        appendInteger(out, v.get_ref<const QVValue::number_unsigned_t&>());
-        return;
-      case QVValue::value_t::boolean:
-        out += v.get_ref<const QVValue::boolean_t&>() ? "true" : "false";
-        return;
-      case QVValue::value_t::null:
-        out += "null";
-        return;
-      default:
-        value(v);
-        return;
-    }
-  }
+  QVJsonWriter json;
 };
 
 QVSession::QVSession()
@@ -227,8 +130,7 @@ bool QVSession::appendJson(std::string& out) const {
     writeMembers(writer);
     return true;
   } catch (...) {
-    // Not JSON (a non-finite number, binary data, text that is not UTF-8),
-    // or out of memory: the caller's whole text is void.
+    // Out of memory: the session is left out, the text as it was.
     out.resize(start);
     return false;
   }
@@ -250,7 +152,7 @@ void QVSession::writeMembers(Writer& writer) const {
   out += '{';
   if (id) {
     writeKey(out, first, "id");
-    writer.value(QVValue(std::move(*id)));
+    writer.json.string(*id);
   }
   writeKey(out, first, "startTime");
   out += std::to_string(static_cast<int64_t>(startTime_));
@@ -263,7 +165,7 @@ void QVSession::writeMembers(Writer& writer) const {
     return;
   }
   writeKey(out, first, "clientEnvironment");
-  writer.value(environment);
+  writer.json.value(environment);
   const std::size_t beforeMessages = out.size();
   writeKey(out, first, "messages");
   if (!writeMessages(writer)) {
@@ -273,7 +175,7 @@ void QVSession::writeMembers(Writer& writer) const {
   }
   if (coreID) {
     writeKey(out, first, "QVCoreSessionID");
-    writer.value(QVValue(std::move(*coreID)));
+    writer.json.string(*coreID);
   }
   out += '}';
 }
@@ -295,13 +197,13 @@ bool QVSession::writeMessages(Writer& writer) const {
     }
     if (first) {
       const std::size_t before = out.size();
-      writer.message(dict);
+      writer.json.value(dict);
       reserveFor(out, out.size() - before + 1, list->size());
       first = false;
       continue;
     }
     out += ',';
-    writer.message(dict);
+    writer.json.value(dict);
   }
   out += ']';
   return true;

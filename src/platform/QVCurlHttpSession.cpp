@@ -1,17 +1,29 @@
 #include "platform/QVCurlHttpSession.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
 #include <stdlib.h>
 #include <strings.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
+#include <chrono>
 #include <climits>
 #include <cmath>
+#include <ctime>
 #include <map>
 #include <mutex>
 #include <string_view>
 #include <vector>
+
+#include "qvcore/platform/QVFileSystem.h"
 
 namespace qv {
 
@@ -22,6 +34,13 @@ constexpr double kDefaultTimeoutSeconds = 60.0;
 constexpr int kIdlePollMilliseconds = 10000;
 // A PEM file of certificates to trust instead of libcurl's default bundle.
 constexpr const char* kCaBundleVariable = "QVCORE_CA_BUNDLE";
+// The persistent cookies, in the application's data folder.
+constexpr const char* kCookieFileName = "QVCoreCookies.txt";
+constexpr size_t kMaxCookieFileBytes = 1 << 20;
+constexpr mode_t kCookieFileMode = 0600;
+constexpr mode_t kCookieFolderMode = 0700;
+
+using Clock = std::chrono::steady_clock;
 
 bool sameName(std::string_view a, std::string_view b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -60,6 +79,14 @@ struct Transfer {
   QVHttpResponse response;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   CURLcode setupResult = CURLE_OK;
+  // The transfer fails once no byte has moved either way for idleLimit.
+  std::chrono::milliseconds idleLimit{0};
+  Clock::time_point lastMoved;
+  curl_off_t sent = 0;
+  curl_off_t received = 0;
+  int queued = 0;  // bytes in the socket's send queue at the last look
+  bool usesCookies = false;
+  bool sawSetCookie = false;
 
   Transfer() = default;
   Transfer(const Transfer&) = delete;
@@ -75,6 +102,10 @@ struct Transfer {
 size_t onHeader(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   const std::string_view line(data, size * count);
+  transfer->lastMoved = Clock::now();
+  if (line.size() >= 11 && ::strncasecmp(line.data(), "Set-Cookie:", 11) == 0) {
+    transfer->sawSetCookie = true;
+  }
   if (line.starts_with("HTTP/")) {
     transfer->response.headers.clear();
   } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
@@ -86,6 +117,79 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
 
 // Nothing in the core reads a response's body.
 size_t onBody(char*, size_t size, size_t count, void*) { return size * count; }
+
+// Notes when bytes last moved; the callback thread ends a transfer that has
+// been still for too long (a slow link that keeps moving is never cut).
+// libcurl counts the bytes it hands to the socket, so this sees a body move
+// up only until the kernel's send queue has taken the rest of it.
+int onProgress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
+  auto* transfer = static_cast<Transfer*>(user);
+  if (received != transfer->received || sent != transfer->sent) {
+    transfer->received = received;
+    transfer->sent = sent;
+    transfer->lastMoved = Clock::now();
+  }
+  return 0;
+}
+
+// The sockets libcurl holds open for a session's connections, which outlive
+// single transfers (connections are kept for reuse). Only libcurl's calls on
+// the callback thread, and the multi handle's cleanup, change the list.
+using SocketList = std::vector<curl_socket_t>;
+
+int onSocketOpened(void* user, curl_socket_t socket, curlsocktype purpose) {
+  try {
+    if (purpose == CURLSOCKTYPE_IPCXN) static_cast<SocketList*>(user)->push_back(socket);
+  } catch (const std::exception&) {
+    // Out of memory: only the queue's drain goes unseen on this socket.
+  }
+  return CURL_SOCKOPT_OK;
+}
+
+int onSocketClose(void* user, curl_socket_t socket) {
+  std::erase(*static_cast<SocketList*>(user), socket);
+  return ::close(socket);
+}
+
+long portOf(curl_socket_t socket, bool peer) {
+  sockaddr_storage address{};
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  if ((peer ? ::getpeername(socket, raw, &length) : ::getsockname(socket, raw, &length)) != 0) {
+    return -1;
+  }
+  if (address.ss_family == AF_INET) return ntohs(reinterpret_cast<sockaddr_in*>(raw)->sin_port);
+  if (address.ss_family == AF_INET6) return ntohs(reinterpret_cast<sockaddr_in6*>(raw)->sin6_port);
+  return -1;
+}
+
+// The open socket whose two ports are those of the transfer's connection.
+curl_socket_t socketOf(const Transfer& transfer, const SocketList& sockets) {
+  long local = 0, remote = 0;
+  if (curl_easy_getinfo(transfer.easy, CURLINFO_LOCAL_PORT, &local) != CURLE_OK ||
+      curl_easy_getinfo(transfer.easy, CURLINFO_PRIMARY_PORT, &remote) != CURLE_OK || local <= 0) {
+    return CURL_SOCKET_BAD;
+  }
+  for (const curl_socket_t socket : sockets) {
+    if (portOf(socket, false) == local && portOf(socket, true) == remote) return socket;
+  }
+  return CURL_SOCKET_BAD;
+}
+
+// The rest of an upload leaves from the kernel's send queue, which may hold
+// megabytes: a queue that shrinks is a link that moves. Looked at only when
+// libcurl has seen nothing move for a while.
+void noteQueueDrain(Transfer& transfer, const SocketList& sockets, Clock::time_point now) {
+  if (now - transfer.lastMoved < transfer.idleLimit / 10) return;
+  const curl_socket_t socket = socketOf(transfer, sockets);
+  int queued = 0;
+  if (socket == CURL_SOCKET_BAD || ::ioctl(socket, SIOCOUTQ, &queued) != 0 ||
+      queued == transfer.queued) {
+    return;
+  }
+  transfer.queued = queued;
+  transfer.lastMoved = now;
+}
 
 bool appendHeader(Transfer& transfer, const std::string& line) {
   curl_slist* extended = curl_slist_append(transfer.headers, line.c_str());
@@ -165,10 +269,25 @@ void setPeerVerification(Setup& setup, const std::string& caBundle) {
   if (!caBundle.empty()) setup.set(CURLOPT_CAINFO, caBundle.c_str());
 }
 
+// What every transfer of one session shares.
+struct SessionParts {
+  CURLSH* share;
+  const std::string& caBundle;
+  SocketList* sockets;
+};
+
+void setSocketWatch(Setup& setup, SocketList* sockets) {
+  setup.set(CURLOPT_SOCKOPTFUNCTION, &onSocketOpened);
+  setup.set(CURLOPT_SOCKOPTDATA, sockets);
+  setup.set(CURLOPT_CLOSESOCKETFUNCTION, &onSocketClose);
+  setup.set(CURLOPT_CLOSESOCKETDATA, sockets);
+}
+
 std::unique_ptr<Transfer> makeTransfer(const QVMutableURLRequest& request,
                                        std::shared_ptr<const std::string> body, bool sendsBody,
-                                       QVHttpSession::CompletionHandler completion, CURLSH* share,
-                                       const std::string& caBundle) {
+                                       QVHttpSession::CompletionHandler completion,
+                                       const SessionParts& session) {
+  CURLSH* share = session.share;
   auto transfer = std::make_unique<Transfer>();
   transfer->completion = std::move(completion);
   transfer->body = std::move(body);
@@ -183,15 +302,21 @@ std::unique_ptr<Transfer> makeTransfer(const QVMutableURLRequest& request,
   setup.set(CURLOPT_PROTOCOLS_STR, "http,https");
   setup.set(CURLOPT_NOSIGNAL, 1L);
   setup.set(CURLOPT_FOLLOWLOCATION, 0L);
-  setPeerVerification(setup, caBundle);
-  setup.set(CURLOPT_TIMEOUT_MS, QVCurlHttpSession::timeoutMilliseconds(request.timeoutInterval()));
+  setPeerVerification(setup, session.caBundle);
+  setSocketWatch(setup, session.sockets);
+  transfer->idleLimit =
+      std::chrono::milliseconds(QVCurlHttpSession::timeoutMilliseconds(request.timeoutInterval()));
+  setup.set(CURLOPT_NOPROGRESS, 0L);
+  setup.set(CURLOPT_XFERINFOFUNCTION, &onProgress);
+  setup.set(CURLOPT_XFERINFODATA, transfer.get());
   setup.set(CURLOPT_ERRORBUFFER, transfer->errorBuffer);
   setup.set(CURLOPT_HEADERFUNCTION, &onHeader);
   setup.set(CURLOPT_HEADERDATA, transfer.get());
   setup.set(CURLOPT_WRITEFUNCTION, &onBody);
   if (request.HTTPShouldHandleCookies() && share) {
     setup.set(CURLOPT_SHARE, share);
-    setup.set(CURLOPT_COOKIEFILE, "");  // the cookie engine, in memory only
+    setup.set(CURLOPT_COOKIEFILE, "");  // the cookie engine, with no file of its own
+    transfer->usesCookies = true;
   }
   setHeaders(setup, *transfer, request, sendsBody);
   setMethodAndBody(setup, *transfer, method, sendsBody);
@@ -219,6 +344,48 @@ std::string caBundleFromEnvironment() {
   return path ? path : "";
 }
 
+std::string cookieFileInHome() {
+  const std::string home = QVFileSystem::homeDirectory();
+  return home.empty() ? "" : QVFileSystem::stringByAppendingPathComponent(home, kCookieFileName);
+}
+
+// A line of libcurl's cookie list (Netscape format: domain, subdomains, path,
+// secure, expiry, name, value, tab-separated) for a cookie that outlives the
+// process: one whose expiry is still ahead. Expiry 0 marks a session cookie,
+// which stays in memory only. Anything else (a comment, one of libcurl's
+// list commands) is not a cookie to keep.
+bool isPersistentCookie(std::string_view line, int64_t now) {
+  size_t start = 0;
+  for (int field = 0; field < 4; ++field) {
+    start = line.find('\t', start);
+    if (start == std::string_view::npos) return false;
+    ++start;
+  }
+  const size_t end = line.find('\t', start);
+  if (end == std::string_view::npos || line.find('\t', end + 1) == std::string_view::npos) {
+    return false;
+  }
+  int64_t expiry = 0;
+  const auto [stop, error] = std::from_chars(line.data() + start, line.data() + end, expiry);
+  return error == std::errc() && stop == line.data() + end && expiry > now;
+}
+
+// The persistent cookies of the store the transfer used, sorted so that two
+// lists compare equal whatever order libcurl keeps them in.
+std::optional<std::vector<std::string>> persistentCookies(CURL* easy) {
+  curl_slist* list = nullptr;
+  if (curl_easy_getinfo(easy, CURLINFO_COOKIELIST, &list) != CURLE_OK) return std::nullopt;
+  const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> owned(list,
+                                                                          &curl_slist_free_all);
+  std::vector<std::string> lines;
+  const int64_t now = std::time(nullptr);
+  for (const curl_slist* item = list; item; item = item->next) {
+    if (isPersistentCookie(item->data, now)) lines.emplace_back(item->data);
+  }
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
 void initialiseCurl() {
   static std::once_flag once;
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
@@ -235,8 +402,7 @@ class QVCurlHttpSession::Engine {
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
-  CURLSH* share() const { return share_; }
-  const std::string& caBundle() const { return caBundle_; }
+  SessionParts parts() { return SessionParts{share_, caBundle_, &sockets_}; }
   void submit(std::unique_ptr<Transfer> transfer);
   void stop();
   void run();
@@ -248,6 +414,10 @@ class QVCurlHttpSession::Engine {
   bool takeNewTransfers();
   void start(std::unique_ptr<Transfer> transfer);
   void finishDoneTransfers();
+  void finishIdleTransfers();
+  int pollMilliseconds() const;
+  void loadCookies();
+  void saveCookies(const Transfer& transfer);
   void finish(std::unique_ptr<Transfer> transfer, CURLcode result);
   void cancelAll();
 
@@ -256,6 +426,8 @@ class QVCurlHttpSession::Engine {
   std::array<std::mutex, CURL_LOCK_DATA_LAST> shareLocks_;
   // Read once, so the trusted certificates do not change under a session.
   const std::string caBundle_ = caBundleFromEnvironment();
+  // Where the persistent cookies are kept; none without a data folder.
+  const std::string cookieFile_ = cookieFileInHome();
 
   std::mutex mutex_;  // guards incoming_ and stopping_
   std::vector<std::unique_ptr<Transfer>> incoming_;
@@ -263,6 +435,10 @@ class QVCurlHttpSession::Engine {
 
   // Only the callback thread touches these.
   std::map<CURL*, std::unique_ptr<Transfer>> running_;
+  // The persistent cookies as the file holds them, sorted.
+  std::vector<std::string> savedCookies_;
+  // Until the multi handle's cleanup, which closes the kept connections.
+  SocketList sockets_;
 };
 
 QVCurlHttpSession::Engine::Engine() {
@@ -313,13 +489,89 @@ void QVCurlHttpSession::Engine::stop() {
 
 void QVCurlHttpSession::Engine::run() {
   if (!multi_) return;
+  loadCookies();
   while (takeNewTransfers()) {
     int active = 0;
     curl_multi_perform(multi_, &active);
     finishDoneTransfers();
-    curl_multi_poll(multi_, nullptr, 0, kIdlePollMilliseconds, nullptr);
+    finishIdleTransfers();
+    curl_multi_poll(multi_, nullptr, 0, pollMilliseconds(), nullptr);
   }
   cancelAll();
+}
+
+// Transfers that moved no byte for their whole idle limit fail as timed
+// out, whatever phase they are in (connecting included).
+void QVCurlHttpSession::Engine::finishIdleTransfers() {
+  const Clock::time_point now = Clock::now();
+  std::vector<std::unique_ptr<Transfer>> idle;
+  for (auto it = running_.begin(); it != running_.end();) {
+    noteQueueDrain(*it->second, sockets_, now);
+    if (now - it->second->lastMoved < it->second->idleLimit) {
+      ++it;
+      continue;
+    }
+    curl_multi_remove_handle(multi_, it->first);
+    idle.push_back(std::move(it->second));
+    it = running_.erase(it);
+  }
+  for (auto& transfer : idle) finish(std::move(transfer), CURLE_OPERATION_TIMEDOUT);
+}
+
+// Wakes the thread when the first idle limit may run out, and ten times a
+// limit, since nothing else tells when a send queue drains: a stall is then
+// seen within a tenth of the limit.
+int QVCurlHttpSession::Engine::pollMilliseconds() const {
+  auto wait = std::chrono::milliseconds(kIdlePollMilliseconds);
+  const Clock::time_point now = Clock::now();
+  for (const auto& [easy, transfer] : running_) {
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(transfer->lastMoved +
+                                                             transfer->idleLimit - now);
+    left = std::min(left, std::max(transfer->idleLimit / 10, std::chrono::milliseconds(1)));
+    wait = std::min(wait, std::max(left, std::chrono::milliseconds(1)));
+  }
+  return static_cast<int>(wait.count());
+}
+
+// On the callback thread before any transfer starts, so that the first
+// request after a restart already carries the kept cookies.
+void QVCurlHttpSession::Engine::loadCookies() {
+  if (cookieFile_.empty() || !share_) return;
+  const auto text = QVFileSystem::contentsAtPath(cookieFile_, kMaxCookieFileBytes);
+  if (!text) return;
+  CURL* easy = curl_easy_init();
+  if (!easy) return;
+  curl_easy_setopt(easy, CURLOPT_SHARE, share_);
+  const int64_t now = std::time(nullptr);
+  std::string_view rest = *text;
+  while (!rest.empty()) {
+    const size_t end = std::min(rest.find('\n'), rest.size());
+    const std::string line(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+    if (!isPersistentCookie(line, now)) continue;
+    if (curl_easy_setopt(easy, CURLOPT_COOKIELIST, line.c_str()) == CURLE_OK) {
+      savedCookies_.push_back(line);
+    }
+  }
+  curl_easy_cleanup(easy);
+  std::sort(savedCookies_.begin(), savedCookies_.end());
+}
+
+// Only a response that set cookies can have changed the persistent ones,
+// and the file is written only when they did change.
+void QVCurlHttpSession::Engine::saveCookies(const Transfer& transfer) {
+  if (cookieFile_.empty() || !transfer.usesCookies || !transfer.sawSetCookie || !transfer.easy) {
+    return;
+  }
+  auto lines = persistentCookies(transfer.easy);
+  if (!lines || *lines == savedCookies_) return;
+  std::string text;
+  for (const std::string& line : *lines) text += line + "\n";
+  const std::string folder = QVFileSystem::stringByDeletingLastPathComponent(cookieFile_);
+  if (!QVFileSystem::createDirectoryAtPath(folder, kCookieFolderMode)) return;
+  if (QVFileSystem::writeAtomically(cookieFile_, text, kCookieFileMode)) {
+    savedCookies_ = std::move(*lines);
+  }
 }
 
 bool QVCurlHttpSession::Engine::takeNewTransfers() {
@@ -345,6 +597,7 @@ void QVCurlHttpSession::Engine::start(std::unique_ptr<Transfer> transfer) {
     return;
   }
   CURL* easy = transfer->easy;
+  transfer->lastMoved = Clock::now();
   running_.emplace(easy, std::move(transfer));
 }
 
@@ -365,6 +618,11 @@ void QVCurlHttpSession::Engine::finishDoneTransfers() {
 }
 
 void QVCurlHttpSession::Engine::finish(std::unique_ptr<Transfer> transfer, CURLcode result) {
+  try {
+    saveCookies(*transfer);
+  } catch (const std::exception&) {
+    // Out of memory: the cookies stay in memory, the outcome still goes.
+  }
   std::optional<QVHttpResponse> response;
   long status = 0;
   if (transfer->easy &&
@@ -419,8 +677,8 @@ QVCurlHttpSession::~QVCurlHttpSession() {
 void QVCurlHttpSession::uploadTaskWithRequest(const QVMutableURLRequest& request,
                                               std::shared_ptr<const std::string> body,
                                               CompletionHandler completion) {
-  engine_->submit(makeTransfer(request, std::move(body), true, std::move(completion),
-                               engine_->share(), engine_->caBundle()));
+  engine_->submit(
+      makeTransfer(request, std::move(body), true, std::move(completion), engine_->parts()));
 }
 
 void QVCurlHttpSession::dataTaskWithRequest(const QVMutableURLRequest& request,
@@ -428,7 +686,7 @@ void QVCurlHttpSession::dataTaskWithRequest(const QVMutableURLRequest& request,
   const std::string& method = request.HTTPMethod();
   const bool sendsBody = method != "GET" && method != "HEAD" && !method.empty();
   engine_->submit(makeTransfer(request, sendsBody ? request.HTTPBody() : nullptr, sendsBody,
-                               std::move(completion), engine_->share(), engine_->caBundle()));
+                               std::move(completion), engine_->parts()));
 }
 
 long QVCurlHttpSession::timeoutMilliseconds(double seconds) {

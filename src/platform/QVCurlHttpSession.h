@@ -10,9 +10,21 @@ namespace qv {
 // The HTTP session on libcurl: one multi handle driven by one callback
 // thread, which runs every transfer and calls every completion. Starting a
 // task from any thread hands the prepared transfer to that thread and wakes
-// it (curl_multi_wakeup). Cookies live in memory in a share handle that all
+// it (curl_multi_wakeup). Cookies live in a share handle that all
 // transfers of the session use; as easy handles are set up on the calling
 // thread, the share carries lock callbacks.
+//
+// Cookies with an expiry outlive the process: they are kept in
+// "QVCoreCookies.txt" in the application's data folder (libcurl's
+// Netscape lines, mode 0600, the folder made 0700), read when the session
+// starts and written by the callback thread after a response that set
+// cookies, when the persistent ones changed. Session cookies stay in
+// memory. The file's place is fixed when the session is made.
+//
+// The request's time-out limits how long a transfer may go without moving
+// a byte either way (connecting included), not the whole transfer: a slow
+// link that keeps moving is never cut, a stalled one fails as timed out
+// (CURLE_OPERATION_TIMEDOUT) about the time-out after its last byte.
 //
 // What goes on the wire is the request, and libcurl adds only what HTTP
 // needs: "Host" and, for a body, "Content-Length" when the request has none.
@@ -44,7 +56,7 @@ class QVCurlHttpSession : public QVHttpSession {
   void dataTaskWithRequest(const QVMutableURLRequest& request,
                            CompletionHandler completion) override;
 
-  // The time-out libcurl is given, in milliseconds: the request's seconds
+  // The idle time-out of a transfer, in milliseconds: the request's seconds
   // rounded up, 60 s when not positive, at most 2^31-1 ms.
   static long timeoutMilliseconds(double seconds);
 

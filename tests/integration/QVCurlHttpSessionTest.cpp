@@ -1,11 +1,15 @@
 #include "platform/QVCurlHttpSession.h"
 
+#include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <climits>
 #include <cmath>
 #include <future>
 
+#include "qvcore/platform/QVFileSystem.h"
+#include "support/QVTempFolder.h"
 #include "support/QVTestHttpServer.h"
 
 namespace qv {
@@ -40,6 +44,58 @@ TEST_F(QVCurlHttpSessionTest, TimeOutIsTheRequestsSecondsRoundedUpAndAlwaysBound
   EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(0), 60000);
   EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(NAN), 60000);
   EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(INFINITY), INT_MAX);
+}
+
+// A slow upload that keeps moving outlasts the time-out and succeeds; a
+// transfer with nothing moving fails as timed out.
+TEST_F(QVCurlHttpSessionTest, TimeOutLimitsTheTimeWithoutProgressNotTheWholeTransfer) {
+  test::QVTestHttpServer slowReader(4096);
+  slowReader.addReply(test::QVTestReply::of(test::QVTestReply::Kind::kTrickle));
+  slowReader.addReply(test::QVTestReply::of(test::QVTestReply::Kind::kStall));
+  QVCurlHttpSession session;
+  QVMutableURLRequest request(slowReader.url("/slow"));
+  request.setHTTPMethod("POST");
+  request.setTimeoutInterval(0.3);
+  // About 24 reads 40 ms apart: several times the time-out in all.
+  const auto body = std::make_shared<const std::string>(24 * test::QVTestReply::kTrickleBytes, 'x');
+  request.setHTTPBody(body);
+  const Outcome slow = await(send(session, request));
+  EXPECT_FALSE(slow.error) << slow.error->message;
+  ASSERT_TRUE(slow.response);
+  EXPECT_EQ(slow.response->statusCode, 200);
+  EXPECT_EQ(slowReader.request(0).body.size(), body->size());
+
+  const Outcome stalled = await(send(session, request));
+  ASSERT_TRUE(stalled.error);
+  EXPECT_EQ(stalled.error->code, CURLE_OPERATION_TIMEDOUT);
+  EXPECT_FALSE(stalled.response);
+}
+
+// Cookies with an expiry survive a restart in the data folder; session
+// cookies do not.
+TEST_F(QVCurlHttpSessionTest, PersistentCookiesAreKeptInTheDataFolderAcrossARestart) {
+  test::QVTempFolder folder;
+  QVFileSystem::setHomeDirectory(folder.at("home"));
+  server_.addReply(test::QVTestReply::answer(
+      200, {{"Set-Cookie", "kept=1; Max-Age=3600; Path=/"}, {"Set-Cookie", "temp=2; Path=/"}}));
+  {
+    QVCurlHttpSession first;
+    await(send(first, QVMutableURLRequest(server_.url("/set"))));
+    await(send(first, QVMutableURLRequest(server_.url("/same"))));
+    const std::string both = server_.request(1).header("Cookie").value_or("");
+    EXPECT_TRUE(both == "kept=1; temp=2" || both == "temp=2; kept=1") << both;
+  }
+  struct stat file {
+  }, home{};
+  ASSERT_EQ(::stat(folder.at("home/QVCoreCookies.txt").c_str(), &file), 0);
+  ASSERT_EQ(::stat(folder.at("home").c_str(), &home), 0);
+  EXPECT_EQ(file.st_mode & 0777, 0600u);
+  EXPECT_EQ(home.st_mode & 0777, 0700u);
+
+  QVCurlHttpSession restarted;
+  await(send(restarted, QVMutableURLRequest(server_.url("/after"))));
+  EXPECT_EQ(server_.request(2).header("Cookie").value_or(""), "kept=1");
+  QVFileSystem::setHomeDirectory("");
 }
 
 TEST_F(QVCurlHttpSessionTest, UnsafeHeadersAreLeftOutAndCookieHandlingCanBeOff) {

@@ -2,6 +2,7 @@
 // 127.0.0.1: what arrives on the wire, and how every outcome is reported.
 #include <gtest/gtest.h>
 
+#include "QVCollectorDecoder.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/queue/QVServerConnection.h"
 #include "support/QVConnectionTestSupport.h"
@@ -13,6 +14,19 @@ namespace {
 
 using Headers = std::vector<std::pair<std::string, std::string>>;
 using test::QVTestReply;
+
+class FieldsMessage : public QVMessage {
+ public:
+  explicit FieldsMessage(QVValue fields) : fields_(std::move(fields)) {}
+  QVValue jsonDictionary() const override {
+    QVValue dict = QVMessage::jsonDictionary();
+    QVValues::addEntriesFromDictionary(dict, fields_);
+    return dict;
+  }
+
+ private:
+  QVValue fields_;
+};
 
 class QVServerConnectionIntegrationTest : public ::testing::Test {
  protected:
@@ -37,9 +51,9 @@ class QVServerConnectionIntegrationTest : public ::testing::Test {
     connection_->postQueueToURL(queue, url->get<std::string>());
   }
   // Posts and waits for the outcome; true for success.
-  bool postAndWait(std::string json) {
+  bool postAndWait(std::string json) { return postAndWait(queue(std::move(json))); }
+  bool postAndWait(const std::shared_ptr<QVQueue>& posted) {
     const size_t before = delegate_->outcomes().size();
-    auto posted = queue(std::move(json));
     post(posted);
     EXPECT_TRUE(delegate_->waitForOutcomes(before + 1));
     const auto outcomes = delegate_->outcomes();
@@ -94,6 +108,48 @@ TEST_F(QVServerConnectionIntegrationTest, UrlEncodedPostIsABodilessGetWithOnlyIt
                                    {"User-Agent", userAgent()},
                                    {"X-QVCORE", "Lib/2.0.0.81"}}));
   EXPECT_TRUE(sent.body.empty());
+}
+
+// Text that is not UTF-8 in one message or a session ID costs neither the
+// other messages nor the body; whole floats travel as integers.
+TEST_F(QVServerConnectionIntegrationTest, OneBadMessageLeavesTheOthersAndNumbersAreWrittenPlain) {
+  auto live = QVQueue::initForModule(module_);
+  live->postMessageToSessionID(std::make_shared<FieldsMessage>(QVValue{{"screen", "Home"}}), "S1");
+  live->postMessageToSessionID(std::make_shared<FieldsMessage>(QVValue{{"screen", "bad\xFF!"}}),
+                               "S1");
+  live->postMessageToSessionID(
+      std::make_shared<FieldsMessage>(QVValue{{"w", 2.0}, {"f", 0.1}, {"e", 1e300}, {"z", -0.0}}),
+      "S\xC3");
+  EXPECT_TRUE(postAndWait(live));
+
+  const std::string body = server_.request(0).body;
+  const QVValue payload = QVValue::parse(body, nullptr, false);
+  ASSERT_TRUE(payload.is_object()) << body;
+  ASSERT_EQ(payload["sessions"].size(), 2u);
+  const QVValue& first = payload["sessions"][0]["messages"];
+  ASSERT_EQ(first.size(), 2u);
+  EXPECT_EQ(first[0]["screen"], "Home");
+  EXPECT_EQ(first[1]["screen"], "bad\xEF\xBF\xBD!");
+  EXPECT_EQ(payload["sessions"][1]["id"], "S\xEF\xBF\xBD");
+  EXPECT_NE(body.find(R"("w":2,"f":0.1,"e":1e+300,"z":0})"), std::string::npos) << body;
+}
+
+// Nested values and null travel in the query as escaped JSON text, and the
+// collector reads them back.
+TEST_F(QVServerConnectionIntegrationTest, UrlEncodedPostCarriesNestedValuesAndNull) {
+  configureModule({{"URLEncoded", true}});
+  EXPECT_TRUE(
+      postAndWait(R"({"offset":1,"obj":{"k":"v&w/x"},"list":[1,"a b",2.0],"none":null,"w":2.0})"));
+
+  const auto sent = server_.request(0);
+  const collector::QVCollectorDecoded decoded =
+      collector::QVCollectorDecoder::decode({"GET", sent.path(), sent.query(), {}, ""});
+  EXPECT_EQ(decoded.problem, "");
+  ASSERT_TRUE(decoded.queryFields);
+  EXPECT_EQ(QVValue::parse(*decoded.queryFields),
+            QVValue::parse(R"({"offset":1,"obj":{"k":"v&w/x"},"list":[1,"a b",2],)"
+                           R"("none":null,"w":2})"));
+  EXPECT_NE(sent.query().find("&w=2"), std::string::npos) << sent.query();
 }
 
 TEST_F(QVServerConnectionIntegrationTest, CookiesFromTheServerReturnInOneLineWithTheModules) {

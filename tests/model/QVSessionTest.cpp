@@ -9,6 +9,7 @@
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVCoreHelper.h"
+#include "qvcore/model/QVCoreExtensions.h"
 #include "qvcore/model/QVSession.h"
 #include "qvcore/model/QVTestingListener.h"
 #include "qvcore/platform/QVDevice.h"
@@ -69,10 +70,11 @@ class ValueMessage : public QVMessage {
   QVValue members_;
 };
 
-// The text is the writer's own for the same tree, byte for byte, whatever
-// the members hold; and a session holding anything JSON cannot carry, at any
-// depth, writes nothing at all.
-TEST(QVSessionTest, TextIsTheDumpOfItsTreeOrNothing) {
+// The streamed text is the tree's JSON text, byte for byte, whatever the
+// members hold; what JSON cannot carry is written as null and text that is
+// not UTF-8 is mended, at any depth, so one bad value never costs the
+// session (and the payload) its other messages.
+TEST(QVSessionTest, TextIsTheTreesJsonWithBadValuesMended) {
   const QVValue members = {
       {"plain", "Home/Featured"},
       {"quote", "say \"hi\""},
@@ -96,21 +98,30 @@ TEST(QVSessionTest, TextIsTheDumpOfItsTreeOrNothing) {
   QVValue expected = session->jsonDictionary();
   // Read afresh at each serialisation, so taken from the text.
   expected["clientEnvironment"] = QVValue::parse(text)["clientEnvironment"];
-  EXPECT_EQ(text, expected.dump());
+  EXPECT_EQ(text, QVCoreExtensions::toJson(expected));
+  EXPECT_NE(text.find(R"("whole":3,)"), std::string::npos);
 
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  for (const QVValue& bad :
-       {QVValue{{"n", nan}}, QVValue{{"deep", {{"n", QVValue::array({1, -nan})}}}},
-        QVValue{{"i", std::numeric_limits<double>::infinity()}},
-        QVValue{{"b", QVValue::binary({1, 2})}}, QVValue{{"s", "bad \xC3\x28"}},
-        QVValue{{"bad \xFF", 1}}}) {
-    auto broken = QVSession::initWithSessionID("S2");
+  const std::pair<QVValue, QVValue> mended[] = {
+      {{{"n", nan}}, {{"n", nullptr}}},
+      {{{"deep", {{"n", QVValue::array({1, -nan})}}}}, {{"deep", {{"n", {1, nullptr}}}}}},
+      {{{"i", std::numeric_limits<double>::infinity()}}, {{"i", nullptr}}},
+      {{{"b", QVValue::binary({1, 2})}}, {{"b", nullptr}}},
+      {{{"s", "bad \xC3\x28"}}, {{"s", "bad \xEF\xBF\xBD("}}},
+      {{{"bad \xFF", 1}}, {{"bad \xEF\xBF\xBD", 1}}}};
+  for (const auto& [bad, written] : mended) {
+    auto broken = QVSession::initWithSessionID("S\xFE");
     broken->addMessage(std::make_shared<ValueMessage>(members));
     broken->addMessage(std::make_shared<ValueMessage>(bad));
-    std::string out = "kept";
-    EXPECT_FALSE(broken->appendJson(out))
-        << bad.dump(-1, ' ', false, QVValue::error_handler_t::replace);
-    EXPECT_EQ(out, "kept");
+    std::string out;
+    ASSERT_TRUE(broken->appendJson(out));
+    const QVValue read = QVValue::parse(out);
+    EXPECT_EQ(read["id"], "S\xEF\xBF\xBD");
+    ASSERT_EQ(read["messages"].size(), 2u);
+    EXPECT_EQ(read["messages"][0]["plain"], "Home/Featured");
+    QVValue expectedBad = {{"offset", read["messages"][1]["offset"]}};
+    expectedBad.update(written);
+    EXPECT_EQ(read["messages"][1], expectedBad) << out;
   }
 }
 

@@ -75,13 +75,12 @@ TEST_F(QVServerConnectionTest, ModuleHeadersComeLastReplaceFixedOnesAndSkipNonSc
 
 TEST_F(QVServerConnectionTest, PayloadsWithoutAUrlFormFailAtOnce) {
   test::configure(*module_, {{"URLEncoded", true}});
-  // An array, an empty dictionary, and a nested value whose compact JSON
-  // would put quotes and braces into the URL.
-  for (const char* json : {"[1,2]", "{}", R"({"d":{"x":1}})"}) {
+  // An array and an empty dictionary (a nested value travels escaped).
+  for (const char* json : {"[1,2]", "{}"}) {
     connection_->postQueueToURL(queue(json), url_);
     EXPECT_FALSE(connection_->isBusy());
   }
-  EXPECT_EQ(outcomes(), (std::vector{false, false, false}));
+  EXPECT_EQ(outcomes(), (std::vector{false, false}));
   EXPECT_EQ(session_->taskCount(), 0u);
 }
 

@@ -105,10 +105,14 @@ size_t QVRecordedRequest::headerCount(const std::string& name) const {
   return count;
 }
 
-QVTestHttpServer::QVTestHttpServer() {
+QVTestHttpServer::QVTestHttpServer(int receiveBufferBytes) {
   // Clients in this process (and its children) reach it directly.
   for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) ::unsetenv(name);
   listenFd_ = boundSocket(port_);
+  // Set before listening, so that accepted connections start with it.
+  if (receiveBufferBytes > 0) {
+    ::setsockopt(listenFd_, SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes, sizeof receiveBufferBytes);
+  }
   if (::listen(listenFd_, 16) != 0 || ::pipe2(stopPipe_, O_CLOEXEC) != 0) {
     throw std::runtime_error("listen");
   }
@@ -182,7 +186,7 @@ void QVTestHttpServer::handle(int fd) {
     resetOnClose(fd);
     return;
   }
-  if (!readBody(fd, *request)) return;
+  if (!readBody(fd, *request, nextReplyIs(QVTestReply::Kind::kTrickle))) return;
   {
     std::lock_guard lock(mutex_);
     requests_.push_back(*request);
@@ -191,6 +195,7 @@ void QVTestHttpServer::handle(int fd) {
   const QVTestReply reply = nextReply();
   switch (reply.kind) {
     case QVTestReply::Kind::kAnswer:
+    case QVTestReply::Kind::kTrickle:
       answer(fd, reply);
       break;
     case QVTestReply::Kind::kClose:
@@ -236,14 +241,16 @@ std::optional<QVRecordedRequest> QVTestHttpServer::readHead(int fd) {
   return request;
 }
 
-bool QVTestHttpServer::readBody(int fd, QVRecordedRequest& request) {
+bool QVTestHttpServer::readBody(int fd, QVRecordedRequest& request, bool slowly) {
   const size_t length =
       std::strtoull(request.header("Content-Length").value_or("0").c_str(), nullptr, 10);
   char buffer[65536];
+  const size_t piece = slowly ? QVTestReply::kTrickleBytes : sizeof buffer;
   request.body.reserve(length);
   while (request.body.size() < length) {
+    if (slowly) std::this_thread::sleep_for(QVTestReply::kTrickleGap);
     if (!waitReadable(fd, kIoBound)) return false;
-    const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+    const ssize_t n = ::recv(fd, buffer, piece, 0);
     if (n <= 0) return false;
     request.body.append(buffer, static_cast<size_t>(n));
   }

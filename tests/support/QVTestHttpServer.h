@@ -41,7 +41,12 @@ struct QVTestReply {
     // Read and record the whole request, send the status line, the headers
     // and part of the body, then reset: the client never gets the answer.
     kResetWhileAnswering,
+    // Read the body slowly but steadily, kTrickleBytes every kTrickleGap,
+    // then answer: a slow link that never stalls.
+    kTrickle,
   };
+  static constexpr size_t kTrickleBytes = 4096;
+  static constexpr std::chrono::milliseconds kTrickleGap{40};
   using Headers = std::vector<std::pair<std::string, std::string>>;
 
   static QVTestReply answer(int status, Headers headers = {}) {
@@ -59,10 +64,12 @@ struct QVTestReply {
 // request (headers in order, raw body) and answers from a list of replies,
 // then with 200. Constructing one unsets the proxy variables, so that clients
 // reach it directly. One connection at a time, each closed after its answer.
-// Every wait is bounded, so a test that goes wrong still ends.
+// Every wait is bounded, so a test that goes wrong still ends. A receive
+// buffer size, when given, keeps the kernel from taking in much more than
+// the server has read (a slow reader is then slow for the client too).
 class QVTestHttpServer {
  public:
-  QVTestHttpServer();
+  explicit QVTestHttpServer(int receiveBufferBytes = 0);
   ~QVTestHttpServer();
   QVTestHttpServer(const QVTestHttpServer&) = delete;
   QVTestHttpServer& operator=(const QVTestHttpServer&) = delete;
@@ -99,7 +106,7 @@ class QVTestHttpServer {
   void handle(int fd);
   // The head, with whatever part of the body came along with it.
   std::optional<QVRecordedRequest> readHead(int fd);
-  bool readBody(int fd, QVRecordedRequest& request);
+  bool readBody(int fd, QVRecordedRequest& request, bool slowly);
   bool nextReplyIs(QVTestReply::Kind kind) const;
   bool waitReadable(int fd, std::chrono::milliseconds bound) const;
   void answer(int fd, const QVTestReply& reply);

@@ -121,7 +121,8 @@ TEST(QVCollectorDecoderTest, UnreadableBodiesAreKeptAndMarkedWithTheReason) {
 }
 
 TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeFrom) {
-  // The library's own encoder: strings escaped, numbers and containers not.
+  // The library's own encoder: strings, nested containers and null escaped,
+  // numbers not.
   const QVValue payload = QVValue::parse(libraryPayload());
   const QVCollectorDecoded whole = get(QVCoreExtensions::urlEncodedString(payload));
   EXPECT_EQ(whole.kind, "urlencoded");
@@ -129,10 +130,11 @@ TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeF
   EXPECT_EQ(whole.messages, 3);
   EXPECT_EQ(QVValue::parse(*whole.queryFields), payload);
 
-  const QVValue message = {{"offset", 7},     {"name", "Home Page & more"},
-                           {"ul", "a/b?c"},   {"plus", "1+1=2"},
-                           {"accent", "é"},   {"zero", "007"},
-                           {"list", {1, "x"}}};
+  const QVValue message = {{"offset", 7},      {"name", "Home Page & more"},
+                           {"ul", "a/b?c"},    {"plus", "1+1=2"},
+                           {"accent", "é"},    {"zero", "007"},
+                           {"list", {1, "x"}}, {"obj", {{"k", "v&w/x=y"}}},
+                           {"none", nullptr}};
   const QVCollectorDecoded one = get(QVCoreExtensions::urlEncodedString(message));
   EXPECT_EQ(one.problem, "");
   EXPECT_EQ(one.messages, 1);

@@ -29,10 +29,4 @@ bool QVCollectorJsonScan::withinLimit(std::string_view text, size_t limit) {
   return walk(text, [limit](size_t depth) { return depth > limit; }) == std::string_view::npos;
 }
 
-size_t QVCollectorJsonScan::containerEnd(std::string_view text) {
-  if (text.empty() || (text.front() != '[' && text.front() != '{')) return std::string_view::npos;
-  const size_t close = walk(text, [](size_t depth) { return depth == 0; });
-  return close == std::string_view::npos ? close : close + 1;
-}
-
 }  // namespace qv::collector

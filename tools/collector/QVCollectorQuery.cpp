@@ -38,7 +38,7 @@ std::string QVCollectorQuery::percentDecode(std::string_view text) {
 QVCollectorQuery::Pairs QVCollectorQuery::pairs(std::string_view query) {
   Pairs result;
   while (!query.empty()) {
-    const size_t end = pairEnd(query);
+    const size_t end = query.find('&');
     const std::string_view pair = query.substr(0, end);
     query = end == std::string_view::npos ? std::string_view() : query.substr(end + 1);
     if (pair.empty()) continue;
@@ -48,18 +48,6 @@ QVCollectorQuery::Pairs QVCollectorQuery::pairs(std::string_view query) {
     result.emplace_back(percentDecode(pair.substr(0, equals)), percentDecode(value));
   }
   return result;
-}
-
-size_t QVCollectorQuery::pairEnd(std::string_view query) {
-  const size_t ampersand = query.find('&');
-  const size_t equals = query.substr(0, ampersand).find('=');
-  if (equals == std::string_view::npos) return ampersand;
-  // The library writes nested arrays and dictionaries as JSON without
-  // escaping, so an "&" inside their strings is not a separator: such a
-  // value runs to the bracket that closes it.
-  const size_t close = QVCollectorJsonScan::containerEnd(query.substr(equals + 1));
-  if (close == std::string_view::npos) return ampersand;
-  return query.find('&', equals + 1 + close);
 }
 
 QVValue QVCollectorQuery::dictionary(std::string_view query) {
@@ -85,6 +73,8 @@ QVValue QVCollectorQuery::typed(const std::string& text) {
     QVValue parsed = QVValue::parse(text, nullptr, false);
     if (!parsed.is_discarded()) return parsed;
   }
+  // The library writes null as its JSON text, like the nested containers.
+  if (text == "null") return QVValue(nullptr);
   if (isCanonicalInteger(text)) {
     try {
       if (text.front() == '-') return QVValue(std::stoll(text));

@@ -21,18 +21,19 @@ class QVCollectorQuery {
   static std::string percentDecode(std::string_view text);
 
   // The decoded pairs in the order sent. A pair without "=" has an empty
-  // value; empty pairs (from "&&" or a trailing "&") are skipped. A value
-  // that opens a JSON array or object ends where it closes, "&" or not.
+  // value; empty pairs (from "&&" or a trailing "&") are skipped. Every "&"
+  // separates: the library escapes it in strings and in nested containers.
   static Pairs pairs(std::string_view query);
 
   // The pairs as a dictionary in the order sent. Values are typed back the
-  // way the library wrote them: JSON arrays and objects (nested containers)
-  // and canonical integers become JSON; everything else stays text. A key
-  // sent more than once holds an array of its values.
+  // way the library wrote them: once percent-decoded, JSON arrays and
+  // objects (nested containers, sent as their escaped JSON text), "null" and
+  // canonical integers become JSON; everything else stays text. A string
+  // that reads as one of those comes back as it, since the query cannot tell
+  // them apart. A key sent more than once holds an array of its values.
   static QVValue dictionary(std::string_view query);
 
  private:
-  static size_t pairEnd(std::string_view query);
   static QVValue typed(const std::string& text);
   static bool isCanonicalInteger(const std::string& text);
 };

@@ -71,7 +71,10 @@ class QV_EXPORT QVQueue {
   // Each session's jsonDictionary(), in the order of the sessions.
   QVValue jsonSerializedSessions() const;
   QVValue jsonDictionary() const;
-  // The cached text when there is one, else the payload; empty on failure.
+  // The cached text when there is one, else the payload. The payload is
+  // never empty: values JSON cannot carry are written as null and text that
+  // is not UTF-8 has each bad sequence replaced by U+FFFD, so one module's
+  // bad value never empties the body that carries every other message.
   std::string toJson() const;
 
   // Drops the sessions that the last initWithQueue took (all of them when
@@ -105,6 +108,8 @@ class QV_EXPORT QVQueue {
   void insertLocked(const std::string& id, std::shared_ptr<QVSession> session);
   void reindexLocked();
   std::string writeJson() const;
+  // The payload of a queue without sessions.
+  static std::string emptyPayload(int32_t serial);
   std::shared_ptr<QVSession> lookUp(const std::optional<std::string>& sessionID, bool makeCurrent);
   // What became of a message offered to a session that already exists.
   enum class Filing { filed, refused, noSession, closed };

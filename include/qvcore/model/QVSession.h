@@ -62,10 +62,12 @@ class QV_EXPORT QVSession {
   // jsonDictionary() throws ends the dictionary with the keys set so far.
   QVValue jsonDictionary() const;
   std::string toJson() const;
-  // Appends the text of toJson() to out without building the session's tree
-  // (a queue's payload is written this way). False, with out as it was,
-  // when the session is not JSON text: a non-finite number, binary data or
-  // text that is not UTF-8 anywhere in it.
+  // Appends the JSON text of jsonDictionary() to out without building the
+  // session's tree (a queue's payload is written this way). Unlike toJson(),
+  // it always writes: NaN, infinity and binary data become null and each
+  // sequence that is not UTF-8 becomes U+FFFD, so one bad value costs
+  // itself, not the payload. False, with out as it was, only when memory
+  // runs out.
   bool appendJson(std::string& out) const;
 
   std::optional<std::string> coreSessionID() const;
