@@ -1,0 +1,74 @@
+// A long run of posts that fail before they leave (requests that cannot be
+// built) behind a slow post, over the real libcurl session: the HTTP
+// callback thread walks the whole run when the slow post ends, and must do
+// it on a stack of constant depth.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <set>
+#include <string>
+
+#include "qvcore/core/QVCore.h"
+#include "qvcore/platform/QVFileSystem.h"
+#include "qvcore/platform/QVRunLoop.h"
+#include "qvcore/queue/QVQueueService.h"
+#include "qvcore/queue/QVServerConnection.h"
+#include "support/QVQueueServiceTestSupport.h"
+#include "support/QVTestHost.h"
+#include "support/QVTestHttpServer.h"
+
+namespace qv {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Far more than a thread's default stack holds as nested calls.
+constexpr uint64_t kImmediateFailures = 30000;
+
+TEST(QVImmediateFailureChainTest, TensOfThousandsOfImmediateFailuresAreAllCachedWithoutACrash) {
+  test::QVTestHost host("com.example.chain");
+  test::QVTestHttpServer server;
+  server.addReply(test::QVTestReply::of(test::QVTestReply::Kind::kHoldThenAnswer));
+  host.writeCoreConfig({{"PostMessageLevelWiFi", 3},
+                        {"CompressPostMessage", false},
+                        {"HasToPersistLocalCache", true}});
+  host.defineModule("Slow", {{"PostMessageUrl", server.url("/collect")}});
+  // A space makes the URL invalid: every post of this module fails at once.
+  host.defineModule("Broken", {{"PostMessageUrl", server.url("/a b")}, {"URLEncoded", true}});
+  auto core = QVCore::sharedInstance();
+  auto service = QVQueueService::sharedInstance();
+  ASSERT_TRUE(core->enable());
+  ASSERT_TRUE(core->enableModule("Slow"));
+  ASSERT_TRUE(core->enableModule("Broken"));
+
+  ASSERT_TRUE(core->postMessageForModuleName(test::messageWithOffset(0), "Slow"));
+  core->flushQueues();
+  ASSERT_TRUE(server.waitForRequests(1));  // held: the chain waits behind it
+  for (uint64_t offset = 1; offset <= kImmediateFailures; ++offset) {
+    ASSERT_TRUE(core->postMessageForModuleName(test::messageWithOffset(offset), "Broken"));
+  }
+  core->flushQueues();
+  ASSERT_TRUE(QVRunLoop::main().runUntil(
+      [&] { return service->cachedQueues().size() == kImmediateFailures + 1; }, 60s));
+  server.release();
+  ASSERT_TRUE(
+      QVRunLoop::main().runUntil([&] { return service->completedFlushCycles() >= 1; }, 120s));
+
+  EXPECT_EQ(server.requests().size(), 1u) << "nothing but the slow post reached the wire";
+  const std::string folder = service->cachedQueuesDirectory();
+  const auto names = test::namesIn(folder);
+  EXPECT_EQ(names.size(), kImmediateFailures) << "one file a failed post";
+  std::set<uint64_t> cached;
+  for (const auto& name : names) {
+    const auto text = QVFileSystem::contentsAtPath(folder + "/" + name, 1 << 16);
+    const QVValue message = QVValue::parse(text.value_or(""), nullptr, false);
+    if (message.is_object() && message.contains("offset")) cached.insert(message["offset"]);
+  }
+  EXPECT_EQ(cached.size(), kImmediateFailures);
+  EXPECT_EQ(cached.empty() ? 0 : *cached.begin(), 1u);
+  EXPECT_EQ(cached.empty() ? 0 : *cached.rbegin(), kImmediateFailures);
+  core->disable();
+}
+
+}  // namespace
+}  // namespace qv
