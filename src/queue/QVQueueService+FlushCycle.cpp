@@ -130,22 +130,25 @@ void QVQueueService::continueFlush() {
   // from inside another on the same thread only asks the outer one to go
   // on, and the outer one loops: the same posts in the same order, on a
   // stack of constant depth.
-  thread_local const QVQueueService* running = nullptr;
-  thread_local bool goOn = false;
-  if (running == this) {
-    goOn = true;
+  struct Walk {
+    const QVQueueService* service;
+    bool goOn;
+  };
+  thread_local Walk* walking = nullptr;
+  if (walking && walking->service == this) {
+    walking->goOn = true;
     return;
   }
-  const QVQueueService* outer = running;
-  running = this;
+  Walk walk{this, true};
   struct Restore {
-    const QVQueueService* outer;
-    ~Restore() { running = outer; }
-  } restore{outer};
-  do {
-    goOn = false;
+    Walk* outer;
+    ~Restore() { walking = outer; }
+  } restore{walking};
+  walking = &walk;
+  while (walk.goOn) {
+    walk.goOn = false;
     offerHead();
-  } while (goOn);
+  }
 }
 
 void QVQueueService::offerHead() {

@@ -71,7 +71,7 @@ std::optional<std::string> urlEncodedQuery(const std::string& json, std::string&
   try {
     const QVValue payload = payloadOf(json);
     if (payload.is_discarded()) {
-      problem = "its payload is not JSON";
+      problem = "its payload is not JSON, or is nested too deeply";
     } else if (!payload.is_object()) {
       problem = "its payload is not a JSON dictionary";
     } else if (std::string query = QVCoreExtensions::urlEncodedString(payload); !query.empty()) {

@@ -8,8 +8,9 @@
 
 #include <chrono>
 #include <memory>
-#include <set>
+#include <numeric>
 #include <string>
+#include <vector>
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVFileSystem.h"
@@ -86,16 +87,18 @@ TEST(QVImmediateFailureChainTest, TensOfThousandsOfImmediateFailuresAreAllCached
   const std::string folder = service->cachedQueuesDirectory();
   const auto names = test::namesIn(folder);
   EXPECT_EQ(names.size(), kImmediateFailures) << "one file a failed post";
-  std::set<uint64_t> cached;
+  // Names carry the time of each failure: in name order, the posts' order.
+  std::vector<uint64_t> cached;
   for (const auto& name : names) {
     const auto text = QVFileSystem::contentsAtPath(folder + "/" + name, 1 << 16);
     const QVValue message = QVValue::parse(text.value_or(""), nullptr, false);
-    if (message.is_object() && message.contains("offset"))
-      cached.insert(message["offset"].get<uint64_t>());
+    if (message.is_object() && message.contains("offset")) {
+      cached.push_back(message["offset"].get<uint64_t>());
+    }
   }
-  EXPECT_EQ(cached.size(), kImmediateFailures);
-  EXPECT_EQ(cached.empty() ? 0 : *cached.begin(), 1u);
-  EXPECT_EQ(cached.empty() ? 0 : *cached.rbegin(), kImmediateFailures);
+  std::vector<uint64_t> posted(kImmediateFailures);
+  std::iota(posted.begin(), posted.end(), 1);
+  EXPECT_TRUE(cached == posted) << "every message, once, in the order posted";
   core->disable();
 }
 
