@@ -115,7 +115,10 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // nothing and leaves the queue where it is.
   void flushCachedQueue(const std::shared_ptr<QVQueue>& queue);
   // Posts the head of the send list, or reports QVCore flushCompleted when
-  // the list is empty.
+  // the list is empty. Heads whose posts fail before they leave are walked
+  // in a loop, not by recursion: a call from inside another on the same
+  // thread only tells the outer one to go on, so any number of them takes
+  // a stack of constant depth.
   void continueFlush();
   // Removes the queue (by identity) from the send list and goes on.
   void flushFinishedForQueue(const std::shared_ptr<QVQueue>& queue);
