@@ -1,11 +1,13 @@
 #include "qvcore/platform/QVFileSystem.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -21,26 +23,50 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::optional<std::string> readRegularFile(int fd, std::size_t maxBytes) {
+QVFileSystem::ReadStatus readRegularFile(int fd, std::size_t maxBytes, std::string& bytes) {
+  using Status = QVFileSystem::ReadStatus;
   struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
-  if (st.st_size < 0 || static_cast<std::uintmax_t>(st.st_size) > maxBytes) return std::nullopt;
-  std::string bytes;
+  if (::fstat(fd, &st) != 0) return Status::kFailed;
+  if (!S_ISREG(st.st_mode)) return Status::kNotRegularFile;
+  if (st.st_size < 0 || static_cast<std::uintmax_t>(st.st_size) > maxBytes) {
+    return Status::kTooLarge;
+  }
   try {
     bytes.resize(static_cast<std::size_t>(st.st_size));
   } catch (const std::bad_alloc&) {
-    return std::nullopt;
+    return Status::kFailed;
   }
   std::size_t done = 0;
   while (done < bytes.size()) {
     const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return std::nullopt;
+    if (n < 0) return Status::kFailed;
     if (n == 0) break;  // The file shrank while being read.
     done += static_cast<std::size_t>(n);
   }
   bytes.resize(done);
-  return bytes;
+  return Status::kRead;
+}
+
+QVFileSystem::ReadStatus readFile(const std::string& path, int flags, std::size_t maxBytes,
+                                  std::string& bytes) {
+  // Opened without blocking and checked on the open descriptor: a FIFO or a
+  // device named like a file must not hang the reader, and a file swapped in
+  // after a size query cannot slip past the limit.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags);
+  if (fd < 0) {
+    return errno == ELOOP ? QVFileSystem::ReadStatus::kNotRegularFile
+                          : QVFileSystem::ReadStatus::kFailed;
+  }
+  const QVFileSystem::ReadStatus status = readRegularFile(fd, maxBytes, bytes);
+  ::close(fd);
+  return status;
+}
+
+QVFileSystem::EntryKind kindOf(mode_t mode) {
+  if (S_ISREG(mode)) return QVFileSystem::EntryKind::kRegularFile;
+  if (S_ISLNK(mode)) return QVFileSystem::EntryKind::kSymbolicLink;
+  return QVFileSystem::EntryKind::kOther;
 }
 
 bool writeAll(int fd, std::string_view bytes) {
@@ -150,14 +176,53 @@ bool QVFileSystem::isDirectoryAtPath(const std::string& path) {
 
 std::optional<std::string> QVFileSystem::contentsAtPath(const std::string& path,
                                                         std::size_t maxBytes) {
-  // Opened without blocking and checked on the open descriptor: a FIFO or a
-  // device named like a file must not hang the reader, and a file swapped in
-  // after a size query cannot slip past the limit.
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  std::string bytes;
+  if (readFile(path, 0, maxBytes, bytes) != ReadStatus::kRead) return std::nullopt;
+  return bytes;
+}
+
+std::optional<std::vector<QVFileSystem::FolderEntry>> QVFileSystem::entriesOfFolderNoFollow(
+    const std::string& path) {
+  // The folder is opened without following a link and listed through that
+  // descriptor, so a link put in its place is never listed through.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
-  std::optional<std::string> result = readRegularFile(fd, maxBytes);
-  ::close(fd);
-  return result;
+  DIR* folder = ::fdopendir(fd);
+  if (!folder) {
+    ::close(fd);
+    return std::nullopt;
+  }
+  std::vector<FolderEntry> entries;
+  while (const dirent* entry = ::readdir(folder)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    struct stat st {};
+    const bool known = ::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    entries.push_back({name, known ? kindOf(st.st_mode) : EntryKind::kOther});
+  }
+  ::closedir(folder);
+  std::sort(entries.begin(), entries.end(),
+            [](const FolderEntry& a, const FolderEntry& b) { return a.name < b.name; });
+  return entries;
+}
+
+bool QVFileSystem::isDirectoryNoFollowAtPath(const std::string& path) {
+  struct stat st {};
+  return !path.empty() && ::lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+QVFileSystem::ReadStatus QVFileSystem::readRegularFileNoFollow(const std::string& path,
+                                                               std::size_t maxBytes,
+                                                               std::string& bytes) {
+  return readFile(path, O_NOFOLLOW, maxBytes, bytes);
+}
+
+bool QVFileSystem::removeFileNoFollow(const std::string& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return false;
+  const EntryKind kind = kindOf(st.st_mode);
+  // unlink never follows a link and never removes a folder.
+  return kind != EntryKind::kOther && ::unlink(path.c_str()) == 0;
 }
 
 bool QVFileSystem::writeAtomically(const std::string& path, std::string_view bytes) {

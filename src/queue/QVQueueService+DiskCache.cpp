@@ -1,19 +1,18 @@
 // The files of unsent queues, and the terminate path that gives the last
 // posts time to end.
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
-#include <limits>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "platform/QVUtf8.h"
+#include "queue/QVCacheFileCheck.h"
 #include "qvcore/core/QVAppTerminationObserver.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
@@ -26,15 +25,25 @@ namespace qv {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr mode_t kFolderMode = 0700;
 constexpr mode_t kFileMode = 0600;
 
-// Seconds since 1970 with six decimals, as the file name carries them.
+// A file larger than this is no queue the service wrote: dropped unread.
+constexpr std::size_t kMaxCacheFileBytes = 64u << 20;
+
+// Seconds since 1970 with six decimals, as the file name carries them. Each
+// call gets a later microsecond than the one before, so that two failures
+// within one microsecond never share a name and the second file never
+// replaces the first.
 std::string timeStamp() {
   using namespace std::chrono;
-  const auto micros = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+  static std::atomic<int64_t> last{0};
+  const int64_t now = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+  int64_t previous = last.load();
+  int64_t micros = 0;
+  do {
+    micros = std::max(now, previous + 1);
+  } while (!last.compare_exchange_weak(previous, micros));
   char text[64];
   std::snprintf(text, sizeof text, "%f", static_cast<double>(micros) / 1e6);
   return text;
@@ -44,20 +53,6 @@ std::string lastPathComponent(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   const auto slash = path.find_last_of('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-// The entries of folder in name order; none when it cannot be listed.
-std::optional<std::vector<std::string>> entryNames(const std::string& folder) {
-  std::error_code ec;
-  fs::directory_iterator it(folder, ec);
-  if (ec) return std::nullopt;
-  std::vector<std::string> names;
-  for (const fs::directory_iterator end; it != end; it.increment(ec)) {
-    if (ec) break;
-    names.push_back(it->path().filename().string());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 }  // namespace
@@ -86,9 +81,10 @@ bool QVQueueService::saveQueueToFile(const std::shared_ptr<QVQueue>& queue) {
     if (!module) return false;
     const std::string json = queue->toJson();
     if (json.empty()) return false;
+    const std::string folder = cachedQueuesDirectory();
+    if (!QVFileSystem::isDirectoryNoFollowAtPath(folder)) return false;
     const std::string name = module->className() + "_" + timeStamp() + ".json";
-    const std::string path =
-        QVFileSystem::stringByAppendingPathComponent(cachedQueuesDirectory(), name);
+    const std::string path = QVFileSystem::stringByAppendingPathComponent(folder, name);
     std::lock_guard lock(cacheMutex_);
     return QVFileSystem::writeAtomically(path, json, kFileMode);
   } catch (const std::exception&) {
@@ -101,19 +97,28 @@ void QVQueueService::recoverSavedQueues() {
   std::vector<std::pair<std::string, std::optional<std::string>>> files;
   {
     // Listed and emptied in one step, so that a write finishing meanwhile
-    // is either read whole or left for the next flush.
+    // is either read whole or left for the next flush. A link in place of
+    // the folder is not listed: what it points at is not the service's.
     std::lock_guard lock(cacheMutex_);
-    const auto names = entryNames(folder);
-    if (!names) return;
-    for (const auto& name : *names) {
-      files.emplace_back(
-          name, recoverDataAtPath(QVFileSystem::stringByAppendingPathComponent(folder, name)));
+    const auto entries = QVFileSystem::entriesOfFolderNoFollow(folder);
+    if (!entries) return;
+    for (const auto& entry : *entries) {
+      const std::string path = QVFileSystem::stringByAppendingPathComponent(folder, entry.name);
+      if (entry.kind == QVFileSystem::EntryKind::kSymbolicLink) {
+        // The service never writes one: the link goes, its target stays.
+        QVFileSystem::removeFileNoFollow(path);
+      } else if (entry.kind == QVFileSystem::EntryKind::kRegularFile) {
+        files.emplace_back(entry.name, recoverDataAtPath(path));
+      }
+      // Folders, FIFOs and devices are not the service's to read or delete.
     }
   }
-  // Files of unknown modules, or unreadable ones, are gone already: dropped.
+  // Files of unknown modules, unreadable ones, and texts that are not what
+  // saveQueueToFile writes are gone already: dropped, never posted.
   for (auto& [name, text] : files) {
     auto module = moduleFromFilePath(name);
-    if (module && text) appendToSendList(QVQueue::initWithJSONAndModule(std::move(*text), module));
+    if (!module || !text || !isCachedQueueText(*text, postsURLEncoded(module))) continue;
+    appendToSendList(QVQueue::initWithJSONAndModule(std::move(*text), module));
   }
 }
 
@@ -128,11 +133,14 @@ std::shared_ptr<QVLifecycleObject> QVQueueService::moduleFromFilePath(
 }
 
 std::optional<std::string> QVQueueService::recoverDataAtPath(const std::string& path) {
-  std::optional<std::string> text =
-      QVFileSystem::contentsAtPath(path, std::numeric_limits<std::size_t>::max());
-  if (text && !isPlistSafeUtf8(*text)) text.reset();
-  std::error_code ec;
-  fs::remove_all(path, ec);
+  std::string bytes;
+  std::optional<std::string> text;
+  if (QVFileSystem::readRegularFileNoFollow(path, kMaxCacheFileBytes, bytes) ==
+          QVFileSystem::ReadStatus::kRead &&
+      isPlistSafeUtf8(bytes)) {
+    text = std::move(bytes);
+  }
+  QVFileSystem::removeFileNoFollow(path);
   return text;
 }
 

@@ -7,6 +7,7 @@
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
+#include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVRepeatingTimer.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
@@ -17,18 +18,12 @@
 
 namespace qv {
 
-namespace {
-
-// The item as a boolean, the way the connection reads it, so that the
-// service and the connection agree on which queues are URL-encoded.
-bool isURLEncoded(const std::shared_ptr<QVLifecycleObject>& module) {
+bool QVQueueService::postsURLEncoded(const std::shared_ptr<QVLifecycleObject>& module) {
   if (!module) return false;
   const auto item =
       QVConfigService::sharedInstance()->getConfigItemForLifecycleObject("URLEncoded", module);
   return item && QVValues::boolValue(*item);
 }
-
-}  // namespace
 
 bool QVQueueService::startFlushTimer() {
   try {
@@ -79,7 +74,7 @@ void QVQueueService::flushQueues() {
   try {
     for (const auto& [name, queue] : moduleQueues()) {
       if (!queue || queue->isEmpty()) continue;
-      if (isURLEncoded(queue->module())) {
+      if (postsURLEncoded(queue->module())) {
         flushURLQueue(queue);
       } else {
         flushQueue(queue);
@@ -128,6 +123,35 @@ void QVQueueService::flushURLQueue(const std::shared_ptr<QVQueue>& queue) {
 }
 
 void QVQueueService::continueFlush() {
+  // A post that fails before it leaves (a request that cannot be built)
+  // reports its outcome inside postHead, and that outcome comes back here:
+  // as plain recursion, a long list of such posts would take one stack
+  // frame chain per entry and overflow the thread's stack. So a call made
+  // from inside another on the same thread only asks the outer one to go
+  // on, and the outer one loops: the same posts in the same order, on a
+  // stack of constant depth.
+  struct Walk {
+    const QVQueueService* service;
+    bool goOn;
+  };
+  thread_local Walk* walking = nullptr;
+  if (walking && walking->service == this) {
+    walking->goOn = true;
+    return;
+  }
+  Walk walk{this, true};
+  struct Restore {
+    Walk* outer;
+    ~Restore() { walking = outer; }
+  } restore{walking};
+  walking = &walk;
+  while (walk.goOn) {
+    walk.goOn = false;
+    offerHead();
+  }
+}
+
+void QVQueueService::offerHead() {
   std::shared_ptr<QVQueue> head;
   {
     std::lock_guard lock(sendListMutex_);
@@ -190,6 +214,14 @@ void QVQueueService::flushCompletedForQueue(const std::shared_ptr<QVQueue>& queu
 void QVQueueService::flushFailedForQueue(const std::shared_ptr<QVQueue>& queue) {
   // Not retried in this cycle: the file brings it back at the next flush.
   if (QVConfigService::sharedInstance()->isHasToPersistLocalCacheEnabled()) saveQueueToFile(queue);
+  flushFinishedForQueue(queue);
+}
+
+void QVQueueService::flushRejectedForQueue(const std::shared_ptr<QVQueue>& queue,
+                                           const std::string& reason) {
+  const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
+  QVLog::log("QVCore: dropped a post of module " + (module ? module->className() : "(gone)") +
+             " that can never be sent: " + reason);
   flushFinishedForQueue(queue);
 }
 

@@ -64,6 +64,27 @@ QVValue payloadOf(const std::string& json) {
   }
 }
 
+// The query string a URL-encoded post carries; none, with the reason in
+// problem, when the payload itself rules one out. Such a payload never
+// becomes a request, whatever the URL or the server.
+std::optional<std::string> urlEncodedQuery(const std::string& json, std::string& problem) {
+  try {
+    const QVValue payload = payloadOf(json);
+    if (payload.is_discarded()) {
+      problem = "its payload is not JSON, or is nested too deeply";
+    } else if (!payload.is_object()) {
+      problem = "its payload is not a JSON dictionary";
+    } else if (std::string query = QVCoreExtensions::urlEncodedString(payload); !query.empty()) {
+      return query;
+    } else {
+      problem = "its payload has nothing to encode";
+    }
+  } catch (const std::exception&) {
+    problem = "its payload cannot be encoded";
+  }
+  return std::nullopt;
+}
+
 // A request with the settings both kinds of post share.
 std::shared_ptr<QVMutableURLRequest> baseRequest(const std::string& url, const char* method) {
   auto request = QVMutableURLRequest::requestWithURL(url);
@@ -115,8 +136,13 @@ void QVServerConnection::postJSONStringToURLWithSessionId(
 
 void QVServerConnection::urlEncodeAndPostJSONStringToURLWithSessionId(
     const std::string& json, const std::string& url, const std::optional<std::string>& sessionId) {
-  performURLConnectionWithRequest(
-      urlEncodedRequestForURLAndJsonWithSessionId(url, json, sessionId));
+  std::string problem;
+  const std::optional<std::string> query = urlEncodedQuery(json, problem);
+  if (!query) {
+    flushRejected(problem);
+    return;
+  }
+  performURLConnectionWithRequest(urlEncodedRequestWithQuery(url, *query, json, sessionId));
 }
 
 std::shared_ptr<QVMutableURLRequest> QVServerConnection::requestForURLAndJsonWithSessionId(
@@ -143,11 +169,15 @@ std::shared_ptr<QVMutableURLRequest> QVServerConnection::requestForURLAndJsonWit
 std::shared_ptr<QVMutableURLRequest>
 QVServerConnection::urlEncodedRequestForURLAndJsonWithSessionId(
     const std::string& url, const std::string& json, const std::optional<std::string>& sessionId) {
+  std::string problem;
+  const std::optional<std::string> query = urlEncodedQuery(json, problem);
+  return query ? urlEncodedRequestWithQuery(url, *query, json, sessionId) : nullptr;
+}
+
+std::shared_ptr<QVMutableURLRequest> QVServerConnection::urlEncodedRequestWithQuery(
+    const std::string& url, const std::string& query, const std::string& json,
+    const std::optional<std::string>& sessionId) {
   try {
-    const QVValue payload = payloadOf(json);
-    if (payload.is_discarded()) return nullptr;
-    const std::string query = QVCoreExtensions::urlEncodedString(payload);
-    if (query.empty()) return nullptr;
     auto request = baseRequest(url + "?" + query, "GET");
     if (!request) return nullptr;
     fixedHeaders(*request);
@@ -247,6 +277,12 @@ void QVServerConnection::flushFailed(const std::optional<QVHttpError>&) {
   const std::shared_ptr<QVQueue> queue = currentQueue();
   busy_.store(false);
   if (auto delegate = this->delegate()) delegate->flushFailedForQueue(queue);
+}
+
+void QVServerConnection::flushRejected(const std::string& reason) {
+  const std::shared_ptr<QVQueue> queue = currentQueue();
+  busy_.store(false);
+  if (auto delegate = this->delegate()) delegate->flushRejectedForQueue(queue, reason);
 }
 
 std::shared_ptr<QVConnectionDelegate> QVServerConnection::delegate() const {

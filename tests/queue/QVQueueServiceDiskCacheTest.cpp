@@ -2,6 +2,7 @@
 // and real files in a temporary data folder.
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <regex>
@@ -9,6 +10,7 @@
 
 #include "qvcore/core/QVAppTerminationObserver.h"
 #include "qvcore/model/QVQueue.h"
+#include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/queue/QVServerConnection.h"
 #include "support/QVQueueServiceTestSupport.h"
@@ -76,28 +78,113 @@ TEST_F(QVQueueServiceDiskCacheTest, AFailedQueueIsCachedPrivatelyAndSentFirstAtT
   EXPECT_TRUE(namesIn(cacheFolder()).empty()) << "not persisted when switched off";
 }
 
-TEST_F(QVQueueServiceDiskCacheTest, RecoveryDeletesEveryFileAndKeepsThoseOfKnownModules) {
+std::string queueText(int serialNumber) {
+  return R"({"messageVersion":"6.0.0.0","serialNumber":)" + std::to_string(serialNumber) +
+         R"(,"sessions":[]})";
+}
+
+TEST_F(QVQueueServiceDiskCacheTest, RecoveryDeletesEveryFileAndKeepsOnlyQueuesOfKnownModules) {
   auto alpha = defineModule("Alpha");
+  auto url = defineModule(
+      "Url", QVValue{{"PostMessageUrl", "http://collector.test/u"}, {"URLEncoded", true}});
   service->recoverSavedQueues();
   EXPECT_FALSE(QVFileSystem::fileExistsAtPath(cacheFolder())) << "no folder: nothing happens";
   EXPECT_FALSE(service->saveQueueToFile(QVQueue::initWithJSONAndModule("{}", alpha)));
 
   ASSERT_TRUE(service->createCachedQueueFolder());
   for (const auto& [name, text] :
-       std::map<std::string, std::string>{{"Alpha_2.000000.json", R"({"n":2})"},
-                                          {"Alpha_1.000000.json", R"({"n":1})"},
+       std::map<std::string, std::string>{{"Alpha_2.000000.json", queueText(2)},
+                                          {"Alpha_1.000000.json", queueText(1)},
                                           {"Alpha_3.000000.json", "\xff\xfe"},  // not UTF-8
-                                          {"queue.json", "{}"},
-                                          {"Ghost_1.000000.json", "{}"}}) {
+                                          {"queue.json", queueText(9)},
+                                          {"Ghost_1.000000.json", queueText(9)},
+                                          // Not what the service writes: never posted.
+                                          {"Alpha_4.000000.json", R"({"n":4})"},
+                                          {"Alpha_5.000000.json", "[1,2]"},
+                                          {"Alpha_6.000000.json", "plain text"},
+                                          {"Alpha_7.000000.json", R"({"offset":7})"},
+                                          {"Alpha_8.000000.json", queueText(8) + "}"},
+                                          // One message a post, as a URL-encoded module
+                                          // leaves it.
+                                          {"Url_1.000000.json", R"({"offset":1})"},
+                                          {"Url_2.000000.json", R"({"n":2})"}}) {
     folder.write("home/Documents/QVCoreCachedQueues/" + name, text);
   }
   service->recoverSavedQueues();
   EXPECT_TRUE(namesIn(cacheFolder()).empty());
+  std::vector<std::string> recovered;
+  for (const auto& queue : service->cachedQueues()) recovered.push_back(queue->toJson());
+  EXPECT_EQ(recovered, (std::vector<std::string>{queueText(1), queueText(2), R"({"offset":1})"}));
+  EXPECT_EQ(service->cachedQueues().at(1)->module(), alpha);
+  EXPECT_EQ(service->cachedQueues().at(2)->module(), url);
+}
+
+// Only the folder's own regular files are read, posted or deleted.
+TEST_F(QVQueueServiceDiskCacheTest, RecoveryNeverFollowsALinkNorTouchesSpecialOrHugeEntries) {
+  auto alpha = defineModule("Alpha");
+  const std::string outside = folder.write("outside/Alpha_1.000000.json", queueText(1));
+  folder.write("outside/inner/Alpha_2.000000.json", queueText(2));
+  // The cache folder is a link to a folder elsewhere: nothing there is
+  // read, deleted or written.
+  folder.makeFolder("home/Documents");
+  std::filesystem::create_directory_symlink(folder.at("outside"), cacheFolder());
+  service->recoverSavedQueues();
+  EXPECT_FALSE(service->saveQueueToFile(QVQueue::initWithJSONAndModule(queueText(3), alpha)));
+  EXPECT_TRUE(service->cachedQueues().empty());
+  EXPECT_EQ(namesIn(folder.at("outside")),
+            (std::vector<std::string>{"Alpha_1.000000.json", "inner"}));
+  EXPECT_TRUE(QVFileSystem::isFileAtPath(folder.at("outside/inner/Alpha_2.000000.json")));
+
+  std::filesystem::remove(cacheFolder());
+  ASSERT_TRUE(service->createCachedQueueFolder());
+  const std::string cache = cacheFolder() + "/";
+  std::filesystem::create_symlink(outside, cache + "Alpha_1.000000.json");
+  ASSERT_EQ(::mkfifo((cache + "Alpha_2.000000.json").c_str(), 0600), 0);
+  folder.write("home/Documents/QVCoreCachedQueues/Alpha_3.000000.json/Alpha_4.000000.json",
+               queueText(4));
+  // Too large to be a queue, though its text would pass: deleted unread.
+  std::string huge = queueText(5);
+  huge.resize((65u << 20), ' ');
+  folder.write("home/Documents/QVCoreCachedQueues/Alpha_5.000000.json", huge);
+  huge.clear();
+  folder.write("home/Documents/QVCoreCachedQueues/Alpha_6.000000.json", queueText(6));
+  service->recoverSavedQueues();
+
   const auto recovered = service->cachedQueues();
-  ASSERT_EQ(recovered.size(), 2u);
-  EXPECT_EQ(recovered[0]->toJson(), R"({"n":1})");
-  EXPECT_EQ(recovered[1]->toJson(), R"({"n":2})");
-  EXPECT_EQ(recovered[1]->module(), alpha);
+  ASSERT_EQ(recovered.size(), 1u);
+  EXPECT_EQ(recovered[0]->toJson(), queueText(6));
+  EXPECT_EQ(namesIn(cacheFolder()),
+            (std::vector<std::string>{"Alpha_2.000000.json", "Alpha_3.000000.json"}))
+      << "the link is gone, the FIFO and the folder stay";
+  EXPECT_EQ(QVFileSystem::contentsAtPath(outside, 1 << 10), queueText(1)) << "the target stays";
+  EXPECT_TRUE(QVFileSystem::isFileAtPath(cache + "Alpha_3.000000.json/Alpha_4.000000.json"));
+}
+
+// A payload that can never become a request is dropped with a log line; a
+// post that fails for a reason that may pass is kept for the next flush.
+TEST_F(QVQueueServiceDiskCacheTest, AnUnbuildablePayloadIsDroppedAndLoggedNotCached) {
+  std::vector<std::string> lines;
+  QVLog::setSink([&](const std::string& line) { lines.push_back(line); });
+  auto url = defineModule(
+      "Url", QVValue{{"PostMessageUrl", "http://collector.test/u"}, {"URLEncoded", true}});
+  // The module may fix its URL at run time: a space in it is not final.
+  auto spaced = defineModule(
+      "Spaced", QVValue{{"PostMessageUrl", "http://collector.test/a b"}, {"URLEncoded", true}});
+  ASSERT_TRUE(service->enable());
+  for (const char* text : {"[1,2]", "not JSON", "{}"}) {
+    service->flushCachedQueue(QVQueue::initWithJSONAndModule(text, url));
+  }
+  EXPECT_TRUE(namesIn(cacheFolder()).empty()) << "never cached";
+  EXPECT_EQ(session->taskCount(), 0u);
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_NE(lines[0].find("Url"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[0].find("not a JSON dictionary"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find("not JSON"), std::string::npos) << lines[1];
+
+  service->flushCachedQueue(QVQueue::initWithJSONAndModule(R"({"offset":1})", spaced));
+  EXPECT_EQ(namesIn(cacheFolder()).size(), 1u) << "kept for the next flush";
+  EXPECT_EQ(lines.size(), 3u);
+  QVLog::setSink(nullptr);
 }
 
 TEST_F(QVQueueServiceDiskCacheTest,

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "qvcore/QVExport.h"
 #include "qvcore/platform/QVFileSystemAttributes.h"
@@ -28,6 +29,32 @@ class QV_EXPORT QVFileSystem {
   // is larger than maxBytes (so that a huge file is refused before it is
   // read, not after).
   static std::optional<std::string> contentsAtPath(const std::string& path, std::size_t maxBytes);
+
+  // What an entry of a folder is in itself: a symbolic link is reported as
+  // one, never as what it points at.
+  enum class EntryKind { kRegularFile, kSymbolicLink, kOther };
+  struct FolderEntry {
+    std::string name;
+    EntryKind kind;
+  };
+  // The entries of the folder at path, in name order. None when path is not
+  // a folder, is a symbolic link (even to a folder), or cannot be listed.
+  static std::optional<std::vector<FolderEntry>> entriesOfFolderNoFollow(const std::string& path);
+  // Whether path is a folder in itself, not a symbolic link to one.
+  static bool isDirectoryNoFollowAtPath(const std::string& path);
+
+  enum class ReadStatus { kRead, kTooLarge, kNotRegularFile, kFailed };
+  // Reads the regular file at path whole into bytes. A symbolic link at the
+  // last component is not followed (kNotRegularFile), and the kind and size
+  // are checked on the open descriptor, so nothing can be swapped in between
+  // the check and the read. A file larger than maxBytes is not read at all
+  // (kTooLarge); a FIFO or a device never blocks the reader.
+  static ReadStatus readRegularFileNoFollow(const std::string& path, std::size_t maxBytes,
+                                            std::string& bytes);
+  // Removes the entry at path if it is a regular file or a symbolic link
+  // (the link itself, never what it points at); folders, FIFOs, sockets and
+  // devices are left. True when such an entry was removed.
+  static bool removeFileNoFollow(const std::string& path);
 
   // Replaces the file at path with bytes as one step: a temporary file in the
   // same folder is written, flushed and renamed over path, so readers see the

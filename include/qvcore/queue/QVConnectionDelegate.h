@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "qvcore/QVExport.h"
 #include "qvcore/platform/QVMutableURLRequest.h"
@@ -18,6 +19,14 @@ class QV_EXPORT QVConnectionDelegate {
 
   virtual void flushCompletedForQueue(const std::shared_ptr<QVQueue>& queue) = 0;
   virtual void flushFailedForQueue(const std::shared_ptr<QVQueue>& queue) = 0;
+  // The post failed for a reason that no later attempt can change: the
+  // queue's own payload cannot be made into a request (a URL-encoded post
+  // whose JSON is not a dictionary with an entry), whatever the module's
+  // configuration or the server. reason says why, in a few words. Failures
+  // that may pass (configuration, transport, server) still arrive as
+  // flushFailedForQueue. The default treats it as any other failure.
+  virtual void flushRejectedForQueue(const std::shared_ptr<QVQueue>& queue,
+                                     const std::string& reason);
 
   // Optional: called with each request before it is sent, on the posting
   // thread. It may change the request in place or answer another one; null

@@ -115,7 +115,10 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // nothing and leaves the queue where it is.
   void flushCachedQueue(const std::shared_ptr<QVQueue>& queue);
   // Posts the head of the send list, or reports QVCore flushCompleted when
-  // the list is empty.
+  // the list is empty. Heads whose posts fail before they leave are walked
+  // in a loop, not by recursion: a call from inside another on the same
+  // thread only tells the outer one to go on, so any number of them takes
+  // a stack of constant depth.
   void continueFlush();
   // Removes the queue (by identity) from the send list and goes on.
   void flushFinishedForQueue(const std::shared_ptr<QVQueue>& queue);
@@ -123,6 +126,11 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // QVConnectionDelegate
   void flushCompletedForQueue(const std::shared_ptr<QVQueue>& queue) override;
   void flushFailedForQueue(const std::shared_ptr<QVQueue>& queue) override;
+  // A payload that can never be posted is dropped with one log line (the
+  // module and the reason), never cached: read back, it would fail again at
+  // every flush, for ever.
+  void flushRejectedForQueue(const std::shared_ptr<QVQueue>& queue,
+                             const std::string& reason) override;
   // Gzips the body when the core's "CompressPostMessage" is on and the
   // result is strictly shorter, setting "Content-Length" and
   // "Content-Encoding: gzip"; answers the same request, changed or not.
@@ -139,19 +147,28 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // folder may not exist yet), then the cache folder alone, mode 0700.
   bool createCachedQueueFolder();
   // Writes the queue's JSON text atomically, mode 0600, into the cache
-  // folder, which must exist. False when that fails, when the queue has no
-  // JSON text, or when its module has gone (its file could never find it
-  // again).
+  // folder, which must exist and not be a symbolic link (the read-back would
+  // never look there). False when that fails, when the queue has no JSON
+  // text, or when its module has gone (its file could never find it
+  // again). Names never repeat within a process: a failure in the same
+  // microsecond as the one before gets the next microsecond.
   bool saveQueueToFile(const std::shared_ptr<QVQueue>& queue);
-  // Reads every entry of the cache folder (in name order), deletes it, and
-  // appends a queue for each whose module QVCore knows by the name's first
-  // "_"-separated piece; the others are dropped.
+  // Reads every regular file of the cache folder (in name order), deletes
+  // it, and appends a queue for each whose module QVCore knows by the name's
+  // first "_"-separated piece and whose text has the shape of what
+  // saveQueueToFile writes (see QVCacheFileCheck.h); the others are dropped,
+  // never posted. Nothing is followed through a symbolic link: a folder
+  // that is one is not read at all, an entry that is one is removed (the
+  // link, not its target). Folders, FIFOs and other special entries are
+  // left alone, unread. A file over 64 MiB is deleted unread.
   void recoverSavedQueues();
   // QVCore's lifecycleObjectForName of the first "_"-separated piece of the
   // path's last component; null when there is none.
   std::shared_ptr<QVLifecycleObject> moduleFromFilePath(const std::string& path) const;
-  // The file's text (none when it cannot be read as UTF-8), after which the
-  // file is deleted, read or not.
+  // The file's text (none when it cannot be read as UTF-8, is not a regular
+  // file, or is over 64 MiB, which is not read at all), after which the
+  // file is deleted, read or not; a symbolic link is neither followed nor
+  // deleted through, and only a regular file or a link itself is deleted.
   std::optional<std::string> recoverDataAtPath(const std::string& path);
   // The last chance to send before the application is suspended for good:
   // tells every queued module (QVAppTerminationObserver), flushes on the
@@ -211,12 +228,18 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   std::shared_ptr<QVQueue> cut(const std::shared_ptr<QVQueue>& queue);
   void appendToSendList(std::shared_ptr<QVQueue> queue);
   bool hasQueuedPosts() const;
+  // The module's "URLEncoded" item as a boolean, the way the connection
+  // reads it, so that the service and the connection agree.
+  static bool postsURLEncoded(const std::shared_ptr<QVLifecycleObject>& module);
   // Whether a connection exists and has a post in flight.
   bool isConnectionBusy() const;
   // Hands the queue to the connection; false when it was not handed over
   // (no URL, no connection, a failure before the post).
   bool postHead(const std::shared_ptr<QVQueue>& queue);
   void releaseOffer();
+  // One step of continueFlush: posts the head, or reports the end of the
+  // cycle when the list is empty.
+  void offerHead();
 
   std::atomic<bool> enabled_{false};
   std::atomic<uint64_t> completedFlushCycles_{0};

@@ -35,7 +35,9 @@ class QVQueue;
 // time-out is the core's "PostMessageTimeout". A URL must pass
 // QVMutableURLRequest::isValidURL, or the post fails without being sent.
 // Statuses 200 to 399 are success (a redirect is not followed), anything
-// else, a transport error or no response, failure. Nothing is retried.
+// else, a transport error or no response, failure. Nothing is retried. A
+// URL-encoded payload that is not a JSON dictionary with an entry can never
+// make a request: that post is reported as rejected, not failed.
 //
 // Threads: posts come from one place at a time (the queue service's flush
 // queue, or a delegate callback); outcomes arrive on the session's callback
@@ -90,6 +92,9 @@ class QV_EXPORT QVServerConnection : public QVObject,
   // Clear busy, then tell the delegate about the current queue.
   void flushSucceeded();
   void flushFailed(const std::optional<QVHttpError>& error);
+  // Clear busy, then tell the delegate that the current queue's payload can
+  // never be posted, and why.
+  void flushRejected(const std::string& reason);
 
   std::shared_ptr<QVConnectionDelegate> delegate() const;
   void setDelegate(const std::shared_ptr<QVConnectionDelegate>& delegate);
@@ -103,6 +108,11 @@ class QV_EXPORT QVServerConnection : public QVObject,
   std::shared_ptr<QVMutableURLRequest> preparedRequest(
       std::shared_ptr<QVMutableURLRequest> request);
   void fixedHeaders(QVMutableURLRequest& request) const;
+  // The URL-encoded GET of an encoded query; null when the URL it makes is
+  // not valid or a step throws.
+  std::shared_ptr<QVMutableURLRequest> urlEncodedRequestWithQuery(
+      const std::string& url, const std::string& query, const std::string& json,
+      const std::optional<std::string>& sessionId);
 
   std::atomic<bool> busy_{false};
   mutable std::mutex mutex_;  // guards the two weak references

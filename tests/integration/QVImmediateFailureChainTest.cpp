@@ -1,0 +1,107 @@
+// A long run of posts that fail before they leave (requests that cannot be
+// built) behind a slow post, over the real libcurl session: the HTTP
+// callback thread walks the whole run when the slow post ends, and must do
+// it on a stack of constant depth.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <memory>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "qvcore/core/QVCore.h"
+#include "qvcore/platform/QVFileSystem.h"
+#include "qvcore/platform/QVRunLoop.h"
+#include "qvcore/queue/QVQueueService.h"
+#include "qvcore/queue/QVServerConnection.h"
+#include "support/QVQueueServiceTestSupport.h"
+#include "support/QVTempFolder.h"
+#include "support/QVTestHost.h"
+#include "support/QVTestHttpServer.h"
+
+namespace qv {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Far more than a thread's stack holds as nested calls, even a default
+// one; the threads of this test get a small stack besides.
+constexpr uint64_t kImmediateFailures = 20000;
+// (ThreadSanitizer refuses threads with less than 1 MiB.)
+constexpr size_t kThreadStack = 1 << 20;
+
+// Every failed post is written and synced: a folder in memory, when the
+// machine has one, keeps that cheap.
+std::unique_ptr<test::QVTempFolder> memoryFolder() {
+  const char* previous = std::getenv("TMPDIR");
+  const std::string saved = previous ? previous : "";
+  if (QVFileSystem::isDirectoryAtPath("/dev/shm")) ::setenv("TMPDIR", "/dev/shm", 1);
+  auto folder = std::make_unique<test::QVTempFolder>();
+  if (previous)
+    ::setenv("TMPDIR", saved.c_str(), 1);
+  else
+    ::unsetenv("TMPDIR");
+  return folder;
+}
+
+TEST(QVImmediateFailureChainTest, TensOfThousandsOfImmediateFailuresAreAllCachedWithoutACrash) {
+  // Threads made from here on (the HTTP callback thread among them).
+  pthread_attr_t attributes;
+  ASSERT_EQ(::pthread_attr_init(&attributes), 0);
+  ASSERT_EQ(::pthread_attr_setstacksize(&attributes, kThreadStack), 0);
+  ASSERT_EQ(::pthread_setattr_default_np(&attributes), 0);
+  ::pthread_attr_destroy(&attributes);
+  test::QVTestHost host("com.example.chain");
+  const auto data = memoryFolder();
+  QVFileSystem::setHomeDirectory(data->path());
+  test::QVTestHttpServer server;
+  server.addReply(test::QVTestReply::of(test::QVTestReply::Kind::kHoldThenAnswer));
+  host.writeCoreConfig({{"PostMessageLevelWiFi", 3},
+                        {"CompressPostMessage", false},
+                        {"HasToPersistLocalCache", true}});
+  host.defineModule("Slow", {{"PostMessageUrl", server.url("/collect")}});
+  // A space makes the URL invalid: every post of this module fails at once.
+  host.defineModule("Broken", {{"PostMessageUrl", server.url("/a b")}, {"URLEncoded", true}});
+  auto core = QVCore::sharedInstance();
+  auto service = QVQueueService::sharedInstance();
+  ASSERT_TRUE(core->enable());
+  ASSERT_TRUE(core->enableModule("Slow"));
+  ASSERT_TRUE(core->enableModule("Broken"));
+
+  ASSERT_TRUE(core->postMessageForModuleName(test::messageWithOffset(0), "Slow"));
+  core->flushQueues();
+  ASSERT_TRUE(server.waitForRequests(1));  // held: the chain waits behind it
+  for (uint64_t offset = 1; offset <= kImmediateFailures; ++offset) {
+    ASSERT_TRUE(core->postMessageForModuleName(test::messageWithOffset(offset), "Broken"));
+  }
+  core->flushQueues();
+  ASSERT_TRUE(QVRunLoop::main().runUntil(
+      [&] { return service->cachedQueues().size() == kImmediateFailures + 1; }, 60s));
+  server.release();
+  ASSERT_TRUE(
+      QVRunLoop::main().runUntil([&] { return service->completedFlushCycles() >= 1; }, 120s));
+
+  EXPECT_EQ(server.requests().size(), 1u) << "nothing but the slow post reached the wire";
+  const std::string folder = service->cachedQueuesDirectory();
+  const auto names = test::namesIn(folder);
+  EXPECT_EQ(names.size(), kImmediateFailures) << "one file a failed post";
+  // Names carry the time of each failure: in name order, the posts' order.
+  std::vector<uint64_t> cached;
+  for (const auto& name : names) {
+    const auto text = QVFileSystem::contentsAtPath(folder + "/" + name, 1 << 16);
+    const QVValue message = QVValue::parse(text.value_or(""), nullptr, false);
+    if (message.is_object() && message.contains("offset")) {
+      cached.push_back(message["offset"].get<uint64_t>());
+    }
+  }
+  std::vector<uint64_t> posted(kImmediateFailures);
+  std::iota(posted.begin(), posted.end(), 1);
+  EXPECT_TRUE(cached == posted) << "every message, once, in the order posted";
+  core->disable();
+}
+
+}  // namespace
+}  // namespace qv
