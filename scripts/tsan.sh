@@ -3,7 +3,8 @@
 # tests run several threads, and runs those tests: serial queues, run loops,
 # timers, notifications, sessions and queues posted from many threads, the
 # configuration's concurrent readers and writers, the queue service's flush
-# cycle and disk cache, the crash hook, the environment's host threads, the
+# cycle and disk cache, a long chain of immediate failures, enable cycles
+# that deliver, the crash hook, the environment's host threads, the
 # log relay, the libcurl session, the fault matrix against a real server,
 # and the soak. Installs the Debian packages first when missing.
 set -euo pipefail
@@ -16,11 +17,11 @@ fixtures=(
   QVQueueTest QVSessionTest
   QVConfigItemsTest
   QVQueueServiceTest QVQueueServiceDiskCacheTest
-  QVCoreUncaughtExceptionTest
+  QVCoreUncaughtExceptionTest QVCoreDeliveryTest
   QVApplicationLifecycleManagerTest QVOrientationManagerTest QVNetworkManagerTest
   VintraZANLogClientTest
   QVCurlHttpSessionTest QVServerConnectionIntegrationTest QVCrashFlushTest
-  QVLogRelaySocketStreamTest QVFaultMatrixTest
+  QVLogRelaySocketStreamTest QVFaultMatrixTest QVImmediateFailureChainTest
   QVSoakTest
 )
 

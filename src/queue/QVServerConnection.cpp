@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "model/QVJsonWriter.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCookieProvider.h"
 #include "qvcore/core/QVCore.h"
@@ -36,8 +37,9 @@ std::optional<std::string> headerText(const QVValue& value) {
     case QVValue::value_t::number_unsigned:
       return value.dump();
     case QVValue::value_t::number_float:
+      // As the payload writes numbers: a whole value without ".0".
       if (!std::isfinite(value.get<double>())) return std::nullopt;
-      return value.dump();
+      return QVJsonWriter::numberText(value.get<double>());
     default:
       return std::nullopt;
   }

@@ -43,7 +43,7 @@ class QVServerConnectionTest : public ::testing::Test {
 
 TEST_F(QVServerConnectionTest, ModuleHeadersComeLastReplaceFixedOnesAndSkipNonScalars) {
   module_->headers = QVValue::parse(
-      R"({"content-type":"application/json","X-Count":5,"X-Ratio":2.5,"X-Flag":true,
+      R"({"content-type":"application/json","X-Count":5,"X-Ratio":2.5,"X-Whole":2.0,"X-Flag":true,
           "X-List":[1],"X-Dict":{"a":1},"X-None":null})");
   module_->cookie = "mod=1";
   auto current = queue("{}");
@@ -59,6 +59,7 @@ TEST_F(QVServerConnectionTest, ModuleHeadersComeLastReplaceFixedOnesAndSkipNonSc
                                                      {"X-QVCORE", "Lib/2.0.0.81"},
                                                      {"X-Count", "5"},
                                                      {"X-Ratio", "2.5"},
+                                                     {"X-Whole", "2"},
                                                      {"X-Flag", "1"},
                                                      {"Cookie", "mod=1"}}));
   // Without a session identifier the module is asked with the core's.
