@@ -6,6 +6,7 @@
 #include "qvcore/core/QVCore.h"
 #include "qvcore/queue/QVServerConnection.h"
 #include "support/QVConnectionTestSupport.h"
+#include "support/QVFieldsMessage.h"
 #include "support/QVGzip.h"
 #include "support/QVTestHttpServer.h"
 
@@ -15,18 +16,7 @@ namespace {
 using Headers = std::vector<std::pair<std::string, std::string>>;
 using test::QVTestReply;
 
-class FieldsMessage : public QVMessage {
- public:
-  explicit FieldsMessage(QVValue fields) : fields_(std::move(fields)) {}
-  QVValue jsonDictionary() const override {
-    QVValue dict = QVMessage::jsonDictionary();
-    QVValues::addEntriesFromDictionary(dict, fields_);
-    return dict;
-  }
-
- private:
-  QVValue fields_;
-};
+using FieldsMessage = test::QVFieldsMessage;
 
 class QVServerConnectionIntegrationTest : public ::testing::Test {
  protected:

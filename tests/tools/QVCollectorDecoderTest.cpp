@@ -8,22 +8,12 @@
 #include "qvcore/model/QVCoreExtensions.h"
 #include "qvcore/model/QVQueue.h"
 #include "qvcore/queue/QVDataCompression.h"
+#include "support/QVFieldsMessage.h"
 
 namespace qv::collector {
 namespace {
 
-class FieldsMessage : public QVMessage {
- public:
-  explicit FieldsMessage(QVValue fields) : fields_(std::move(fields)) {}
-  QVValue jsonDictionary() const override {
-    QVValue dict = QVMessage::jsonDictionary();
-    QVValues::addEntriesFromDictionary(dict, fields_);
-    return dict;
-  }
-
- private:
-  QVValue fields_;
-};
+using FieldsMessage = test::QVFieldsMessage;
 
 // What the library posts for a queue of three messages in two sessions.
 std::string libraryPayload() {
