@@ -55,9 +55,10 @@ TEST_F(QVCurlHttpSessionTest, TimeOutLimitsTheTimeWithoutProgressNotTheWholeTran
   QVCurlHttpSession session;
   QVMutableURLRequest request(slowReader.url("/slow"));
   request.setHTTPMethod("POST");
-  request.setTimeoutInterval(0.3);
-  // About 24 reads 40 ms apart: several times the time-out in all.
-  const auto body = std::make_shared<const std::string>(24 * test::QVTestReply::kTrickleBytes, 'x');
+  request.setTimeoutInterval(0.5);
+  // About 40 reads 40 ms apart: three times the time-out in all, each gap a
+  // tenth of it or less, which leaves room for a loaded machine.
+  const auto body = std::make_shared<const std::string>(40 * test::QVTestReply::kTrickleBytes, 'x');
   request.setHTTPBody(body);
   const Outcome slow = await(send(session, request));
   EXPECT_FALSE(slow.error) << slow.error->message;
