@@ -112,7 +112,8 @@ TEST_F(QVShellTest, ABadCommandPrintsOneErrorLineAndNothingElseAndTheScriptGoesO
       "post-context M name=a referrer=b", "config get M", "config set M K not-json",
       "config move M", "network wired", "network wifi cable", "lifecycle sleep", "orientation up",
       "orientation 1 ui=x", "screen 1", "screen 1 nan", "fact", "fact nope", "fact deviceID now",
-      "wait-flush -1", "run forever", "run 1e12", "log"}) {
+      "wait-flush -1", "run forever", "run 1e12", "log", "post-many M 1 threads=100000",
+      "post-many M 1 threads=0"}) {
     // clang-format on
     auto result = run(std::string(line) + "\n");
     EXPECT_EQ(result.status, 1) << line;

@@ -35,7 +35,8 @@ Messages and flushes
   post-many MODULE COUNT [threads=N] [session=ID] [level=N] [fields=JSON]
             [progress=true|false]
                               post COUNT messages {"offset": i, "n": i} plus
-                              the fields from N threads; the number accepted
+                              the fields from N threads (1 to 256); the number
+                              accepted
   post-context MODULE type=N name=TEXT referrer=TEXT [klass=TEXT]
                [referrer-klass=TEXT] [session=ID] [level=N]
                               post an application-context message

@@ -23,6 +23,8 @@
 namespace qv::shell {
 namespace {
 
+constexpr unsigned kMostPostingThreads = 256;
+
 // A message whose JSON is the base message's plus fields from the script.
 class QVShellMessage : public QVMessage {
  public:
@@ -146,6 +148,11 @@ void QVShell::addMessageCommands() {
     if (!fields.is_object()) throw QVShellError("post-many: fields must be a JSON object");
     const auto count = parseNumber<uint64_t>(line.positional()[1].value, "count");
     const auto threads = numberOption<unsigned>(line, "threads").value_or(1);
+    // Each thread is a real one: far past the cores, more only costs memory
+    // and, in the tens of thousands, ends the process when none can be made.
+    if (threads < 1 || threads > kMostPostingThreads) {
+      throw QVShellError("post-many: threads must be 1 to " + std::to_string(kMostPostingThreads));
+    }
     auto postOne = [&](uint64_t index) {
       QVValue messageFields = fields;
       messageFields["n"] = index;
