@@ -5,10 +5,12 @@
 #include <regex>
 #include <set>
 
+#include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVMessage.h"
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVNotificationCenter.h"
+#include "qvcore/queue/QVQueueService.h"
 #include "support/QVTestModule.h"
 
 namespace qv {
@@ -88,6 +90,18 @@ TEST(QVCoreTest, BatteryLevelOneWakesZeroSleepsOtherValuesDoNothing) {
   EXPECT_FALSE(core->classReferences().has_value()) << "only 1 and 0 act";
   core->batteryLevelChanged(1);
   EXPECT_TRUE(core->classReferences().has_value()) << "waking runs enable, which makes a registry";
+
+  // Items handed in early give the module a configuration, so it registers.
+  auto sleeper = QVTestModule::define("Sleeper");
+  core->updateConfigForModuleNameWithData("Sleeper", QVValue{{"Key", 1}});
+  ASSERT_TRUE(core->startModule("Sleeper"));
+  ASSERT_TRUE(core->lifecycleObjectForName("Sleeper"));
+  core->batteryLevelChanged(0);
+  EXPECT_FALSE(sleeper->isEnabled()) << "sleeping disables every registered module";
+  EXPECT_EQ(sleeper->disableCalls, 1);
+  EXPECT_FALSE(QVQueueService::sharedInstance()->isEnabled());
+  EXPECT_FALSE(QVConfigService::sharedInstance()->isEnabled());
+  EXPECT_EQ(core->classReferences()->count("Sleeper"), 1u) << "the registry is kept for waking";
 }
 
 TEST(QVCoreTest, SessionIdIsMadeOnceAndUuidsAreThirtyTwoUpperCaseHexDigits) {
