@@ -83,23 +83,6 @@ std::string valueText(const std::string& key, const QVValue& value) {
 
 }  // namespace
 
-bool QVCoreExtensions::isJsonCapable(const QVValue& v) {
-  switch (v.type()) {
-    case QVValue::value_t::number_float:
-      return std::isfinite(v.get_ref<const QVValue::number_float_t&>());
-    case QVValue::value_t::binary:
-      return false;
-    case QVValue::value_t::array:
-    case QVValue::value_t::object:
-      for (const auto& item : v) {
-        if (!isJsonCapable(item)) return false;
-      }
-      return true;
-    default:
-      return true;
-  }
-}
-
 std::string QVCoreExtensions::toJson(const QVValue& dict) {
   if (!dict.is_object()) return "";
   try {
@@ -107,10 +90,8 @@ std::string QVCoreExtensions::toJson(const QVValue& dict) {
     std::string text;
     QVJsonWriter(text, QVJsonWriter::Unwritable::kFail).value(dict);
     return text;
-  } catch (const QVJsonWriter::Refused&) {
-    return "";
   } catch (const std::exception&) {
-    return "";
+    return "";  // Refused, or out of memory
   }
 }
 

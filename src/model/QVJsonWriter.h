@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <string>
 
 #include "qvcore/platform/QVValue.h"
@@ -20,7 +21,7 @@ namespace qv {
 class QVJsonWriter {
  public:
   enum class Unwritable { kFail, kNull };
-  struct Refused {};
+  struct Refused : std::exception {};
 
   QVJsonWriter(std::string& out, Unwritable policy);
 

@@ -23,44 +23,37 @@ namespace fs = std::filesystem;
 
 namespace {
 
-QVFileSystem::ReadStatus readRegularFile(int fd, std::size_t maxBytes, std::string& bytes) {
-  using Status = QVFileSystem::ReadStatus;
+std::optional<std::string> readRegularFile(int fd, std::size_t maxBytes) {
   struct stat st {};
-  if (::fstat(fd, &st) != 0) return Status::kFailed;
-  if (!S_ISREG(st.st_mode)) return Status::kNotRegularFile;
-  if (st.st_size < 0 || static_cast<std::uintmax_t>(st.st_size) > maxBytes) {
-    return Status::kTooLarge;
-  }
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  if (st.st_size < 0 || static_cast<std::uintmax_t>(st.st_size) > maxBytes) return std::nullopt;
+  std::string bytes;
   try {
     bytes.resize(static_cast<std::size_t>(st.st_size));
   } catch (const std::bad_alloc&) {
-    return Status::kFailed;
+    return std::nullopt;
   }
   std::size_t done = 0;
   while (done < bytes.size()) {
     const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return Status::kFailed;
+    if (n < 0) return std::nullopt;
     if (n == 0) break;  // The file shrank while being read.
     done += static_cast<std::size_t>(n);
   }
   bytes.resize(done);
-  return Status::kRead;
+  return bytes;
 }
 
-QVFileSystem::ReadStatus readFile(const std::string& path, int flags, std::size_t maxBytes,
-                                  std::string& bytes) {
+std::optional<std::string> readFile(const std::string& path, int flags, std::size_t maxBytes) {
   // Opened without blocking and checked on the open descriptor: a FIFO or a
   // device named like a file must not hang the reader, and a file swapped in
   // after a size query cannot slip past the limit.
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags);
-  if (fd < 0) {
-    return errno == ELOOP ? QVFileSystem::ReadStatus::kNotRegularFile
-                          : QVFileSystem::ReadStatus::kFailed;
-  }
-  const QVFileSystem::ReadStatus status = readRegularFile(fd, maxBytes, bytes);
+  if (fd < 0) return std::nullopt;
+  std::optional<std::string> bytes = readRegularFile(fd, maxBytes);
   ::close(fd);
-  return status;
+  return bytes;
 }
 
 QVFileSystem::EntryKind kindOf(mode_t mode) {
@@ -176,9 +169,7 @@ bool QVFileSystem::isDirectoryAtPath(const std::string& path) {
 
 std::optional<std::string> QVFileSystem::contentsAtPath(const std::string& path,
                                                         std::size_t maxBytes) {
-  std::string bytes;
-  if (readFile(path, 0, maxBytes, bytes) != ReadStatus::kRead) return std::nullopt;
-  return bytes;
+  return readFile(path, 0, maxBytes);
 }
 
 std::optional<std::vector<QVFileSystem::FolderEntry>> QVFileSystem::entriesOfFolderNoFollow(
@@ -211,10 +202,9 @@ bool QVFileSystem::isDirectoryNoFollowAtPath(const std::string& path) {
   return !path.empty() && ::lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-QVFileSystem::ReadStatus QVFileSystem::readRegularFileNoFollow(const std::string& path,
-                                                               std::size_t maxBytes,
-                                                               std::string& bytes) {
-  return readFile(path, O_NOFOLLOW, maxBytes, bytes);
+std::optional<std::string> QVFileSystem::contentsAtPathNoFollow(const std::string& path,
+                                                                std::size_t maxBytes) {
+  return readFile(path, O_NOFOLLOW, maxBytes);
 }
 
 bool QVFileSystem::removeFileNoFollow(const std::string& path) {

@@ -133,13 +133,8 @@ std::shared_ptr<QVLifecycleObject> QVQueueService::moduleFromFilePath(
 }
 
 std::optional<std::string> QVQueueService::recoverDataAtPath(const std::string& path) {
-  std::string bytes;
-  std::optional<std::string> text;
-  if (QVFileSystem::readRegularFileNoFollow(path, kMaxCacheFileBytes, bytes) ==
-          QVFileSystem::ReadStatus::kRead &&
-      isPlistSafeUtf8(bytes)) {
-    text = std::move(bytes);
-  }
+  std::optional<std::string> text = QVFileSystem::contentsAtPathNoFollow(path, kMaxCacheFileBytes);
+  if (text && !isPlistSafeUtf8(*text)) text.reset();
   QVFileSystem::removeFileNoFollow(path);
   return text;
 }

@@ -19,11 +19,6 @@ class QV_EXPORT QVCoreExtensions {
   // not a dictionary or holds anything JSON cannot carry: binary values,
   // NaN or infinite numbers.
   static std::string toJson(const QVValue& dict);
-  // False when value holds, at any depth, what JSON text cannot carry
-  // faithfully (dump() would write NaN and infinity as null and binary
-  // values as objects); text that is not UTF-8 is not its concern, as the
-  // writer mends it.
-  static bool isJsonCapable(const QVValue& value);
 
   // key=value pairs joined by "&", in the dictionary's order. Keys are used
   // as they are. String values are percent-encoded outside the RFC 3986

@@ -43,14 +43,10 @@ class QV_EXPORT QVFileSystem {
   // Whether path is a folder in itself, not a symbolic link to one.
   static bool isDirectoryNoFollowAtPath(const std::string& path);
 
-  enum class ReadStatus { kRead, kTooLarge, kNotRegularFile, kFailed };
-  // Reads the regular file at path whole into bytes. A symbolic link at the
-  // last component is not followed (kNotRegularFile), and the kind and size
-  // are checked on the open descriptor, so nothing can be swapped in between
-  // the check and the read. A file larger than maxBytes is not read at all
-  // (kTooLarge); a FIFO or a device never blocks the reader.
-  static ReadStatus readRegularFileNoFollow(const std::string& path, std::size_t maxBytes,
-                                            std::string& bytes);
+  // contentsAtPath, but a symbolic link at the last component is not
+  // followed: the file is read only when it is a regular file in itself.
+  static std::optional<std::string> contentsAtPathNoFollow(const std::string& path,
+                                                           std::size_t maxBytes);
   // Removes the entry at path if it is a regular file or a symbolic link
   // (the link itself, never what it points at); folders, FIFOs, sockets and
   // devices are left. True when such an entry was removed.
