@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "core/QVDeliveryLedger.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/environment/QVNetworkManager.h"
@@ -260,6 +261,15 @@ bool QVCore::postMessageForModuleName(std::shared_ptr<QVMessage> message, const 
 bool QVCore::postMessageForModuleNameWithSessionID(std::shared_ptr<QVMessage> message,
                                                    const std::string& name,
                                                    const std::optional<std::string>& sessionID) {
+  // An accepted message is counted by the queue service, which holds the
+  // module's ledger at hand.
+  if (admitMessage(std::move(message), name, sessionID)) return true;
+  QVDeliveryLedger::shared().module(name).addRefused();
+  return false;
+}
+
+bool QVCore::admitMessage(std::shared_ptr<QVMessage> message, const std::string& name,
+                          const std::optional<std::string>& sessionID) {
   if (!message || !canPostMessage(message.get())) return false;
   // A registered module is used by reference: no count shared with other
   // posting threads changes. The queue service copies it before anything
@@ -289,6 +299,17 @@ bool QVCore::canPostMessage(const QVMessage* message) const {
 }
 
 void QVCore::flushQueues() { QVQueueService::sharedInstance()->asyncFlushQueues(); }
+
+QVLedgerSnapshot QVCore::ledgerSnapshot() const { return queueService()->ledgerSnapshot(); }
+
+std::optional<QVLedgerCounts> QVCore::ledgerSnapshotForModuleName(const std::string& name) const {
+  QVLedgerSnapshot snapshot = ledgerSnapshot();
+  const auto it = snapshot.modules.find(name);
+  if (it == snapshot.modules.end()) return std::nullopt;
+  return it->second;
+}
+
+void QVCore::resetLedger() { queueService()->resetLedger(); }
 
 std::string QVCore::currentSessionID() {
   std::lock_guard lock(sessionMutex_);

@@ -130,8 +130,10 @@ void QVApplicationLifecycleManager::brvApplicationDidBecomeActive(const QVNotifi
 void QVApplicationLifecycleManager::brvApplicationWillTerminate(const QVNotification&) {
   if (!coreFlag(QVConfigKeys::kDoPostAppGoesToClose)) return;
   auto service = QVQueueService::sharedInstance();
-  // Saved, not sent: there is no time left for the network.
-  for (const auto& [name, queue] : service->moduleQueues()) service->saveQueueToFile(queue);
+  // Saved, not sent: there is no time left for the network. Each queue is
+  // emptied as it is saved, so that a process that lives on does not send
+  // the saved messages a second time.
+  for (const auto& [name, queue] : service->moduleQueues()) service->saveModuleQueueToFile(queue);
 }
 
 }  // namespace qv

@@ -20,8 +20,11 @@ constexpr int kPostAttempts = 3;
 
 QVQueue::QVQueue() : QVQueue(std::nullopt, QVCore::sharedInstance()->currentSessionID()) {}
 
-QVQueue::QVQueue(std::optional<std::string> jsonPayload, std::string currentSessionID)
-    : jsonPayload_(std::move(jsonPayload)), currentSessionID_(std::move(currentSessionID)) {}
+QVQueue::QVQueue(std::optional<std::string> jsonPayload, std::string currentSessionID,
+                 std::size_t carriedMessages)
+    : jsonPayload_(std::move(jsonPayload)),
+      carriedMessages_(carriedMessages),
+      currentSessionID_(std::move(currentSessionID)) {}
 
 QVQueue::~QVQueue() = default;
 
@@ -32,9 +35,10 @@ std::shared_ptr<QVQueue> QVQueue::initForModule(std::shared_ptr<QVLifecycleObjec
 }
 
 std::shared_ptr<QVQueue> QVQueue::initWithJSONAndModule(std::string jsonPayload,
-                                                        std::shared_ptr<QVLifecycleObject> module) {
-  std::shared_ptr<QVQueue> queue(
-      new QVQueue(std::move(jsonPayload), QVCore::sharedInstance()->currentSessionID()));
+                                                        std::shared_ptr<QVLifecycleObject> module,
+                                                        std::size_t messageCount) {
+  std::shared_ptr<QVQueue> queue(new QVQueue(
+      std::move(jsonPayload), QVCore::sharedInstance()->currentSessionID(), messageCount));
   queue->module_ = module;
   return queue;
 }
@@ -209,9 +213,13 @@ std::string QVQueue::toJson() const {
   // A queue read back from the cache is sent again exactly as it was stored.
   if (jsonPayload_) return *jsonPayload_;
   try {
-    return writeJson();
+    std::size_t written = 0;
+    std::string text = writeJson(written);
+    messagesInPayload_.store(written, std::memory_order_relaxed);
+    return text;
   } catch (const std::exception&) {
     // Out of memory: still a payload, never an empty body.
+    messagesInPayload_.store(0, std::memory_order_relaxed);
     return emptyPayload(serialNumber());
   }
 }
@@ -228,7 +236,7 @@ std::string QVQueue::emptyPayload(int32_t serial) {
 // The text of jsonDictionary(), written session by session instead of from
 // one tree: a queue of many messages would otherwise be built whole, then
 // written, then freed, which costs several times the writing itself.
-std::string QVQueue::writeJson() const {
+std::string QVQueue::writeJson(std::size_t& written) const {
   // Read before the sessions, in the order jsonDictionary() reads them.
   const int32_t serial = serialNumber();
   std::vector<std::shared_ptr<QVSession>> sessions;
@@ -246,7 +254,9 @@ std::string QVQueue::writeJson() const {
     // memory leaves one out, and the others still go.
     const std::size_t before = out.size();
     if (!first) out += ',';
-    if (session->appendJson(out)) {
+    std::size_t messages = 0;
+    if (session->appendJson(out, &messages)) {
+      written += messages;
       first = false;
     } else {
       out.resize(before);
@@ -311,6 +321,19 @@ void QVQueue::setSessions(SessionList sessions) {
   sessions_ = std::move(unique);
   snapshotCut_.reset();
   reindexLocked();
+}
+
+std::size_t QVQueue::messageCount() const {
+  if (jsonPayload_) return carriedMessages_;
+  std::size_t count = 0;
+  for (const auto& entry : sessions()) count += entry.second->messageCount();
+  return count;
+}
+
+std::size_t QVQueue::messagesInPayload() const {
+  if (jsonPayload_) return carriedMessages_;
+  const std::size_t written = messagesInPayload_.load(std::memory_order_relaxed);
+  return written == kNoPayloadYet ? messageCount() : written;
 }
 
 std::size_t QVQueue::sessionCount() const {

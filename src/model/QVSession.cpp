@@ -41,6 +41,8 @@ struct QVSession::Writer {
 
   std::string& out;
   QVJsonWriter json;
+  // How many messages the text holds once written.
+  std::size_t messages = 0;
 };
 
 QVSession::QVSession()
@@ -123,11 +125,12 @@ QVValue QVSession::jsonDictionary() const {
 
 std::string QVSession::toJson() const { return QVCoreExtensions::toJson(jsonDictionary()); }
 
-bool QVSession::appendJson(std::string& out) const {
+bool QVSession::appendJson(std::string& out, std::size_t* messagesWritten) const {
   const std::size_t start = out.size();
   try {
     Writer writer(out);
     writeMembers(writer);
+    if (messagesWritten) *messagesWritten = writer.messages;
     return true;
   } catch (...) {
     // Out of memory: the session is left out, the text as it was.
@@ -206,6 +209,7 @@ bool QVSession::writeMessages(Writer& writer) const {
     writer.json.value(dict);
   }
   out += ']';
+  writer.messages = list->size();
   return true;
 }
 

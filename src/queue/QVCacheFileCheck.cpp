@@ -3,6 +3,7 @@
 #include <exception>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "qvcore/platform/QVPropertyList.h"
 #include "qvcore/platform/QVValue.h"
@@ -11,7 +12,8 @@ namespace qv {
 
 namespace {
 
-// Notes the kind of each value at the top level of a dictionary, by key.
+// Notes the kind of each value at the top level of a dictionary, by key, and
+// counts the entries of every session's "messages".
 class TopLevelShape : public nlohmann::json_sax<QVValue> {
  public:
   enum Kind { kString = 1, kNumber = 2, kArray = 4 };
@@ -29,6 +31,7 @@ class TopLevelShape : public nlohmann::json_sax<QVValue> {
   bool end_array() override { return close(); }
   bool key(string_t& name) override {
     if (depth_ == 1) key_ = name;
+    lastKey_ = name;
     return true;
   }
   bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
@@ -36,45 +39,69 @@ class TopLevelShape : public nlohmann::json_sax<QVValue> {
   }
 
   bool topIsObject() const { return topIsObject_; }
+  std::size_t messages() const { return messages_; }
   bool has(Kind kind, const char* name) const {
     const auto found = kinds_.find(name);
     return found != kinds_.end() && found->second == kind;
   }
 
  private:
+  // What an open container is to the payload.
+  enum Role : char { kOther, kSessions, kSession, kMessages };
+
   bool value(int kind) {
     if (depth_ == 1) kinds_[key_] = kind;
+    countElement();
     return depth_ > 0;  // a bare scalar is not a dictionary: stop at once
   }
   bool open(int kind, bool object) {
     if (depth_ == 0) topIsObject_ = object;
     if (depth_ == 1) kinds_[key_] = kind;
+    countElement();
+    roles_.push_back(roleOfNew(object));
     return ++depth_ <= QVPropertyList::kMaxNestingDepth;
   }
   bool close() {
     --depth_;
+    roles_.pop_back();
     return true;
+  }
+  Role roleOfNew(bool object) const {
+    const Role parent = roles_.empty() ? kOther : roles_.back();
+    if (depth_ == 1 && !object && key_ == "sessions") return kSessions;
+    if (parent == kSessions && object) return kSession;
+    if (parent == kSession && !object && lastKey_ == "messages") return kMessages;
+    return kOther;
+  }
+  void countElement() {
+    if (!roles_.empty() && roles_.back() == kMessages) ++messages_;
   }
 
   int depth_ = 0;
   bool topIsObject_ = false;
   std::string key_;
+  std::string lastKey_;
+  std::vector<Role> roles_;
+  std::size_t messages_ = 0;
   std::map<std::string, int> kinds_;
 };
 
 }  // namespace
 
-bool isCachedQueueText(std::string_view text, bool messageAllowed) {
+std::optional<std::size_t> cachedQueueMessageCount(std::string_view text, bool messageAllowed) {
   TopLevelShape shape;
   try {
-    if (!QVValue::sax_parse(text, &shape) || !shape.topIsObject()) return false;
+    if (!QVValue::sax_parse(text, &shape) || !shape.topIsObject()) return std::nullopt;
   } catch (const std::exception&) {
-    return false;
+    return std::nullopt;
   }
-  const bool queue = shape.has(TopLevelShape::kString, "messageVersion") &&
-                     shape.has(TopLevelShape::kNumber, "serialNumber") &&
-                     shape.has(TopLevelShape::kArray, "sessions");
-  return queue || (messageAllowed && shape.has(TopLevelShape::kNumber, "offset"));
+  if (shape.has(TopLevelShape::kString, "messageVersion") &&
+      shape.has(TopLevelShape::kNumber, "serialNumber") &&
+      shape.has(TopLevelShape::kArray, "sessions")) {
+    return shape.messages();
+  }
+  if (messageAllowed && shape.has(TopLevelShape::kNumber, "offset")) return 1;
+  return std::nullopt;
 }
 
 }  // namespace qv

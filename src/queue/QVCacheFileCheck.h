@@ -1,19 +1,23 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string_view>
 
 namespace qv {
 
-// Whether text is what the queue service writes into a cache file, so that
-// a file it did not write is never posted:
+// How many messages text carries when it is what the queue service writes
+// into a cache file (the entries of every session's "messages"; 1 for one
+// message's JSON), and none when it is not, so that a file the service did
+// not write is never posted:
 // - a queue's payload: a JSON dictionary holding "messageVersion" (a
 //   string), "serialNumber" (a number) and "sessions" (an array);
 // - when messageAllowed (the module posts URL-encoded, one message a post):
 //   also one message's JSON, a dictionary holding "offset" (a number).
-// Other keys are allowed and the sessions are not inspected: the check is
-// one streaming pass over the text that builds nothing, so a file near the
-// size limit costs no more memory than its text. Nesting deeper than a
-// property list may go is refused.
-bool isCachedQueueText(std::string_view text, bool messageAllowed);
+// Other keys are allowed and the sessions are not checked, only counted:
+// the check is one streaming pass over the text that builds nothing, so a
+// file near the size limit costs no more memory than its text. Nesting
+// deeper than a property list may go is refused.
+std::optional<std::size_t> cachedQueueMessageCount(std::string_view text, bool messageAllowed);
 
 }  // namespace qv

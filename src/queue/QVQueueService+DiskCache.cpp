@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/QVDeliveryLedger.h"
 #include "platform/QVUtf8.h"
 #include "queue/QVCacheFileCheck.h"
 #include "qvcore/core/QVAppTerminationObserver.h"
@@ -75,6 +76,17 @@ bool QVQueueService::createCachedQueueFolder() {
   return QVFileSystem::createDirectoryAtPath(folder, kFolderMode);
 }
 
+bool QVQueueService::saveModuleQueueToFile(const std::shared_ptr<QVQueue>& queue) {
+  const std::shared_ptr<QVQueue> snapshot = cut(queue);
+  if (!snapshot) return false;
+  if (saveQueueToFile(snapshot)) {
+    ledgerFor(snapshot).addCached(messagesPosted(snapshot));
+    return true;
+  }
+  appendToSendList(snapshot);
+  return false;
+}
+
 bool QVQueueService::saveQueueToFile(const std::shared_ptr<QVQueue>& queue) {
   try {
     const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
@@ -113,13 +125,31 @@ void QVQueueService::recoverSavedQueues() {
       // Folders, FIFOs and devices are not the service's to read or delete.
     }
   }
-  // Files of unknown modules, unreadable ones, and texts that are not what
-  // saveQueueToFile writes are gone already: dropped, never posted.
-  for (auto& [name, text] : files) {
-    auto module = moduleFromFilePath(name);
-    if (!module || !text || !isCachedQueueText(*text, postsURLEncoded(module))) continue;
-    appendToSendList(QVQueue::initWithJSONAndModule(std::move(*text), module));
+  for (auto& [name, text] : files) recoverFile(name, std::move(text));
+}
+
+// Files of unknown modules, unreadable ones, and texts that are not what
+// saveQueueToFile writes are gone already: dropped, never posted. Each is
+// counted under the module its name gives, as recovered and dropped, so
+// that the ledger balances whichever process cached it.
+void QVQueueService::recoverFile(const std::string& name, std::optional<std::string> text) {
+  const auto module = moduleFromFilePath(name);
+  const std::optional<std::size_t> messages =
+      text && module ? cachedQueueMessageCount(*text, postsURLEncoded(module)) : std::nullopt;
+  const std::string ledgerName = module ? module->className() : name.substr(0, name.find('_'));
+  QVModuleLedger& ledger = QVDeliveryLedger::shared().module(ledgerName);
+  if (!messages) {
+    // What a file that is no queue held cannot be known: it counts as one.
+    std::optional<std::size_t> found;
+    if (text) found = cachedQueueMessageCount(*text, true);
+    const uint64_t lost = std::max<std::size_t>(found.value_or(1), 1);
+    ledger.addRecovered(lost);
+    ledger.addDropped(module ? QVDropReason::kCacheFileUnreadable : QVDropReason::kUnknownModule,
+                      lost);
+    return;
   }
+  ledger.addRecovered(*messages);
+  appendToSendList(QVQueue::initWithJSONAndModule(std::move(*text), module, *messages));
 }
 
 std::shared_ptr<QVLifecycleObject> QVQueueService::moduleFromFilePath(

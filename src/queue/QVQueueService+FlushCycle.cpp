@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "core/QVDeliveryLedger.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
@@ -113,13 +114,24 @@ void QVQueueService::flushURLQueue(const std::shared_ptr<QVQueue>& queue) {
     const auto snapshot = cut(queue);
     if (!snapshot) return;
     for (const auto& [id, session] : snapshot->sessions()) {
-      for (const auto& message : session->messages()) {
-        appendToSendList(QVQueue::initWithJSONAndModule(message->toJson(), module));
-        if (!isConnectionBusy()) continueFlush();
-      }
+      for (const auto& message : session->messages()) splitOff(message, module);
     }
   } catch (const std::exception&) {
   }
+}
+
+void QVQueueService::splitOff(const std::shared_ptr<QVMessage>& message,
+                              const std::shared_ptr<QVLifecycleObject>& module) {
+  std::string json;
+  try {
+    json = message->toJson();
+  } catch (const std::exception&) {
+    // A module that cannot describe its message costs that message only.
+    ledgerFor(module).addDropped(QVDropReason::kInvalidMessage, 1);
+    return;
+  }
+  appendToSendList(QVQueue::initWithJSONAndModule(std::move(json), module));
+  if (!isConnectionBusy()) continueFlush();
 }
 
 void QVQueueService::continueFlush() {
@@ -208,12 +220,22 @@ void QVQueueService::flushFinishedForQueue(const std::shared_ptr<QVQueue>& queue
 }
 
 void QVQueueService::flushCompletedForQueue(const std::shared_ptr<QVQueue>& queue) {
+  ledgerFor(queue).addSent(messagesPosted(queue));
   flushFinishedForQueue(queue);
 }
 
 void QVQueueService::flushFailedForQueue(const std::shared_ptr<QVQueue>& queue) {
+  QVModuleLedger& ledger = ledgerFor(queue);
+  const uint64_t posted = messagesPosted(queue);
+  ledger.addFailed(posted);
   // Not retried in this cycle: the file brings it back at the next flush.
-  if (QVConfigService::sharedInstance()->isHasToPersistLocalCacheEnabled()) saveQueueToFile(queue);
+  if (!QVConfigService::sharedInstance()->isHasToPersistLocalCacheEnabled()) {
+    ledger.addDropped(QVDropReason::kCachingOff, posted);
+  } else if (saveQueueToFile(queue)) {
+    ledger.addCached(posted);
+  } else {
+    ledger.addDropped(QVDropReason::kCacheWriteFailed, posted);
+  }
   flushFinishedForQueue(queue);
 }
 
@@ -222,7 +244,18 @@ void QVQueueService::flushRejectedForQueue(const std::shared_ptr<QVQueue>& queue
   const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
   QVLog::log("QVCore: dropped a post of module " + (module ? module->className() : "(gone)") +
              " that can never be sent: " + reason);
+  ledgerFor(queue).addDropped(QVDropReason::kRequestNotBuildable, messagesPosted(queue));
   flushFinishedForQueue(queue);
+}
+
+uint64_t QVQueueService::messagesPosted(const std::shared_ptr<QVQueue>& queue) {
+  if (!queue) return 0;
+  const std::size_t carried = queue->messageCount();
+  const std::size_t posted = std::min(queue->messagesInPayload(), carried);
+  if (posted < carried) {
+    ledgerFor(queue).addDropped(QVDropReason::kInvalidMessage, carried - posted);
+  }
+  return posted;
 }
 
 std::shared_ptr<QVMutableURLRequest> QVQueueService::beforeFlushingRequestForQueue(

@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "core/QVDeliveryLedger.h"
 #include "platform/QVApplicationIdentifier.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/model/QVQueue.h"
@@ -16,20 +17,25 @@ namespace qv {
 
 namespace {
 
-// The queues a thread posted to last, by module class name. A queue, once
-// filed, is never replaced or removed, and the service is never destroyed,
-// so the addresses stay valid and the lookup needs no lock.
+// The queues a thread posted to last, by module class name, with their
+// modules' ledgers. A queue, once filed, is never replaced or removed, the
+// service is never destroyed and ledger entries are never removed either, so
+// the addresses stay valid and the lookup needs no lock.
 class RecentQueues {
  public:
-  QVQueue* find(const QVQueueService* service, const std::string& name) const {
+  using Found = std::pair<QVQueue*, QVModuleLedger*>;
+
+  Found find(const QVQueueService* service, const std::string& name) const {
     for (const auto& entry : entries_) {
-      if (entry.queue && entry.service == service && entry.name == name) return entry.queue;
+      if (entry.queue && entry.service == service && entry.name == name) {
+        return {entry.queue, entry.ledger};
+      }
     }
-    return nullptr;
+    return {nullptr, nullptr};
   }
 
-  void add(const QVQueueService* service, const std::string& name, QVQueue* queue) {
-    entries_[next_] = {service, name, queue};
+  void add(const QVQueueService* service, const std::string& name, Found found) {
+    entries_[next_] = {service, name, found.first, found.second};
     next_ = (next_ + 1) % entries_.size();
   }
 
@@ -38,6 +44,7 @@ class RecentQueues {
     const QVQueueService* service = nullptr;
     std::string name;
     QVQueue* queue = nullptr;
+    QVModuleLedger* ledger = nullptr;
   };
   std::array<Entry, 4> entries_;
   std::size_t next_ = 0;
@@ -95,12 +102,15 @@ bool QVQueueService::disable() {
   return true;
 }
 
-QVQueue* QVQueueService::moduleQueueFor(const std::shared_ptr<QVLifecycleObject>& module) {
+std::pair<QVQueue*, QVModuleLedger*> QVQueueService::moduleQueueFor(
+    const std::shared_ptr<QVLifecycleObject>& module) {
   const std::string name = module->className();
-  if (QVQueue* queue = recentQueues.find(this, name)) return queue;
+  if (const auto found = recentQueues.find(this, name); found.first) return found;
   QVQueue* queue = filedQueueFor(name, module).get();
-  if (queue) recentQueues.add(this, name, queue);
-  return queue;
+  if (!queue) return {nullptr, nullptr};
+  const std::pair found{queue, &QVDeliveryLedger::shared().module(name)};
+  recentQueues.add(this, name, found);
+  return found;
 }
 
 std::shared_ptr<QVQueue> QVQueueService::filedQueueFor(const std::string& name,
@@ -122,8 +132,12 @@ bool QVQueueService::postMessageForModuleWithSessionID(
     std::shared_ptr<QVMessage> message, const std::shared_ptr<QVLifecycleObject>& module,
     std::optional<std::string> sessionID) {
   if (!module) return false;
-  QVQueue* queue = moduleQueueFor(module);
-  return queue && queue->postMessageToSessionID(std::move(message), std::move(sessionID));
+  const auto [queue, ledger] = moduleQueueFor(module);
+  if (!queue || !queue->postMessageToSessionID(std::move(message), std::move(sessionID))) {
+    return false;
+  }
+  ledger->addAccepted();
+  return true;
 }
 
 uint64_t QVQueueService::getCurrentSessionStartTimeForModule(
@@ -149,6 +163,36 @@ bool QVQueueService::isManualPostingEnabled() const {
 QVQueueService::ModuleQueues QVQueueService::moduleQueues() const {
   std::lock_guard lock(queuesMutex_);
   return moduleQueues_;
+}
+
+QVLedgerSnapshot QVQueueService::ledgerSnapshot() const {
+  QVLedgerSnapshot snapshot = QVDeliveryLedger::shared().snapshot();
+  for (const auto& [name, queue] : moduleQueues()) {
+    snapshot.modules[name].queued += queue->messageCount();
+  }
+  std::lock_guard lock(sendListMutex_);
+  for (std::size_t i = 0; i < cachedQueues_.size(); ++i) {
+    const auto& queue = cachedQueues_[i];
+    QVLedgerCounts& counts = snapshot.modules[ledgerName(queue)];
+    // Only the head is ever handed to the connection.
+    (i == 0 && offering_ ? counts.inFlight : counts.queued) += queue->messageCount();
+  }
+  return snapshot;
+}
+
+void QVQueueService::resetLedger() { QVDeliveryLedger::shared().reset(); }
+
+std::string QVQueueService::ledgerName(const std::shared_ptr<QVQueue>& queue) {
+  const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
+  return module ? module->className() : "(gone)";
+}
+
+QVModuleLedger& QVQueueService::ledgerFor(const std::shared_ptr<QVQueue>& queue) {
+  return QVDeliveryLedger::shared().module(ledgerName(queue));
+}
+
+QVModuleLedger& QVQueueService::ledgerFor(const std::shared_ptr<QVLifecycleObject>& module) {
+  return QVDeliveryLedger::shared().module(module ? module->className() : "(gone)");
 }
 
 QVQueueService::SendList QVQueueService::cachedQueues() const {

@@ -43,6 +43,8 @@ Messages and flushes
   flush                       ask for a flush of every queue
   wait-flush [SECONDS]        true once a flush cycle has ended since the last
                               wait (waiting up to SECONDS, default 10), else false
+  ledger [MODULE]             the delivery ledger (every module, or one) as
+                              one line of JSON
   run SECONDS                 run the main run loop that long
 Configuration
   config get MODULE KEY       a configuration item as JSON, or none

@@ -186,6 +186,15 @@ void QVShell::addFlushCommands() {
         line.positional().empty() ? 10.0 : parseSeconds(line.positional()[0].value, "wait-flush");
     return waitForFlush(seconds);
   });
+  addCommand("ledger", [](const QVShellLine& line) {
+    expectArguments(line, 0, 1);
+    const auto core = QVCore::sharedInstance();
+    if (line.positional().empty()) return core->ledgerSnapshot().toJson();
+    QVLedgerSnapshot one;
+    const std::string& name = line.positional()[0].value;
+    one.modules[name] = core->ledgerSnapshotForModuleName(name).value_or(QVLedgerCounts{});
+    return one.toJson();
+  });
   addCommand("run", [](const QVShellLine& line) {
     expectArguments(line, 1, 1);
     QVRunLoop::main().runFor(duration(parseSeconds(line.positional()[0].value, "run")));

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "qvcore/QVExport.h"
+#include "qvcore/core/QVLedgerSnapshot.h"
 #include "qvcore/core/QVLifecycleObject.h"
 #include "qvcore/platform/QVNotification.h"
 #include "qvcore/platform/QVValue.h"
@@ -49,6 +50,20 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
                                              const std::string& name,
                                              const std::optional<std::string>& sessionID);
   bool canPostMessage(const QVMessage* message) const;
+
+  // The delivery ledger: per module class name, what became of every
+  // message posted (accepted or refused) and of every message read back
+  // from the cache, with what is queued and in flight now. Counted for the
+  // life of the process: neither disable nor sleep resets it (the queued
+  // messages stay too), and nothing of it survives a restart. A host that
+  // wants to watch polls it; no notification is posted per change. Safe
+  // from any thread; a snapshot taken while posts or a flush run may be
+  // off balance by what is under way.
+  QVLedgerSnapshot ledgerSnapshot() const;
+  // One module's counts; none when nothing was counted for it.
+  std::optional<QVLedgerCounts> ledgerSnapshotForModuleName(const std::string& name) const;
+  // Zeroes the counts, for tests; see QVQueueService::resetLedger.
+  void resetLedger();
 
   void flushQueues();
   // Ends the crash handler's wait for a flush; does nothing before a crash.
@@ -148,6 +163,9 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
  private:
   QVCore();
 
+  // The posting path, refusals uncounted.
+  bool admitMessage(std::shared_ptr<QVMessage> message, const std::string& name,
+                    const std::optional<std::string>& sessionID);
   std::shared_ptr<QVLifecycleObject> registeredModule(const std::string& name) const;
   // The module as registered in the calling thread's copy of the registry;
   // valid until that thread reads the registry again.

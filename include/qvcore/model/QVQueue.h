@@ -48,9 +48,11 @@ class QV_EXPORT QVQueue {
 
   static std::shared_ptr<QVQueue> initForModule(std::shared_ptr<QVLifecycleObject> module);
   // A queue read back from the cache: toJson() answers jsonPayload as it is,
-  // whatever is posted to the queue afterwards.
+  // whatever is posted to the queue afterwards. messageCount is how many
+  // messages the payload carries, for the delivery ledger.
   static std::shared_ptr<QVQueue> initWithJSONAndModule(std::string jsonPayload,
-                                                        std::shared_ptr<QVLifecycleObject> module);
+                                                        std::shared_ptr<QVLifecycleObject> module,
+                                                        std::size_t messageCount = 1);
   // The copy that is sent while the live queue fills again: the same session
   // objects, serial number, current session identifier and module; a start
   // time of 0 and no cached text. Marks the sessions taken, for the next
@@ -91,6 +93,12 @@ class QV_EXPORT QVQueue {
   // null sessions are left out.
   void setSessions(SessionList sessions);
   std::size_t sessionCount() const;
+  // How many messages the queue holds: its sessions' messages, or what its
+  // cached payload carries.
+  std::size_t messageCount() const;
+  // How many of them the last toJson() wrote (a message whose module cannot
+  // describe it is left out); messageCount() until a payload is written.
+  std::size_t messagesInPayload() const;
   bool isEmpty() const { return sessionCount() == 0; }
   // Identifier of the session that last received a message; none when empty.
   std::optional<std::string> currentSessionID() const;
@@ -100,14 +108,16 @@ class QV_EXPORT QVQueue {
   void setSerialNumber(int32_t serialNumber);
 
  private:
-  QVQueue(std::optional<std::string> jsonPayload, std::string currentSessionID);
+  QVQueue(std::optional<std::string> jsonPayload, std::string currentSessionID,
+          std::size_t carriedMessages = 0);
 
   // The live session filed under id, or null; closed sessions count as none.
   std::shared_ptr<QVSession> findLocked(const std::string& id) const;
   // Files session under id, last; a closed session of that id leaves.
   void insertLocked(const std::string& id, std::shared_ptr<QVSession> session);
   void reindexLocked();
-  std::string writeJson() const;
+  // The payload, and how many messages it holds.
+  std::string writeJson(std::size_t& written) const;
   // The payload of a queue without sessions.
   static std::string emptyPayload(int32_t serial);
   std::shared_ptr<QVSession> lookUp(const std::optional<std::string>& sessionID, bool makeCurrent);
@@ -119,6 +129,9 @@ class QV_EXPORT QVQueue {
                             const std::optional<std::string>& sessionID);
 
   const std::optional<std::string> jsonPayload_;
+  const std::size_t carriedMessages_;  // by jsonPayload_
+  static constexpr std::size_t kNoPayloadYet = static_cast<std::size_t>(-1);
+  mutable std::atomic<std::size_t> messagesInPayload_{kNoPayloadYet};
   std::atomic<int32_t> serialNumber_{1};
   std::atomic<uint64_t> currentSessionStartTime_{0};
 

@@ -67,8 +67,9 @@ class QV_EXPORT QVSession {
   // it always writes: NaN, infinity and binary data become null and each
   // sequence that is not UTF-8 becomes U+FFFD, so one bad value costs
   // itself, not the payload. False, with out as it was, only when memory
-  // runs out.
-  bool appendJson(std::string& out) const;
+  // runs out. messagesWritten, when given, receives how many messages the
+  // text holds: none when a message's jsonDictionary() threw.
+  bool appendJson(std::string& out, std::size_t* messagesWritten = nullptr) const;
 
   std::optional<std::string> coreSessionID() const;
   void setCoreSessionID(std::optional<std::string> coreSessionID);

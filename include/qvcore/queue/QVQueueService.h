@@ -7,15 +7,18 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qvcore/QVExport.h"
+#include "qvcore/core/QVLedgerSnapshot.h"
 #include "qvcore/core/QVLifecycleObject.h"
 #include "qvcore/queue/QVConnectionDelegate.h"
 
 namespace qv {
 
 class QVMessage;
+class QVModuleLedger;
 class QVQueue;
 class QVRepeatingTimer;
 class QVSerialQueue;
@@ -80,7 +83,8 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
 
   // Adds the message to the queue of the module's class (made on first
   // use), under sessionID or, when absent, the queue's current session.
-  // Works whether or not the service is enabled; the queue's answer.
+  // Works whether or not the service is enabled; the queue's answer. A
+  // message accepted is counted in the module's ledger.
   bool postMessageForModuleWithSessionID(std::shared_ptr<QVMessage> message,
                                          const std::shared_ptr<QVLifecycleObject>& module,
                                          std::optional<std::string> sessionID);
@@ -146,6 +150,12 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // first when missing (a phone's platform guarantees it; a Linux data
   // folder may not exist yet), then the cache folder alone, mode 0700.
   bool createCachedQueueFolder();
+  // Cuts the module's live queue and writes what it held to the cache
+  // (saveQueueToFile), counted as cached, so that the messages saved are
+  // no longer in memory to be sent a second time should the process live
+  // on. When the write fails they go onto the send list instead. False
+  // when nothing was written.
+  bool saveModuleQueueToFile(const std::shared_ptr<QVQueue>& queue);
   // Writes the queue's JSON text atomically, mode 0600, into the cache
   // folder, which must exist and not be a symbolic link (the read-back would
   // never look there). False when that fails, when the queue has no JSON
@@ -175,6 +185,16 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // calling thread, then runs the calling thread's run loop in steps of
   // 0.1 s for as long as a post is in flight. No overall time limit.
   void flushBRVApplicationWillTerminateQueues();
+
+  // ---- delivery ledger ----------------------------------------------------
+
+  // The counted outcomes of every module (see QVLedgerSnapshot), with what
+  // is queued and in flight now: the messages of the live queues and of the
+  // send list, the head counted in flight while its post is under way.
+  QVLedgerSnapshot ledgerSnapshot() const;
+  // Zeroes the counts, for tests. The balance holds again from a reset made
+  // while nothing is queued or in flight.
+  void resetLedger();
 
   // ---- accessors ---------------------------------------------------------
 
@@ -218,15 +238,29 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
  private:
   QVQueueService();
 
-  // The queue of the module's class, made and filed on first use; valid for
-  // the life of the service.
-  QVQueue* moduleQueueFor(const std::shared_ptr<QVLifecycleObject>& module);
+  // The queue of the module's class, made and filed on first use, and the
+  // module's ledger; both valid for the life of the process.
+  std::pair<QVQueue*, QVModuleLedger*> moduleQueueFor(
+      const std::shared_ptr<QVLifecycleObject>& module);
   std::shared_ptr<QVQueue> filedQueueFor(const std::string& name,
                                          std::shared_ptr<QVLifecycleObject> module);
   // The snapshot to send, taken and cut from the live queue in one step;
   // null when the queue holds no session.
   std::shared_ptr<QVQueue> cut(const std::shared_ptr<QVQueue>& queue);
   void appendToSendList(std::shared_ptr<QVQueue> queue);
+  // Puts one message of a URL-encoded module on the send list as its own
+  // entry; a message its module cannot describe is dropped and counted.
+  void splitOff(const std::shared_ptr<QVMessage>& message,
+                const std::shared_ptr<QVLifecycleObject>& module);
+  // How many of the queue's messages its post carried; those its payload
+  // left out are counted as dropped.
+  static uint64_t messagesPosted(const std::shared_ptr<QVQueue>& queue);
+  static std::string ledgerName(const std::shared_ptr<QVQueue>& queue);
+  static QVModuleLedger& ledgerFor(const std::shared_ptr<QVQueue>& queue);
+  static QVModuleLedger& ledgerFor(const std::shared_ptr<QVLifecycleObject>& module);
+  // Reads one listed cache file back onto the send list, counting what it
+  // held as recovered, and as dropped when it cannot be posted.
+  void recoverFile(const std::string& name, std::optional<std::string> text);
   bool hasQueuedPosts() const;
   // The module's "URLEncoded" item as a boolean, the way the connection
   // reads it, so that the service and the connection agree.
