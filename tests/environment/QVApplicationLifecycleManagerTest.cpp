@@ -12,6 +12,7 @@
 #include "qvcore/core/QVAppTerminationObserver.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/model/QVMessage.h"
+#include "qvcore/model/QVQueue.h"
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVFakeClock.h"
 #include "qvcore/platform/QVFileSystem.h"
@@ -218,6 +219,9 @@ TEST_F(QVApplicationLifecycleManagerTest, TerminatingSavesEveryModuleQueueAndSen
   }
   EXPECT_EQ(modules, (std::multiset<std::string>{"Alpha", "Beta", "Gamma"}));
   EXPECT_EQ(session->taskCount(), 0u);
+  // What was saved is no longer queued, so a process that lives on sends
+  // it once, from the files.
+  for (const auto& [name, queue] : service->moduleQueues()) EXPECT_TRUE(queue->isEmpty()) << name;
 }
 
 TEST_F(QVApplicationLifecycleManagerTest, StoppingNeedsNoStartAndTheServiceKeepsOneManager) {

@@ -206,6 +206,27 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
   std::vector<std::string> cachedFiles() const {
     return test::namesIn(service_->cachedQueuesDirectory());
   }
+  // The client's own account: every accepted message sent once, the failed
+  // posts' messages cached and read back, nothing dropped or left.
+  void expectLedger(uint64_t cachedMessages) const {
+    const QVLedgerSnapshot ledger = core_->ledgerSnapshot();
+    EXPECT_TRUE(ledger.balances()) << ledger.toJson();
+    QVLedgerCounts all;
+    for (const auto& [name, counts] : ledger.modules) {
+      all.accepted += counts.accepted;
+      all.sent += counts.sent;
+      all.failed += counts.failed;
+      all.cached += counts.cached;
+      all.recovered += counts.recovered;
+      all.queued += counts.queued + counts.inFlight + counts.droppedTotal();
+    }
+    EXPECT_EQ(all.accepted, accepted_.size()) << ledger.toJson();
+    EXPECT_EQ(all.sent, accepted_.size()) << ledger.toJson();
+    EXPECT_EQ(all.failed, cachedMessages) << ledger.toJson();
+    EXPECT_EQ(all.cached, cachedMessages) << ledger.toJson();
+    EXPECT_EQ(all.recovered, cachedMessages) << ledger.toJson();
+    EXPECT_EQ(all.queued, 0u) << "queued, in flight or dropped: " << ledger.toJson();
+  }
   bool waitFor(const std::function<bool()>& predicate) {
     return QVRunLoop::main().runUntil(predicate, 30s);
   }
@@ -269,6 +290,7 @@ TEST_P(QVFaultMatrixTest, EveryAcceptedMessageArrivesAndOnlyALostAnswerDuplicate
   EXPECT_EQ(distinct, accepted_) << "every accepted message, and nothing else";
   EXPECT_EQ(repeated, lostAnswer) << "duplicates: the post whose answer was lost, only";
   EXPECT_EQ(got.size(), accepted_.size() + lostAnswer.size()) << "none more than twice";
+  expectLedger(failedPosts * (json() ? kPerModule : 1));
 }
 
 std::string rowName(const testing::TestParamInfo<std::tuple<FaultRow, Path>>& info) {

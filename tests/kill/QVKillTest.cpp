@@ -98,9 +98,13 @@ TEST(QVKillTest, Child) {
   ASSERT_TRUE(core->enableModule(kModule));
   if (posting) {
     postUntilKilled(*core, numberFromEnvironment(kBaseVariable, 0));
-  } else {
-    sendWhatWasCached();
+    return;
   }
+  sendWhatWasCached();
+  // The parent compares the recovering child's own account with the server.
+  const QVLedgerSnapshot ledger = core->ledgerSnapshot();
+  EXPECT_TRUE(ledger.balances()) << ledger.toJson();
+  std::cout << "ledger " << ledger.toJson() << std::endl;
 }
 
 // ---- the parent's side ------------------------------------------------------
@@ -208,6 +212,9 @@ class QVKillRun {
     recoveryRequests_ = recovery_.requests().size();
     tally_.recovered += recovered.size();
     EXPECT_EQ(sorted(recovered), sorted(cached)) << "what the cache held is what was sent";
+    const QVValue ledger = recoveryLedger();
+    EXPECT_EQ(ledger.value("recovered", uint64_t{0}), cached.size()) << ledger.dump();
+    EXPECT_EQ(ledger.value("sent", uint64_t{0}), recovered.size()) << ledger.dump();
     EXPECT_EQ(test::namesIn(cacheFolder()), std::vector<std::string>{})
         << "recovery empties the cache folder";
     Offsets seen = receivedMessages(server.requests(), 0, refused, tally_);
@@ -255,6 +262,15 @@ class QVKillRun {
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << log("recover.log");
   }
 
+  // The module's counts, as the last recovering child printed them.
+  QVValue recoveryLedger() const {
+    const std::string text = log("recover.log");
+    const auto line = text.rfind("ledger ");
+    EXPECT_NE(line, std::string::npos) << text;
+    if (line == std::string::npos) return QVValue::object();
+    const QVValue all = QVValue::parse(text.substr(line + 7, text.find('\n', line) - line - 7));
+    return all.value(kModule, QVValue::object());
+  }
   std::string log(const std::string& name) const {
     return QVFileSystem::contentsAtPath(folder_.at(name), 1 << 20).value_or("");
   }

@@ -229,6 +229,23 @@ TEST_F(QVSoakTest, EveryAcceptedMessageArrivesExactlyOnceWhileFlushesRace) {
   EXPECT_EQ(duplicated, 0u);
   EXPECT_EQ(unasked, 0u);
   EXPECT_EQ(misrouted_, 0u);
+
+  // The client's own account agrees, module by module.
+  const QVLedgerSnapshot ledger = core_->ledgerSnapshot();
+  EXPECT_TRUE(ledger.balances()) << ledger.toJson();
+  uint64_t counted = 0;
+  for (int module = 0; module < kModuleCount; ++module) {
+    uint64_t acceptedHere = 0;
+    for (uint64_t index = 0; index < total_; ++index) {
+      acceptedHere += accepted_[index] && moduleOf(index) == module;
+    }
+    const QVLedgerCounts& c = ledger.modules.at(kNames[module]);
+    EXPECT_EQ(c.accepted, acceptedHere) << kNames[module];
+    EXPECT_EQ(c.sent, acceptedHere) << kNames[module];
+    EXPECT_EQ(c.droppedTotal() + c.queued + c.inFlight + c.failed, 0u) << ledger.toJson();
+    counted += c.accepted + c.refused;
+  }
+  EXPECT_EQ(counted, total_) << "every post counted once, accepted or refused";
 }
 
 }  // namespace
