@@ -380,6 +380,16 @@ bool QVConfigService::isManualPostingEnabled() { return coreBool(keys::kManualPo
 // Deliberately not the typed reader: a missing item means on, and a present
 // item of any type gives its own boolean value (a string is interpreted, not
 // replaced by the default). Any failure means off.
+bool QVConfigService::isURLEncodedForModule(const ModuleRef& module) {
+  if (!module) return false;
+  try {
+    const std::optional<QVValue> item = getConfigItemForLifecycleObject(keys::kURLEncoded, module);
+    return item && QVValues::boolValue(*item);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 bool QVConfigService::isCompressPostMessageEnabled() {
   try {
     std::optional<QVValue> item = coreItem(keys::kCompressPostMessage);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/QVDeliveryLedger.h"
+#include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/environment/QVNetworkManager.h"
@@ -76,7 +77,8 @@ const PostingLimits& postingLimits() {
   thread_local PostingLimits limits;
   const uint64_t now = configService()->generation();
   if (limits.generation == now) return limits;
-  limits = {0, postingLimit("PostMessageLevelWiFi"), postingLimit("PostMessageLevelCellular")};
+  limits = {0, postingLimit(QVConfigKeys::kPostMessageLevelWiFi),
+            postingLimit(QVConfigKeys::kPostMessageLevelCellular)};
   if (configService()->isConfigStored(coreModule()->className()) &&
       configService()->generation() == now) {
     limits.generation = now;
@@ -336,8 +338,8 @@ void QVCore::networkConnectivityHasChanged(const QVNotification&) {
   switch (currentNetworkStatus()) {
     case 3:
       // Deliberately 2, not the cellular accessor's default of 3.
-      value = config->getNumberItemForWithDefaultForModule("PostMessageLevelCellular", 2,
-                                                           sharedInstance());
+      value = config->getNumberItemForWithDefaultForModule(QVConfigKeys::kPostMessageLevelCellular,
+                                                           2, sharedInstance());
       break;
     case 2:
       value = config->postMessageLevelWifi();
@@ -417,7 +419,7 @@ bool QVCore::reloadConfigForModuleName(const std::string& name) {
 
 std::optional<QVValue> QVCore::defaultLogLevel() const {
   // Raw, without the accessor's default.
-  return getConfigItemAsNumberForModuleName("LoggingLevel", className());
+  return getConfigItemAsNumberForModuleName(QVConfigKeys::kLoggingLevel, className());
 }
 
 QVValue QVCore::loggingLevel() const { return QVConfigService::sharedInstance()->loggingLevel(); }

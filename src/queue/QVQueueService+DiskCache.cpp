@@ -14,6 +14,7 @@
 #include "core/QVDeliveryLedger.h"
 #include "platform/QVUtf8.h"
 #include "queue/QVCacheFileCheck.h"
+#include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVAppTerminationObserver.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
@@ -135,7 +136,9 @@ void QVQueueService::recoverSavedQueues() {
 void QVQueueService::recoverFile(const std::string& name, std::optional<std::string> text) {
   const auto module = moduleFromFilePath(name);
   const std::optional<std::size_t> messages =
-      text && module ? cachedQueueMessageCount(*text, postsURLEncoded(module)) : std::nullopt;
+      text && module ? cachedQueueMessageCount(
+                           *text, QVConfigService::sharedInstance()->isURLEncodedForModule(module))
+                     : std::nullopt;
   const std::string ledgerName = module ? module->className() : name.substr(0, name.find('_'));
   QVModuleLedger& ledger = QVDeliveryLedger::shared().module(ledgerName);
   if (!messages) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/QVDeliveryLedger.h"
+#include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
@@ -19,20 +20,13 @@
 
 namespace qv {
 
-bool QVQueueService::postsURLEncoded(const std::shared_ptr<QVLifecycleObject>& module) {
-  if (!module) return false;
-  const auto item =
-      QVConfigService::sharedInstance()->getConfigItemForLifecycleObject("URLEncoded", module);
-  return item && QVValues::boolValue(*item);
-}
-
 bool QVQueueService::startFlushTimer() {
   try {
     if (isManualPostingEnabled()) return true;
     auto config = QVConfigService::sharedInstance();
     if (!config->isDoPostOnIntervalsEnabled()) return false;
     const QVValue interval = config->getNumberItemForWithDefaultForModule(
-        "PostMessageTimeIntervals", 30, QVCore::sharedInstance());
+        QVConfigKeys::kPostMessageTimeIntervals, 30, QVCore::sharedInstance());
     if (!QVValues::isNumber(interval)) return flushTimer() != nullptr;
     std::weak_ptr<QVQueueService> weak = weak_from_this();
     auto timer = QVRepeatingTimer::scheduledTimer(QVRunLoop::current(),
@@ -75,7 +69,7 @@ void QVQueueService::flushQueues() {
   try {
     for (const auto& [name, queue] : moduleQueues()) {
       if (!queue || queue->isEmpty()) continue;
-      if (postsURLEncoded(queue->module())) {
+      if (QVConfigService::sharedInstance()->isURLEncodedForModule(queue->module())) {
         flushURLQueue(queue);
       } else {
         flushQueue(queue);
@@ -191,7 +185,7 @@ bool QVQueueService::postHead(const std::shared_ptr<QVQueue>& queue) {
   try {
     const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
     const auto url = QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(
-        "PostMessageUrl", module);
+        QVConfigKeys::kPostMessageUrl, module);
     // Without a URL the queue stays at the head, holding up every module's
     // queues behind it until the module gets one.
     if (!url || !url->is_string() || url->get_ref<const std::string&>().empty()) return false;

@@ -117,11 +117,7 @@ void QVServerConnection::postQueueToURL(const std::shared_ptr<QVQueue>& queue,
     setCurrentQueue(queue);
     std::string json = queue->toJson();
     const std::shared_ptr<QVLifecycleObject> module = queue->module();
-    const std::optional<QVValue> urlEncoded =
-        module ? QVConfigService::sharedInstance()->getConfigItemForLifecycleObject("URLEncoded",
-                                                                                    module)
-               : std::nullopt;
-    if (urlEncoded && QVValues::boolValue(*urlEncoded)) {
+    if (QVConfigService::sharedInstance()->isURLEncodedForModule(module)) {
       urlEncodeAndPostJSONStringToURLWithSessionId(json, url, queue->currentSessionID());
     } else {
       postJSONStringToURLWithSessionId(std::move(json), url, queue->currentSessionID());

@@ -143,8 +143,15 @@ class QV_EXPORT QVConfigService : public QVLifecycleObject {
   QVValue criticalBatteryLevel();                // "CriticalBatteryLevel", 0.2
   std::optional<QVValue> libraryVersion();       // "LibraryVersion", raw
   std::optional<QVValue> messageVersion();       // "MessageVersion", raw
-  bool turnOffCorrectOrientationUpdates();       // "TurnOffCorrectOrientationUpdates", false
-  QVValue defaultOrientation();                  // "DefaultOrientation", 0
+
+  // ---- accessors of a module's own configuration ----------------------------
+
+  // The module's "URLEncoded", raw: no module or no item is false. The one
+  // reader of the item, so that the flush that splits a queue and the
+  // connection that encodes it always agree.
+  bool isURLEncodedForModule(const ModuleRef& module);
+  bool turnOffCorrectOrientationUpdates();  // "TurnOffCorrectOrientationUpdates", false
+  QVValue defaultOrientation();             // "DefaultOrientation", 0
 
   QVConfigService(const QVConfigService&) = delete;
   QVConfigService& operator=(const QVConfigService&) = delete;

@@ -262,9 +262,6 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // held as recovered, and as dropped when it cannot be posted.
   void recoverFile(const std::string& name, std::optional<std::string> text);
   bool hasQueuedPosts() const;
-  // The module's "URLEncoded" item as a boolean, the way the connection
-  // reads it, so that the service and the connection agree.
-  static bool postsURLEncoded(const std::shared_ptr<QVLifecycleObject>& module);
   // Whether a connection exists and has a post in flight.
   bool isConnectionBusy() const;
   // Hands the queue to the connection; false when it was not handed over
