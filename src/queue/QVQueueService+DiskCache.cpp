@@ -1,81 +1,29 @@
 // The files of unsent queues, and the terminate path that gives the last
 // posts time to end.
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <exception>
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "core/QVDeliveryLedger.h"
-#include "platform/QVUtf8.h"
 #include "queue/QVCacheFileCheck.h"
+#include "queue/QVQueueFileCache.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVAppTerminationObserver.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
-#include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/queue/QVQueueService.h"
 #include "qvcore/queue/QVServerConnection.h"
 
 namespace qv {
 
-namespace {
+std::string QVQueueService::cachedQueuesDirectory() const { return QVQueueFileCache::folder(); }
 
-constexpr mode_t kFolderMode = 0700;
-constexpr mode_t kFileMode = 0600;
-
-// A file larger than this is no queue the service wrote: dropped unread.
-constexpr std::size_t kMaxCacheFileBytes = 64u << 20;
-
-// Seconds since 1970 with six decimals, as the file name carries them. Each
-// call gets a later microsecond than the one before, so that two failures
-// within one microsecond never share a name and the second file never
-// replaces the first.
-std::string timeStamp() {
-  using namespace std::chrono;
-  static std::atomic<int64_t> last{0};
-  const int64_t now = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-  int64_t previous = last.load();
-  int64_t micros = 0;
-  do {
-    micros = std::max(now, previous + 1);
-  } while (!last.compare_exchange_weak(previous, micros));
-  char text[64];
-  std::snprintf(text, sizeof text, "%f", static_cast<double>(micros) / 1e6);
-  return text;
-}
-
-std::string lastPathComponent(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  const auto slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-}  // namespace
-
-std::string QVQueueService::cachedQueuesDirectory() const {
-  return QVFileSystem::stringByAppendingPathComponent(QVFileSystem::documentsDirectory(),
-                                                      "QVCoreCachedQueues");
-}
-
-bool QVQueueService::createCachedQueueFolder() {
-  const std::string folder = cachedQueuesDirectory();
-  if (QVFileSystem::isDirectoryAtPath(folder)) return true;
-  // A phone's platform guarantees the documents folder; a Linux data folder
-  // may not exist yet, so it is made here, private like everything below it.
-  const std::string documents = QVFileSystem::stringByDeletingLastPathComponent(folder);
-  if (!documents.empty() && !QVFileSystem::createDirectoryAtPath(documents, kFolderMode)) {
-    return false;
-  }
-  // Its parent exists now, so only the cache folder itself is made.
-  return QVFileSystem::createDirectoryAtPath(folder, kFolderMode);
-}
+bool QVQueueService::createCachedQueueFolder() { return QVQueueFileCache::createFolder(); }
 
 bool QVQueueService::saveModuleQueueToFile(const std::shared_ptr<QVQueue>& queue) {
   const std::shared_ptr<QVQueue> snapshot = cut(queue);
@@ -93,40 +41,14 @@ bool QVQueueService::saveQueueToFile(const std::shared_ptr<QVQueue>& queue) {
     const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
     if (!module) return false;
     const std::string json = queue->toJson();
-    if (json.empty()) return false;
-    const std::string folder = cachedQueuesDirectory();
-    if (!QVFileSystem::isDirectoryNoFollowAtPath(folder)) return false;
-    const std::string name = module->className() + "_" + timeStamp() + ".json";
-    const std::string path = QVFileSystem::stringByAppendingPathComponent(folder, name);
-    std::lock_guard lock(cacheMutex_);
-    return QVFileSystem::writeAtomically(path, json, kFileMode);
+    return !json.empty() && fileCache_->write(module->className(), json);
   } catch (const std::exception&) {
     return false;
   }
 }
 
 void QVQueueService::recoverSavedQueues() {
-  const std::string folder = cachedQueuesDirectory();
-  std::vector<std::pair<std::string, std::optional<std::string>>> files;
-  {
-    // Listed and emptied in one step, so that a write finishing meanwhile
-    // is either read whole or left for the next flush. A link in place of
-    // the folder is not listed: what it points at is not the service's.
-    std::lock_guard lock(cacheMutex_);
-    const auto entries = QVFileSystem::entriesOfFolderNoFollow(folder);
-    if (!entries) return;
-    for (const auto& entry : *entries) {
-      const std::string path = QVFileSystem::stringByAppendingPathComponent(folder, entry.name);
-      if (entry.kind == QVFileSystem::EntryKind::kSymbolicLink) {
-        // The service never writes one: the link goes, its target stays.
-        QVFileSystem::removeFileNoFollow(path);
-      } else if (entry.kind == QVFileSystem::EntryKind::kRegularFile) {
-        files.emplace_back(entry.name, recoverDataAtPath(path));
-      }
-      // Folders, FIFOs and devices are not the service's to read or delete.
-    }
-  }
-  for (auto& [name, text] : files) recoverFile(name, std::move(text));
+  for (auto& file : fileCache_->takeAll()) recoverFile(file.name, std::move(file.text));
 }
 
 // Files of unknown modules, unreadable ones, and texts that are not what
@@ -139,7 +61,8 @@ void QVQueueService::recoverFile(const std::string& name, std::optional<std::str
       text && module ? cachedQueueMessageCount(
                            *text, QVConfigService::sharedInstance()->isURLEncodedForModule(module))
                      : std::nullopt;
-  const std::string ledgerName = module ? module->className() : name.substr(0, name.find('_'));
+  const std::string ledgerName =
+      module ? module->className() : QVQueueFileCache::moduleNameOf(name);
   QVModuleLedger& ledger = QVDeliveryLedger::shared().module(ledgerName);
   if (!messages) {
     // What a file that is no queue held cannot be known: it counts as one.
@@ -158,18 +81,14 @@ void QVQueueService::recoverFile(const std::string& name, std::optional<std::str
 std::shared_ptr<QVLifecycleObject> QVQueueService::moduleFromFilePath(
     const std::string& path) const {
   try {
-    const std::string name = lastPathComponent(path);
-    return QVCore::sharedInstance()->lifecycleObjectForName(name.substr(0, name.find('_')));
+    return QVCore::sharedInstance()->lifecycleObjectForName(QVQueueFileCache::moduleNameOf(path));
   } catch (const std::exception&) {
     return nullptr;
   }
 }
 
 std::optional<std::string> QVQueueService::recoverDataAtPath(const std::string& path) {
-  std::optional<std::string> text = QVFileSystem::contentsAtPathNoFollow(path, kMaxCacheFileBytes);
-  if (text && !isPlistSafeUtf8(*text)) text.reset();
-  QVFileSystem::removeFileNoFollow(path);
-  return text;
+  return QVQueueFileCache::take(path);
 }
 
 void QVQueueService::flushBRVApplicationWillTerminateQueues() {

@@ -6,6 +6,7 @@
 
 #include "core/QVDeliveryLedger.h"
 #include "platform/QVApplicationIdentifier.h"
+#include "queue/QVQueueFileCache.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/model/QVQueue.h"
 #include "qvcore/platform/QVClassRegistry.h"
@@ -63,7 +64,7 @@ std::shared_ptr<QVQueueService> QVQueueService::sharedInstance() {
   return *instance;
 }
 
-QVQueueService::QVQueueService() = default;
+QVQueueService::QVQueueService() : fileCache_(std::make_unique<QVQueueFileCache>()) {}
 QVQueueService::~QVQueueService() = default;
 
 bool QVQueueService::enable() {

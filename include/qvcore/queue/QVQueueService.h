@@ -20,6 +20,7 @@ namespace qv {
 class QVMessage;
 class QVModuleLedger;
 class QVQueue;
+class QVQueueFileCache;
 class QVRepeatingTimer;
 class QVSerialQueue;
 class QVServerConnection;
@@ -300,8 +301,7 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // Makes snapshot-and-flush of a module queue one step, for the terminate
   // path's flush that may run beside the dispatch queue's.
   std::mutex cutMutex_;
-  // Keeps a listing of the cache folder from reading a file half written.
-  std::mutex cacheMutex_;
+  const std::unique_ptr<QVQueueFileCache> fileCache_;
 };
 
 }  // namespace qv
