@@ -9,6 +9,8 @@ namespace qv {
 // queue, set as a "Cookie" header on the request. The session sends that
 // header in one line with the cookies it stored itself. The server
 // connection probes for it with dynamic_cast.
+//
+// Threads: as QVHttpHeadersProvider, right after it, for the same request.
 class QV_EXPORT QVCookieProvider {
  public:
   virtual ~QVCookieProvider() = default;

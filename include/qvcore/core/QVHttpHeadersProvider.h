@@ -9,6 +9,15 @@ namespace qv {
 
 // Optional operation of a module: headers of its own for each post of its
 // queue. The server connection probes for it with dynamic_cast.
+//
+// Threads: called while a request is built, on the thread that starts the
+// post: the queue service's flush queue, the HTTP session's callback thread
+// (an outcome starts the next post) or the thread running the terminate
+// path or the crash hook; never two at once, since one post is under way at
+// a time. No lock of the core is held, so it may read the core and its
+// configuration; it must not wait for a flush to end (the flush waits for
+// it), and every moment it takes delays every post behind it. A
+// std::exception thrown here fails the post, which is then cached.
 class QV_EXPORT QVHttpHeadersProvider {
  public:
   virtual ~QVHttpHeadersProvider() = default;

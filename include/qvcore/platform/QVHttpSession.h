@@ -15,6 +15,15 @@ namespace qv {
 // Sends HTTP requests and reports each outcome once. The process shares one
 // session (shared()), whose cookie store every request that handles cookies
 // reads and fills. Tests install a session of their own with setShared.
+//
+// Threads: the tasks may be started from any thread and must return without
+// waiting for the network. Each completion handler runs once, on a thread
+// of the session's own (the libcurl session has one callback thread, so its
+// outcomes arrive one at a time and in no lock of the caller); never inside
+// the call that started the task, except for a request that cannot be
+// started or a session that has stopped, which fail at once. The handler
+// may start the next task from there, which the queue service does after
+// every outcome.
 class QV_EXPORT QVHttpSession {
  public:
   // A response when the server answered (even with an error status), an
