@@ -1,5 +1,6 @@
 #include "config/QVConfigJSONReader.h"
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVPropertyList.h"
 
@@ -33,7 +34,8 @@ std::optional<QVValue> QVConfigJSONReader::jsonWithData(std::string_view bytes) 
     return QVValue(parsed);
   } catch (const TooDeep&) {
     return std::nullopt;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return std::nullopt;
   }
 }

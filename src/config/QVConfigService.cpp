@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "config/QVConfigJSONReader.h"
+#include "platform/QVSwallowed.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/core/QVConfigurationSaver.h"
 #include "qvcore/core/QVCore.h"
@@ -123,7 +124,8 @@ bool QVConfigService::loadConfig(const ModuleRef& module) {
     mergeEntries(merged, pending);
     if (merged.empty()) return false;
     return storeLoadedConfig(name, std::move(merged), pending);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }
@@ -183,7 +185,8 @@ QVValue QVConfigService::plistConfigForBundle(const std::string& path) const {
   try {
     std::optional<QVValue> plist = basicPlistFileConfig(path);
     if (plist && plist->is_object()) return std::move(*plist);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
   }
   return QVValue::object();
 }
@@ -194,7 +197,8 @@ std::optional<QVValue> QVConfigService::jsonFileConfig(const std::string& path,
     const std::string file = configFilePath(path, baseName);
     if (!fileExistsAtFullPath(file)) return QVValue::object();
     return QVConfigJSONReader::jsonWithContentsOfFile(file);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return QVValue::object();
   }
 }
@@ -256,7 +260,8 @@ QVDictionaryRef QVConfigService::getConfig(const ModuleRef& module) {
     if (QVDictionaryRef config = storedConfig(name)) return config;
     if (!loadConfig(module)) return nullptr;
     return storedConfig(name);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return nullptr;
   }
 }
@@ -270,7 +275,8 @@ std::optional<QVValue> QVConfigService::getConfigItemForLifecycleObject(const st
     std::optional<QVValue> item = QVValues::objectForKey(*config, key);
     if (!item || item->is_null()) return std::nullopt;
     return item;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return std::nullopt;
   }
 }
@@ -285,7 +291,8 @@ bool QVConfigService::updateConfigWithData(const ModuleRef& module, const QVValu
     changedLocked();
     mergeEntries(*config, items);
     return true;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }
@@ -304,7 +311,8 @@ bool QVConfigService::setConfigItemForKeyWithValueForModule(const std::string& k
       QVValues::setValueForKey(*config, key, *value);
     }
     return saveCurrentConfigurableItemsForLifeCycleObject(config, module);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }
@@ -331,7 +339,8 @@ bool QVConfigService::saveCurrentConfigurableItemsForLifeCycleObject(const QVDic
     // The module saves a copy, so that updates on other threads cannot
     // change the dictionary under it while it writes.
     return saver->saveCurrentConfigurableItems(snapshot);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }
@@ -345,7 +354,8 @@ bool QVConfigService::getConfigItemAsBoolWithDefaultForModuleName(const std::str
   try {
     std::optional<QVValue> item = getConfigItemForLifecycleObject(key, module);
     if (item && QVValues::isNumber(*item)) return QVValues::boolValue(*item);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
   }
   return defaultValue;
 }
@@ -356,7 +366,8 @@ QVValue QVConfigService::getNumberItemForWithDefaultForModule(const std::string&
   try {
     std::optional<QVValue> item = getConfigItemForLifecycleObject(key, module);
     if (item && QVValues::isNumber(*item)) return std::move(*item);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
   }
   return defaultValue;
 }
@@ -385,7 +396,8 @@ bool QVConfigService::isURLEncodedForModule(const ModuleRef& module) {
   try {
     const std::optional<QVValue> item = getConfigItemForLifecycleObject(keys::kURLEncoded, module);
     return item && QVValues::boolValue(*item);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }
@@ -394,7 +406,8 @@ bool QVConfigService::isCompressPostMessageEnabled() {
   try {
     std::optional<QVValue> item = coreItem(keys::kCompressPostMessage);
     return !item || QVValues::boolValue(*item);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }

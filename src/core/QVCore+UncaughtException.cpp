@@ -40,6 +40,7 @@
 #include <semaphore>
 #include <string_view>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVUncaughtExceptionHandler.h"
 #include "qvcore/queue/QVQueueService.h"
@@ -144,7 +145,8 @@ void QVCoreUncaughtExceptionHandler() {
     const bool flushed = waitForFlush(*semaphore);
     const std::terminate_handler previous = appExceptionHandler.load();
     if (previous && (flushed || previous != &QVCoreUncaughtExceptionHandler)) previous();
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // Swallowed: it ends the handling, and the process ends below.
   }
   std::abort();

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <exception>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCore.h"
@@ -26,7 +27,8 @@ bool coreFlag(const char* key) {
     const auto item = QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(
         key, QVCore::sharedInstance());
     return item && QVValues::boolValue(*item);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <exception>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/platform/QVInterfaceAddressSource.h"
 
@@ -94,7 +95,8 @@ std::string QVEnvironmentalSerivce::networkWiFiIPAddress() const {
       char text[INET_ADDRSTRLEN];
       if (inet_ntop(AF_INET, &address.sin_addr, text, sizeof text)) result = text;
     }
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
   }
   return result;
 }

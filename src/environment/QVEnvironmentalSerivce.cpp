@@ -4,6 +4,7 @@
 #include <cctype>
 #include <exception>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVApplicationLifecycleManager.h"
 #include "qvcore/environment/QVNetworkManager.h"
@@ -154,7 +155,8 @@ std::optional<std::string> QVEnvironmentalSerivce::generateUDID() {
     }
     udid = QVUUID::randomUUIDString();
     defaults.setObjectForKey(*udid, kUDIDKey);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
   }
   return udid;
 }

@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVMessageConstants.h"
 #include "qvcore/platform/QVKeyedArchiver.h"
@@ -102,7 +103,8 @@ void QVApplicationContextMessage::encodeWithCoder(QVKeyedArchiver& coder) const 
     coder.encodeUInt64ForKey(previousScreenId(), KeyQVApplicationContextPreviousScreenId);
     coder.encodeUInt64ForKey(previousScreenIdSetDate(),
                              KeyQVApplicaitonContextPreviousScreenIdSetDate);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // The archive keeps what was written before the refused key.
   }
 }
@@ -120,7 +122,8 @@ void QVApplicationContextMessage::decodeWithCoder(const QVKeyedUnarchiver& coder
     setPreviousScreenId(coder.decodeUInt64ForKey(KeyQVApplicationContextPreviousScreenId));
     setPreviousScreenIdSetDate(
         coder.decodeUInt64ForKey(KeyQVApplicaitonContextPreviousScreenIdSetDate));
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // A damaged archive yields the fields read before the damage.
   }
 }

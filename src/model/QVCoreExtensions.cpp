@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "model/QVJsonWriter.h"
+#include "platform/QVSwallowed.h"
 
 namespace qv {
 
@@ -90,7 +91,8 @@ std::string QVCoreExtensions::toJson(const QVValue& dict) {
     std::string text;
     QVJsonWriter(text, QVJsonWriter::Unwritable::kFail).value(dict);
     return text;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return "";  // Refused, or out of memory
   }
 }

@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/model/QVCoreExtensions.h"
 #include "qvcore/model/QVMessageConstants.h"
 #include "qvcore/platform/QVKeyedArchiver.h"
@@ -21,7 +22,8 @@ QVMessage::QVMessage(const QVKeyedUnarchiver& coder) : QVMessage(PlainInit{}) {
   try {
     setOffset(coder.decodeUInt64ForKey(KeyQVMessageOffset));
     setLogLevel(static_cast<int32_t>(coder.decodeInt64ForKey(KeyQVMessageLogLevel)));
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // A damaged archive yields the fields read before the damage.
   }
 }
@@ -48,7 +50,8 @@ void QVMessage::encodeWithCoder(QVKeyedArchiver& coder) const {
   try {
     coder.encodeUInt64ForKey(offset(), KeyQVMessageOffset);
     coder.encodeInt64ForKey(logLevel(), KeyQVMessageLogLevel);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // The archive keeps what was written before the refused key.
   }
 }

@@ -4,6 +4,7 @@
 #include <exception>
 #include <iterator>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVCoreExtensions.h"
 
@@ -83,7 +84,8 @@ bool QVQueue::postMessageToSessionID(std::shared_ptr<QVMessage> message,
         if (session->addMessage(message)) return true;
       }
     }
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // Out of memory while filing the message: it is not accepted.
   }
   return false;
@@ -117,7 +119,8 @@ QVQueue::Filing QVQueue::fileInKnownSession(const std::shared_ptr<QVMessage>& me
 std::shared_ptr<QVSession> QVQueue::sessionForID(const std::optional<std::string>& sessionID) {
   try {
     return lookUp(sessionID, false);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return nullptr;
   }
 }
@@ -203,7 +206,8 @@ QVValue QVQueue::jsonDictionary() const {
     dict["messageVersion"] = "6.0.0.0";
     dict["serialNumber"] = serialNumber();
     dict["sessions"] = jsonSerializedSessions();
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // What was set before the failure is the answer.
   }
   return dict;
@@ -217,7 +221,8 @@ std::string QVQueue::toJson() const {
     std::string text = writeJson(written);
     messagesInPayload_.store(written, std::memory_order_relaxed);
     return text;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // Out of memory: still a payload, never an empty body.
     messagesInPayload_.store(0, std::memory_order_relaxed);
     return emptyPayload(serialNumber());
@@ -228,7 +233,8 @@ std::string QVQueue::emptyPayload(int32_t serial) {
   try {
     return R"({"messageVersion":"6.0.0.0","serialNumber":)" + std::to_string(serial) +
            R"(,"sessions":[]})";
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return "";
   }
 }

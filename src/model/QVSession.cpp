@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "model/QVJsonWriter.h"
+#include "platform/QVSwallowed.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVClientEnvironment.h"
@@ -117,7 +118,8 @@ QVValue QVSession::jsonDictionary() const {
     dict["clientEnvironment"] = QVClientEnvironment().jsonDictionary();
     dict["messages"] = jsonSerializedMessages();
     QVValues::setValueForKey(dict, "QVCoreSessionID", std::move(coreID));
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // What was set before the failure is the answer.
   }
   return dict;
@@ -133,6 +135,7 @@ bool QVSession::appendJson(std::string& out, std::size_t* messagesWritten) const
     if (messagesWritten) *messagesWritten = writer.messages;
     return true;
   } catch (...) {
+    noteSwallowed(__func__);
     // Out of memory: the session is left out, the text as it was.
     out.resize(start);
     return false;
@@ -162,7 +165,8 @@ void QVSession::writeMembers(Writer& writer) const {
   QVValue environment;
   try {
     environment = QVClientEnvironment().jsonDictionary();
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // As in jsonDictionary(): the members set before the failure.
     out += '}';
     return;
@@ -195,7 +199,8 @@ bool QVSession::writeMessages(Writer& writer) const {
     QVValue dict;
     try {
       dict = message->jsonDictionary();
-    } catch (const std::exception&) {
+    } catch (const std::exception& e) {
+      noteSwallowed(__func__, e);
       return false;
     }
     if (first) {

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <exception>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
 
@@ -23,7 +24,8 @@ void postJsonDictionaryOf(const QVMessage& message) {
   QVValue dictionary;
   try {
     dictionary = message.jsonDictionary();
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return;
   }
   if (dictionary.is_null()) return;

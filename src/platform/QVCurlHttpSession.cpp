@@ -23,6 +23,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/platform/QVFileSystem.h"
 
 namespace qv {
@@ -140,7 +141,8 @@ using SocketList = std::vector<curl_socket_t>;
 int onSocketOpened(void* user, curl_socket_t socket, curlsocktype purpose) {
   try {
     if (purpose == CURLSOCKTYPE_IPCXN) static_cast<SocketList*>(user)->push_back(socket);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // Out of memory: only the queue's drain goes unseen on this socket.
   }
   return CURL_SOCKOPT_OK;
@@ -334,7 +336,8 @@ void callCompletion(const QVHttpSession::CompletionHandler& completion,
   if (!completion) return;
   try {
     completion(std::move(response), std::move(error));
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // The thread serves every other transfer; one completion cannot end it.
   }
 }
@@ -620,7 +623,8 @@ void QVCurlHttpSession::Engine::finishDoneTransfers() {
 void QVCurlHttpSession::Engine::finish(std::unique_ptr<Transfer> transfer, CURLcode result) {
   try {
     saveCookies(*transfer);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // Out of memory: the cookies stay in memory, the outcome still goes.
   }
   std::optional<QVHttpResponse> response;

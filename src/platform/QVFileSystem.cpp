@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/QVApplicationIdentifier.h"
+#include "platform/QVSwallowed.h"
 
 namespace qv {
 
@@ -30,7 +31,8 @@ std::optional<std::string> readRegularFile(int fd, std::size_t maxBytes) {
   std::string bytes;
   try {
     bytes.resize(static_cast<std::size_t>(st.st_size));
-  } catch (const std::bad_alloc&) {
+  } catch (const std::bad_alloc& e) {
+    noteSwallowed(__func__, e);
     return std::nullopt;
   }
   std::size_t done = 0;

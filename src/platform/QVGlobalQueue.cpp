@@ -7,6 +7,8 @@
 #include <system_error>
 #include <thread>
 
+#include "platform/QVSwallowed.h"
+
 namespace qv {
 
 namespace {
@@ -36,7 +38,8 @@ class Pool {
     try {
       std::thread([this] { work(); }).detach();
       ++workers_;
-    } catch (const std::system_error&) {
+    } catch (const std::system_error& e) {
+      noteSwallowed(__func__, e);
     }
   }
 

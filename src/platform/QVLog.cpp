@@ -2,11 +2,14 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <utility>
 
 namespace qv {
@@ -45,7 +48,29 @@ void writeToStandardError(std::string line) {
   }
 }
 
+// -1 until the environment was read.
+std::atomic<int> debugEnabled{-1};
+
 }  // namespace
+
+bool QVLog::isDebugEnabled() {
+  int enabled = debugEnabled.load(std::memory_order_relaxed);
+  if (enabled < 0) {
+    const char* text = std::getenv("QVCORE_DEBUG");
+    int expected = -1;
+    debugEnabled.compare_exchange_strong(expected, text && std::string(text) == "1" ? 1 : 0);
+    enabled = debugEnabled.load(std::memory_order_relaxed);
+  }
+  return enabled == 1;
+}
+
+void QVLog::setDebugEnabled(bool enabled) {
+  debugEnabled.store(enabled ? 1 : 0, std::memory_order_relaxed);
+}
+
+void QVLog::debug(const std::string& line) {
+  if (isDebugEnabled()) log("QVCore debug: " + line);
+}
 
 void QVLog::log(const std::string& line) {
   // Called without the lock, so a sink may log or replace itself.

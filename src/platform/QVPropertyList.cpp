@@ -7,6 +7,7 @@
 
 #include "platform/QVPlistNode.h"
 #include "platform/QVPlistShape.h"
+#include "platform/QVSwallowed.h"
 #include "platform/QVUtf8.h"
 #include "qvcore/platform/QVFileSystem.h"
 
@@ -223,7 +224,8 @@ std::optional<QVValue> QVPropertyList::propertyListWithData(std::string_view byt
     }
     QVPlistNode root(raw);
     return toValue(root.get(), 0);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return std::nullopt;  // Out of memory on the way.
   }
 }
@@ -255,7 +257,8 @@ std::optional<std::string> QVPropertyList::dataWithDictionary(const QVValue& dic
     QVPlistBuffer out(raw);
     if (!out) return std::nullopt;
     return std::string(out.get(), length);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return std::nullopt;
   }
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/QVSwallowed.h"
 #include "qvcore/platform/QVPropertyList.h"
 #include "qvcore/platform/QVValue.h"
 
@@ -92,7 +93,8 @@ std::optional<std::size_t> cachedQueueMessageCount(std::string_view text, bool m
   TopLevelShape shape;
   try {
     if (!QVValue::sax_parse(text, &shape) || !shape.topIsObject()) return std::nullopt;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return std::nullopt;
   }
   if (shape.has(TopLevelShape::kString, "messageVersion") &&

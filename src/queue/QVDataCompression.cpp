@@ -7,6 +7,8 @@
 #include <new>
 #include <stdexcept>
 
+#include "platform/QVSwallowed.h"
+
 namespace qv {
 
 namespace {
@@ -66,7 +68,8 @@ std::shared_ptr<const std::string> QVDataCompression::compressData(
       deflateEndQVDCFunctor(&stream);
       return data;
     }
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // Release zlib's state too, or a failed allocation would leak it.
     deflateEndQVDCFunctor(&stream);
     return data;

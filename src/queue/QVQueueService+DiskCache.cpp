@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "core/QVDeliveryLedger.h"
+#include "platform/QVSwallowed.h"
 #include "queue/QVCacheFileCheck.h"
 #include "queue/QVQueueFileCache.h"
 #include "qvcore/config/QVConfigService.h"
@@ -42,7 +43,8 @@ bool QVQueueService::saveQueueToFile(const std::shared_ptr<QVQueue>& queue) {
     if (!module) return false;
     const std::string json = queue->toJson();
     return !json.empty() && fileCache_->write(module->className(), json);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }
@@ -57,32 +59,30 @@ void QVQueueService::recoverSavedQueues() {
 // that the ledger balances whichever process cached it.
 void QVQueueService::recoverFile(const std::string& name, std::optional<std::string> text) {
   const auto module = moduleFromFilePath(name);
-  const std::optional<std::size_t> messages =
-      text && module ? cachedQueueMessageCount(
-                           *text, QVConfigService::sharedInstance()->isURLEncodedForModule(module))
-                     : std::nullopt;
-  const std::string ledgerName =
-      module ? module->className() : QVQueueFileCache::moduleNameOf(name);
-  QVModuleLedger& ledger = QVDeliveryLedger::shared().module(ledgerName);
-  if (!messages) {
-    // What a file that is no queue held cannot be known: it counts as one.
-    std::optional<std::size_t> found;
-    if (text) found = cachedQueueMessageCount(*text, true);
-    const uint64_t lost = std::max<std::size_t>(found.value_or(1), 1);
-    ledger.addRecovered(lost);
-    ledger.addDropped(module ? QVDropReason::kCacheFileUnreadable : QVDropReason::kUnknownModule,
-                      lost);
-    return;
+  QVModuleLedger& ledger = QVDeliveryLedger::shared().module(
+      module ? module->className() : QVQueueFileCache::moduleNameOf(name));
+  const bool urlEncoded = QVConfigService::sharedInstance()->isURLEncodedForModule(module);
+  if (text && module) {
+    if (const auto messages = cachedQueueMessageCount(*text, urlEncoded)) {
+      ledger.addRecovered(*messages);
+      appendToSendList(QVQueue::initWithJSONAndModule(std::move(*text), module, *messages));
+      return;
+    }
   }
-  ledger.addRecovered(*messages);
-  appendToSendList(QVQueue::initWithJSONAndModule(std::move(*text), module, *messages));
+  // What a file that is no queue held cannot be known: it counts as one.
+  const std::size_t held = text ? cachedQueueMessageCount(*text, true).value_or(1) : 1;
+  const uint64_t lost = std::max<std::size_t>(held, 1);
+  ledger.addRecovered(lost);
+  ledger.addDropped(module ? QVDropReason::kCacheFileUnreadable : QVDropReason::kUnknownModule,
+                    lost);
 }
 
 std::shared_ptr<QVLifecycleObject> QVQueueService::moduleFromFilePath(
     const std::string& path) const {
   try {
     return QVCore::sharedInstance()->lifecycleObjectForName(QVQueueFileCache::moduleNameOf(path));
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return nullptr;
   }
 }
@@ -98,7 +98,8 @@ void QVQueueService::flushBRVApplicationWillTerminateQueues() {
     if (!observer) continue;
     try {
       observer->brvAppWillTerminate();
-    } catch (const std::exception&) {
+    } catch (const std::exception& e) {
+      noteSwallowed(__func__, e);
       // One module's failure does not keep the others from being told.
     }
   }
@@ -110,7 +111,8 @@ void QVQueueService::flushBRVApplicationWillTerminateQueues() {
          connection = serverConnection()) {
       QVRunLoop::current().runFor(std::chrono::milliseconds(100));
     }
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
   }
 }
 

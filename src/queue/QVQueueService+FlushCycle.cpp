@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/QVDeliveryLedger.h"
+#include "platform/QVSwallowed.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCore.h"
@@ -39,7 +40,8 @@ bool QVQueueService::startFlushTimer() {
     std::lock_guard lock(stateMutex_);
     flushTimer_ = std::move(timer);
     return flushTimer_ != nullptr;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }
@@ -63,7 +65,8 @@ void QVQueueService::flushQueues() {
   if (!flushDispatchQueue()) return;
   try {
     recoverSavedQueues();
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // The files that were read are gone; the module queues are still sent.
   }
   try {
@@ -77,7 +80,8 @@ void QVQueueService::flushQueues() {
     }
     auto connection = serverConnection();
     if (hasQueuedPosts() && connection && !connection->isBusy()) continueFlush();
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
   }
 }
 
@@ -95,7 +99,8 @@ void QVQueueService::flushQueue(const std::shared_ptr<QVQueue>& queue) {
   try {
     if (auto snapshot = cut(queue)) appendToSendList(std::move(snapshot));
     if (!isConnectionBusy()) continueFlush();
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
   }
 }
 
@@ -110,7 +115,8 @@ void QVQueueService::flushURLQueue(const std::shared_ptr<QVQueue>& queue) {
     for (const auto& [id, session] : snapshot->sessions()) {
       for (const auto& message : session->messages()) splitOff(message, module);
     }
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
   }
 }
 
@@ -119,7 +125,8 @@ void QVQueueService::splitOff(const std::shared_ptr<QVMessage>& message,
   std::string json;
   try {
     json = message->toJson();
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // A module that cannot describe its message costs that message only.
     ledgerFor(module).addDropped(QVDropReason::kInvalidMessage, 1);
     return;
@@ -193,7 +200,8 @@ bool QVQueueService::postHead(const std::shared_ptr<QVQueue>& queue) {
     if (!connection) return false;
     connection->postQueueToURL(queue, url->get<std::string>());
     return true;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }

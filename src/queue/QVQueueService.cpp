@@ -6,6 +6,7 @@
 
 #include "core/QVDeliveryLedger.h"
 #include "platform/QVApplicationIdentifier.h"
+#include "platform/QVSwallowed.h"
 #include "queue/QVQueueFileCache.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/model/QVQueue.h"
@@ -156,7 +157,8 @@ uint64_t QVQueueService::getCurrentSessionStartTimeForModule(
 bool QVQueueService::isManualPostingEnabled() const {
   try {
     return QVConfigService::sharedInstance()->isManualPostingEnabled();
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "model/QVJsonWriter.h"
+#include "platform/QVSwallowed.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCookieProvider.h"
 #include "qvcore/core/QVCore.h"
@@ -81,7 +82,8 @@ std::optional<std::string> urlEncodedQuery(const std::string& json, std::string&
     } else {
       problem = "its payload has nothing to encode";
     }
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     problem = "its payload cannot be encoded";
   }
   return std::nullopt;
@@ -122,7 +124,8 @@ void QVServerConnection::postQueueToURL(const std::shared_ptr<QVQueue>& queue,
     } else {
       postJSONStringToURLWithSessionId(std::move(json), url, queue->currentSessionID());
     }
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     // Deliberately no reset: busy stays set until an outcome arrives.
   }
 }
@@ -159,7 +162,8 @@ std::shared_ptr<QVMutableURLRequest> QVServerConnection::requestForURLAndJsonWit
     applyModuleSpecificCookiesToRequest(*request);
     request->setHTTPBody(std::move(body));
     return request;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return nullptr;
   }
 }
@@ -182,7 +186,8 @@ std::shared_ptr<QVMutableURLRequest> QVServerConnection::urlEncodedRequestWithQu
     applyModuleSpecificHeadersToRequestWithJsonWithSessionId(*request, json, sessionId);
     applyModuleSpecificCookiesToRequest(*request);
     return request;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return nullptr;
   }
 }

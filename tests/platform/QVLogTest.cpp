@@ -2,12 +2,34 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <mutex>
 #include <set>
 #include <thread>
 
+#include "qvcore/model/QVCoreExtensions.h"
+#include "qvcore/platform/QVValue.h"
+
 namespace qv {
 namespace {
+
+// An exception the framework catches (a value JSON cannot carry makes the
+// message's text fail) is written as a debug line only when asked for.
+TEST(QVLogTest, SwallowedExceptionsShowAsDebugLinesOnlyWhenAsked) {
+  std::vector<std::string> lines;
+  QVLog::setSink([&](const std::string& line) { lines.push_back(line); });
+  const QVValue unwritable{{"ratio", std::nan("")}};
+  EXPECT_FALSE(QVLog::isDebugEnabled()) << "off unless QVCORE_DEBUG=1";
+  EXPECT_EQ(QVCoreExtensions::toJson(unwritable), "");
+  EXPECT_TRUE(lines.empty());
+
+  QVLog::setDebugEnabled(true);
+  EXPECT_EQ(QVCoreExtensions::toJson(unwritable), "");
+  QVLog::setDebugEnabled(false);
+  QVLog::setSink(nullptr);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].rfind("QVCore debug: toJson: ", 0), 0u) << lines[0];
+}
 
 TEST(QVLogTest, LinesReachTheSinkWholeFromAnyThreadElseStandardError) {
   std::mutex mutex;

@@ -25,6 +25,15 @@ class QV_EXPORT QVLog {
   // object itself stays alive until that call returns. Sinks are called
   // without any lock held, so a sink may log or replace itself.
   static void setSink(Sink sink);
+
+  // Debug lines, for a developer chasing a fault: off unless the
+  // environment variable QVCORE_DEBUG is 1 (read at the first use) or
+  // setDebugEnabled(true) was called. The framework writes one for every
+  // exception it catches and does not let out.
+  static bool isDebugEnabled();
+  static void setDebugEnabled(bool enabled);
+  // log("QVCore debug: " + line) when debug lines are on; nothing otherwise.
+  static void debug(const std::string& line);
 };
 
 }  // namespace qv
