@@ -19,6 +19,11 @@ void QVCollectorDump::print(const QVCollectorStore& store, Format format, std::o
     case Format::kSummary:
       QVCollectorPrinter::summary(out, store.summary());
       break;
+    case Format::kSummaryJson:
+      out << QVCollectorRecordJson::summary(store.summary())
+                 .dump(-1, ' ', false, QVValue::error_handler_t::replace)
+          << "\n";
+      break;
   }
 }
 
