@@ -42,12 +42,13 @@ void QVTerminalText::escapeByte(std::string& out, unsigned char byte) {
   out += escape;
 }
 
-std::string QVTerminalText::escaped(std::string_view text, bool keepNewlines) {
+std::string QVTerminalText::escaped(std::string_view text, bool keepLayout) {
   std::string out;
   out.reserve(text.size());
   for (size_t i = 0; i < text.size();) {
     const auto byte = static_cast<unsigned char>(text[i]);
-    if ((byte < 0x20 && !(keepNewlines && byte == '\n')) || byte == 0x7f) {
+    const bool layout = keepLayout && (byte == '\n' || byte == '\t');
+    if ((byte < 0x20 && !layout) || byte == 0x7f) {
       escapeByte(out, byte);
       ++i;
       continue;

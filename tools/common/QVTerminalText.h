@@ -14,8 +14,8 @@ namespace qv {
 // character, UTF-8 included, is printed as it is.
 class QVTerminalText {
  public:
-  // The text escaped; a newline stays a newline when keepNewlines is set.
-  static std::string escaped(std::string_view text, bool keepNewlines = false);
+  // The text escaped; newlines and tabs stay as they are with keepLayout.
+  static std::string escaped(std::string_view text, bool keepLayout = false);
   // How many bytes at the end of the text begin a UTF-8 character that is
   // not complete yet: a stream holds them back until the rest arrives.
   static size_t incompleteTail(std::string_view text);
