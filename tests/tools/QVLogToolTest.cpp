@@ -81,7 +81,8 @@ TEST_F(QVLogToolTest, PeersCannotDriveTheTerminalNorPassForAnotherPeer) {
   ASSERT_TRUE(waitForText("Demo 12:00\n"));
   const std::string forged =
       "==================== new run, from 10.0.0.9:4000 ====================\n"
-      "title\x1b]0;owned\x07 clear\x1b[2J csi\xc2\x9b" "1m tab\tend \xc3";
+      "title\x1b]0;owned\x07 clear\x1b[2J csi\xc2\x9b"
+      "1m tab\tend \xc3";
   ASSERT_EQ(::send(forger, forged.data(), forged.size(), 0), static_cast<ssize_t>(forged.size()));
   ASSERT_TRUE(waitForText("end "));
   ASSERT_EQ(::send(forger, "\xa9\n", 2, 0), 2);  // the rest of the "é" cut in two
@@ -91,7 +92,8 @@ TEST_F(QVLogToolTest, PeersCannotDriveTheTerminalNorPassForAnotherPeer) {
             "==================== new run, from " + peerOf(app) +
                 " ====================\n"
                 "ZAN_SDK_START_NEW_RUN_FOR_APP Demo 12:00\n"
-                "[from " + peerOf(forger) +
+                "[from " +
+                peerOf(forger) +
                 "] ==================== new run, from 10.0.0.9:4000 ====================\n"
                 "title\\x1b]0;owned\\x07 clear\\x1b[2J csi\\xc2\\x9b1m tab\tend \xc3\xa9\n");
   ::close(app);
