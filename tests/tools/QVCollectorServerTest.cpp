@@ -308,12 +308,18 @@ TEST_F(QVCollectorServerTest, WhatAClientSentReachesTheTerminalEscaped) {
   sendRaw(port_, "GET /\x1b[2J?offset=1&screen=%1B%5D0%3Btitle%07 HTTP/1.1\r\n" + host() +
                      "X-Note: \x1b[31mred\xc2\x9b" + "1m\r\nConnection: close\r\n\r\n");
   server_->stop();
-  std::ostringstream dump;
+  std::ostringstream dump, json;
   QVCollectorDump::print(*store_, QVCollectorDump::Format::kText, dump);
+  QVCollectorDump::print(*store_, QVCollectorDump::Format::kJson, json);
   for (const std::string& printed : {log_.str(), dump.str()}) {
     EXPECT_EQ(printed.find('\x1b'), std::string::npos) << printed;
     EXPECT_NE(printed.find("/\\x1b[2J"), std::string::npos) << printed;
   }
+  // JSON stays JSON: the same characters, written as escapes.
+  EXPECT_EQ(json.str().find_first_of("\x1b\x9b"), std::string::npos) << json.str();
+  EXPECT_EQ(QVValue::parse(json.str())[0]["headers"][1][1],
+            "\x1b[31mred\xc2\x9b"
+            "1m");
   EXPECT_NE(dump.str().find("X-Note: \\x1b[31mred\\xc2\\x9b1m\n"), std::string::npos);
   EXPECT_NE(dump.str().find("screen = \\x1b]0;title\\x07\n"), std::string::npos);
 }
