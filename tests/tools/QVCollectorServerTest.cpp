@@ -240,6 +240,12 @@ TEST_F(QVCollectorServerTest, DumpReadsEveryRequestBackFromTheFile) {
   EXPECT_EQ(totals["modules"]["/c"]["acceptedMessages"], 1);
   EXPECT_EQ(totals["modules"]["/clicks"]["acceptedRequests"], 1);
   EXPECT_EQ(totals["acceptedMessages"], 2);
+  // A file of the collector before per-module totals has them counted once.
+  runSql(path_, "DROP TABLE totals; PRAGMA user_version = 1");
+  std::ostringstream migrated;
+  QVCollectorDump::print(QVCollectorStore(path_, QVCollectorStore::Mode::kExisting),
+                         QVCollectorDump::Format::kSummaryJson, migrated);
+  EXPECT_EQ(QVValue::parse(migrated.str()), totals);
   EXPECT_THROW(QVCollectorStore(folder_.at("missing.sqlite"), QVCollectorStore::Mode::kExisting),
                std::runtime_error);
 }
