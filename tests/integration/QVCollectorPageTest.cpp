@@ -80,6 +80,12 @@ TEST_F(QVCollectorPageTest, ShowsTheMessagesOfTheRequestNamedInTheAddress) {
   }
   // The list holds both requests, and nothing the browser asked for itself.
   EXPECT_EQ(count(first, "<tr data-id="), 2u);
+  // What the module posting to /page sent: 3 messages in the body, 1 in the query.
+  EXPECT_NE(first.find("<tr class=\"module\"><td class=\"mono\">/page</td><td class=\"num\">"
+                       "2 requests</td><td class=\"num\">4 messages</td><td class=\"num\">"
+                       "4 answered 2xx</td></tr>"),
+            std::string::npos)
+      << first;
 
   const std::string second = renderedDom("/_qv/?id=2");
   ASSERT_NE(second.find("id=\"request-2\""), std::string::npos) << second;

@@ -24,6 +24,8 @@ struct QVCollectorDecoded {
   int64_t decodedBytes = 0;  // the payload once inflated or percent-decoded
   // Empty when the request fits the payload format; otherwise why not.
   std::string problem;
+  // The body inflates past the collector's limit: it is answered 413.
+  bool tooLarge = false;
 };
 
 }  // namespace qv::collector

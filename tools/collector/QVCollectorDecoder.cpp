@@ -23,14 +23,15 @@ std::string trimmedLower(std::string text) {
 
 }  // namespace
 
-QVCollectorDecoded QVCollectorDecoder::decode(const QVCollectorRequest& request) {
+QVCollectorDecoded QVCollectorDecoder::decode(const QVCollectorRequest& request,
+                                              size_t maxInflated) {
   QVCollectorDecoded decoded;
   if (!request.query.empty()) {
     decoded.queryFields = QVCollectorQuery::dictionary(request.query)
                               .dump(-1, ' ', false, QVValue::error_handler_t::replace);
   }
   if (!request.body.empty()) {
-    decodeBody(request, decoded);
+    decodeBody(request, maxInflated, decoded);
   } else if (!request.query.empty()) {
     decodeQuery(request, decoded);
   } else {
@@ -39,7 +40,7 @@ QVCollectorDecoded QVCollectorDecoder::decode(const QVCollectorRequest& request)
   return decoded;
 }
 
-void QVCollectorDecoder::decodeBody(const QVCollectorRequest& request,
+void QVCollectorDecoder::decodeBody(const QVCollectorRequest& request, size_t maxInflated,
                                     QVCollectorDecoded& decoded) {
   decoded.encoding = encodingOf(request);
   decoded.rawBytes = static_cast<int64_t>(request.body.size());
@@ -52,9 +53,11 @@ void QVCollectorDecoder::decodeBody(const QVCollectorRequest& request,
   }
   const auto format = decoded.encoding == "gzip" ? QVCollectorInflater::Format::kGzip
                                                  : QVCollectorInflater::Format::kDeflate;
-  QVCollectorInflater::Result inflated = QVCollectorInflater::inflate(request.body, format);
+  QVCollectorInflater::Result inflated =
+      QVCollectorInflater::inflate(request.body, format, maxInflated);
   if (!inflated.bytes) {
     decoded.problem = inflated.problem;
+    decoded.tooLarge = inflated.tooLarge;
     return;
   }
   decoded.inflated = std::move(inflated.bytes);

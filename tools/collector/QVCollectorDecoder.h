@@ -13,10 +13,13 @@ namespace qv::collector {
 // result against the payload format.
 class QVCollectorDecoder {
  public:
-  static QVCollectorDecoded decode(const QVCollectorRequest& request);
+  // A body that inflates past maxInflated is not inflated further.
+  static QVCollectorDecoded decode(const QVCollectorRequest& request,
+                                   size_t maxInflated = size_t{64} << 20);
 
  private:
-  static void decodeBody(const QVCollectorRequest& request, QVCollectorDecoded& decoded);
+  static void decodeBody(const QVCollectorRequest& request, size_t maxInflated,
+                         QVCollectorDecoded& decoded);
   static void decodeQuery(const QVCollectorRequest& request, QVCollectorDecoded& decoded);
   static void readJson(const std::string& text, QVCollectorDecoded& decoded);
   static std::string encodingOf(const QVCollectorRequest& request);

@@ -10,9 +10,10 @@ namespace qv::collector {
 class QVCollectorDump {
  public:
   enum class Format {
-    kText,     // a readable block per request, oldest first
-    kJson,     // a JSON array of the requests in full, oldest first
-    kSummary,  // the totals only
+    kText,         // a readable block per request, oldest first
+    kJson,         // a JSON array of the requests in full, oldest first
+    kSummary,      // the totals only
+    kSummaryJson,  // the totals as /_qv/api/summary gives them
   };
 
   static void print(const QVCollectorStore& store, Format format, std::ostream& out);

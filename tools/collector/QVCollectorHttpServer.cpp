@@ -36,9 +36,23 @@ void QVCollectorHttpServer::closeCurrentConnection() {
 bool QVCollectorHttpServer::process_and_close_socket(socket_t socket) {
   using std::chrono::microseconds;
   using std::chrono::seconds;
-  QVCollectorSocketStream stream(socket,
-                                 seconds(read_timeout_sec_) + microseconds(read_timeout_usec_),
-                                 seconds(write_timeout_sec_) + microseconds(write_timeout_usec_));
+  QVCollectorSocketStream stream(
+      socket, seconds(read_timeout_sec_) + microseconds(read_timeout_usec_),
+      seconds(write_timeout_sec_) + microseconds(write_timeout_usec_), requestTimeout_);
+  stream.setBodyLimit(bodyLimit_);
+  bool served = false;
+  try {
+    served = serve(stream);
+  } catch (...) {
+    // Out of memory, say: this connection ends, the collector goes on.
+    current = nullptr;
+  }
+  ::shutdown(socket, SHUT_RDWR);
+  ::close(socket);
+  return served;
+}
+
+bool QVCollectorHttpServer::serve(QVCollectorSocketStream& stream) {
   bool served = false;
   for (size_t left = keep_alive_max_count_; left > 0 && waitForRequest(stream); --left) {
     bool closed = false;
@@ -48,8 +62,6 @@ bool QVCollectorHttpServer::process_and_close_socket(socket_t socket) {
     current = nullptr;
     if (!served || closed || stream.closeRequested()) break;
   }
-  ::shutdown(socket, SHUT_RDWR);
-  ::close(socket);
   return served;
 }
 

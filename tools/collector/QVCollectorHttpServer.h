@@ -2,6 +2,9 @@
 
 #include <httplib.h>
 
+#include <chrono>
+#include <cstdint>
+
 #include "QVCollectorSocketStream.h"
 
 namespace qv::collector {
@@ -19,12 +22,20 @@ class QVCollectorHttpServer : public httplib::Server {
   // cpp-httplib refused may leave unread bytes behind, and waiting for a
   // next request on such a connection only holds the client up.
   static void closeCurrentConnection();
+  // How long a request may take to arrive whole, head and body.
+  void setRequestTimeout(std::chrono::milliseconds timeout) { requestTimeout_ = timeout; }
+  // How many body bytes a request may send on the wire.
+  void setBodyLimit(size_t bytes) { bodyLimit_ = bytes; }
 
  private:
   bool process_and_close_socket(socket_t socket) override;
   // Waits for the next request of a kept-alive connection, giving up when
   // the keep-alive time is over or the server stops.
   bool waitForRequest(const QVCollectorSocketStream& stream) const;
+  bool serve(QVCollectorSocketStream& stream);
+
+  std::chrono::milliseconds requestTimeout_{10000};
+  size_t bodyLimit_ = SIZE_MAX;
 };
 
 }  // namespace qv::collector

@@ -34,18 +34,19 @@ std::string damaged(const char* name) { return std::string(name) + " stream is d
 
 }  // namespace
 
-QVCollectorInflater::Result QVCollectorInflater::inflate(const std::string& in, Format format) {
-  if (format == Format::kGzip) return inflateWith(in, kGzipWindow, "gzip");
+QVCollectorInflater::Result QVCollectorInflater::inflate(const std::string& in, Format format,
+                                                         size_t maxOutput) {
+  if (format == Format::kGzip) return inflateWith(in, kGzipWindow, "gzip", maxOutput);
   // "deflate" means a zlib stream; a bare deflate stream fails the header
   // check at once, so it is tried second.
-  Result zlib = inflateWith(in, kZlibWindow, "deflate");
-  if (zlib.bytes) return zlib;
-  Result raw = inflateWith(in, kRawWindow, "deflate");
+  Result zlib = inflateWith(in, kZlibWindow, "deflate", maxOutput);
+  if (zlib.bytes || zlib.tooLarge) return zlib;
+  Result raw = inflateWith(in, kRawWindow, "deflate", maxOutput);
   return raw.bytes ? raw : zlib;
 }
 
 QVCollectorInflater::Result QVCollectorInflater::inflateWith(const std::string& in, int windowBits,
-                                                             const char* name) {
+                                                             const char* name, size_t maxOutput) {
   Stream stream(windowBits);
   if (!stream.ok()) return {std::nullopt, "zlib cannot start inflating"};
   z_stream& z = stream.z();
@@ -63,10 +64,13 @@ QVCollectorInflater::Result QVCollectorInflater::inflateWith(const std::string& 
     z.next_out = reinterpret_cast<Bytef*>(buffer);
     z.avail_out = sizeof buffer;
     status = ::inflate(&z, Z_NO_FLUSH);
-    out.append(buffer, sizeof buffer - z.avail_out);
-    if (out.size() > kMaxOutput) {
-      return {std::nullopt, std::string(name) + " body inflates past 512 MiB"};
+    const size_t produced = sizeof buffer - z.avail_out;
+    if (produced > maxOutput - std::min(maxOutput, out.size())) {
+      return {std::nullopt,
+              std::string(name) + " body inflates past " + std::to_string(maxOutput) + " bytes",
+              true};
     }
+    out.append(buffer, produced);
     if (status == Z_STREAM_END) {
       // Concatenated gzip members make one body (RFC 1952, 2.2).
       if (windowBits != kGzipWindow || (z.avail_in == 0 && left == 0)) break;

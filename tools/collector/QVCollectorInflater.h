@@ -17,16 +17,17 @@ class QVCollectorInflater {
   struct Result {
     std::optional<std::string> bytes;  // none when the stream is unusable
     std::string problem;               // why, when there are no bytes
+    bool tooLarge = false;             // it inflates past maxOutput
   };
 
-  // A bound on the inflated size, so that a small hostile body cannot make
-  // the collector (and its database) swallow gigabytes.
-  static constexpr size_t kMaxOutput = size_t{512} << 20;
-
-  static Result inflate(const std::string& in, Format format);
+  // Inflates a slice at a time and stops once past maxOutput, so that a
+  // small hostile body cannot make the collector (and its database)
+  // swallow gigabytes.
+  static Result inflate(const std::string& in, Format format, size_t maxOutput);
 
  private:
-  static Result inflateWith(const std::string& in, int windowBits, const char* name);
+  static Result inflateWith(const std::string& in, int windowBits, const char* name,
+                            size_t maxOutput);
 };
 
 }  // namespace qv::collector

@@ -41,10 +41,6 @@ std::optional<QVCollectorOptions> QVCollectorOptions::parse(int argc, char** arg
     }
     if (usedValue) ++i;
   }
-  if (options.json && options.summary) {
-    error = "--json and --summary exclude each other";
-    return std::nullopt;
-  }
   return options;
 }
 
@@ -74,6 +70,16 @@ bool QVCollectorOptions::parseOption(const std::string& option, const char* valu
     if (const auto parsed = number(0, INT64_MAX)) failFirst = *parsed;
   } else if (serving && option == "--delay") {
     if (const auto parsed = number(0, 600000)) delayMs = *parsed;
+  } else if (serving && option == "--max-body") {
+    if (const auto parsed = number(1, INT64_MAX)) limits.maxBodyBytes = *parsed;
+  } else if (serving && option == "--max-inflated") {
+    if (const auto parsed = number(1, INT64_MAX)) limits.maxInflatedBytes = *parsed;
+  } else if (serving && option == "--timeout") {
+    if (const auto parsed = number(1, 3600)) limits.requestTimeoutSeconds = *parsed;
+  } else if (serving && option == "--host-name") {
+    usedValue = true;
+    if (!value || !*value) error = "--host-name needs a name";
+    if (value && *value) limits.hostNames.emplace_back(value);
   } else if (!serving && option == "--json") {
     json = true;
   } else if (!serving && option == "--summary") {
@@ -97,9 +103,10 @@ std::string QVCollectorOptions::defaultDatabase() {
 std::string QVCollectorOptions::usage(const std::string& program) {
   return "Usage: " + program +
          " [--port N] [--db FILE] [--status CODE] [--fail-first N] [--delay MS]\n"
+         "       [--max-body BYTES] [--max-inflated BYTES] [--timeout S] [--host-name NAME]\n"
          "       " +
          program +
-         " dump [--db FILE] [--json | --summary]\n"
+         " dump [--db FILE] [--json] [--summary]\n"
          "\n"
          "A collection server for development. It listens on 127.0.0.1, keeps\n"
          "every request that reaches it (any method, any path) in an SQLite file,\n"
@@ -122,11 +129,30 @@ std::string QVCollectorOptions::usage(const std::string& program) {
          "                   200). A 3xx is answered as it is, with no Location.\n"
          "  --fail-first N   answer 500 to the first N requests, then as usual\n"
          "  --delay MS       wait MS milliseconds before each answer\n"
+         "  --max-body BYTES the largest body taken (default 67108864, 64 MiB);\n"
+         "                   a larger one is answered 413 and not read\n"
+         "  --max-inflated BYTES\n"
+         "                   the largest size a gzip or deflate body may inflate\n"
+         "                   to (default 67108864); past it the answer is 413\n"
+         "  --timeout S      a request must arrive whole within S seconds (default\n"
+         "                   10), and a connection idle for 2 seconds is closed\n"
+         "  --host-name NAME also accept requests whose Host names NAME (by default\n"
+         "                   only 127.0.0.1 and localhost with the port are; any\n"
+         "                   other Host is answered 421)\n"
          "  -h, --help       show this text\n"
          "\n"
          "dump prints the stored requests, oldest first: a readable block each,\n"
-         "or with --json a JSON array of them in full, or with --summary only the\n"
-         "totals (requests, messages, bytes on the wire and after decoding).\n"
+         "or with --json a JSON array of them in full. With --summary it prints\n"
+         "only the totals (requests, messages, bytes on the wire and after\n"
+         "decoding) and, per module (the path it posts to), the requests and\n"
+         "messages received and those answered 2xx; --summary --json prints them\n"
+         "as /_qv/api/summary does.\n"
+         "\n"
+         "Answers: what --status and --fail-first say; 413 for a body past a\n"
+         "limit; 400 for a request whose framing is ambiguous (Content-Length\n"
+         "twice, not a number, or beside chunked); 421 for a Host that is not\n"
+         "this collector; 403 for a write from a web page of another origin; 503\n"
+         "when the request could not be stored (the client should send it again).\n"
          "Stop the server with Ctrl-C.\n";
 }
 

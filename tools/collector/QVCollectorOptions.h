@@ -3,6 +3,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "QVCollectorLimits.h"
 
 namespace qv::collector {
 
@@ -16,6 +19,7 @@ struct QVCollectorOptions {
   int status = 200;
   int64_t failFirst = 0;
   int64_t delayMs = 0;
+  QVCollectorLimits limits;
   bool json = false;     // dump: JSON instead of text
   bool summary = false;  // dump: the totals only
   bool help = false;

@@ -39,11 +39,13 @@ constexpr const char* kPage = R"QVPAGE(<!DOCTYPE html>
   .tree .string { color: #1a5d1a; }
   .tree .number, .tree .boolean { color: #1c4fa0; }
   .empty { color: #888; padding: 12px; }
+  #per-module { background: #f3f6fa; }
 </style>
 </head>
 <body>
 <div id="list">
   <header><h1>qvcore-collector</h1><span id="totals"></span></header>
+  <table id="per-module"><tbody id="modules"></tbody></table>
   <table>
     <thead><tr><th>#</th><th>time</th><th>request</th><th>kind</th><th class="num">msgs</th>
       <th class="num">bytes</th><th>status</th><th>check</th></tr></thead>
@@ -96,6 +98,14 @@ function target(request) {
   return request.method + " " + request.path + (query ? "?" + query : "");
 }
 
+// What each module (the path it posts to) sent, and what was answered 2xx.
+function moduleRow([module, totals]) {
+  return el("tr", {class: "module"}, el("td", {class: "mono"}, module),
+    el("td", {class: "num"}, totals.requests + " requests"),
+    el("td", {class: "num"}, totals.messages + " messages"),
+    el("td", {class: "num"}, totals.acceptedMessages + " answered 2xx"));
+}
+
 function row(request) {
   const attributes = {"data-id": request.id, onclick: () => { location.hash = "#" + request.id; }};
   if (request.id === selectedId()) attributes.class = "selected";
@@ -124,6 +134,7 @@ async function refreshList() {
     document.getElementById("totals").textContent = totals.requests + " requests, " +
         totals.messages + " messages, " + totals.rawBytes + " bytes on the wire, " +
         totals.decodedBytes + " decoded";
+    document.getElementById("modules").replaceChildren(...Object.entries(totals.modules).map(moduleRow));
   } catch (error) {
     document.getElementById("totals").textContent = "collector unreachable";
   }

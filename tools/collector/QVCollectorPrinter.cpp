@@ -4,6 +4,9 @@
 
 #include <cstdio>
 #include <ostream>
+#include <sstream>
+
+#include "QVTerminalText.h"
 
 namespace qv::collector {
 
@@ -61,10 +64,17 @@ std::string QVCollectorPrinter::line(const QVCollectorRecord& record) {
                      method(record.request) + " " + target(record.request) + "  " +
                      decodedText(record) + "  -> " + std::to_string(record.status);
   if (!record.decoded.problem.empty()) text += "  [" + record.decoded.problem + "]";
-  return text;
+  return QVTerminalText::escaped(text);
 }
 
-void QVCollectorPrinter::block(std::ostream& out, const QVCollectorRecord& record) {
+void QVCollectorPrinter::block(std::ostream& terminal, const QVCollectorRecord& record) {
+  // Everything in it came from a client; it goes out escaped as one text.
+  std::ostringstream out;
+  blockText(out, record);
+  terminal << QVTerminalText::escaped(out.str(), true);
+}
+
+void QVCollectorPrinter::blockText(std::ostream& out, const QVCollectorRecord& record) {
   const QVCollectorRequest& request = record.request;
   out << "#" << record.id << "  " << time(record.receivedAt) << "  " << method(request) << " "
       << request.path << (request.query.empty() ? "" : "?" + request.query) << "  -> "
@@ -148,6 +158,11 @@ void QVCollectorPrinter::summary(std::ostream& out, const QVCollectorStore::Summ
       << "messages: " << summary.messages << "\n"
       << "bytes on the wire: " << summary.rawBytes << "\n"
       << "bytes after decoding: " << summary.decodedBytes << "\n";
+  for (const auto& [module, totals] : summary.modules) {
+    out << "module " << QVTerminalText::escaped(module) << ": " << totals.requests << " requests, "
+        << totals.messages << " messages; answered 2xx: " << totals.acceptedRequests
+        << " requests, " << totals.acceptedMessages << " messages\n";
+  }
 }
 
 }  // namespace qv::collector

@@ -12,7 +12,8 @@
 namespace qv::collector {
 
 // The collector's text forms: the line printed as each request arrives, the
-// block that "dump" prints for a stored request, and the totals.
+// block that "dump" prints for a stored request, and the totals. What came
+// from a client is escaped for the terminal.
 class QVCollectorPrinter {
  public:
   static std::string line(const QVCollectorRecord& record);
@@ -22,6 +23,7 @@ class QVCollectorPrinter {
   static std::string time(int64_t millisecondsSince1970);
 
  private:
+  static void blockText(std::ostream& out, const QVCollectorRecord& record);
   static std::string decodedText(const QVCollectorRecord& record);
   static void payload(std::ostream& out, const nlohmann::json& value);
   static void sessions(std::ostream& out, const nlohmann::json& payload);

@@ -56,11 +56,21 @@ std::string QVCollectorRecordJson::full(const QVCollectorRecord& record) {
   return json;
 }
 
+QVValue QVCollectorRecordJson::totals(const QVCollectorStore::Totals& totals) {
+  return QVValue{{"requests", totals.requests},
+                 {"messages", totals.messages},
+                 {"rawBytes", totals.rawBytes},
+                 {"decodedBytes", totals.decodedBytes},
+                 {"acceptedRequests", totals.acceptedRequests},
+                 {"acceptedMessages", totals.acceptedMessages}};
+}
+
 QVValue QVCollectorRecordJson::summary(const QVCollectorStore::Summary& summary) {
-  return QVValue{{"requests", summary.requests},
-                 {"messages", summary.messages},
-                 {"rawBytes", summary.rawBytes},
-                 {"decodedBytes", summary.decodedBytes}};
+  QVValue object = totals(summary);
+  QVValue modules = QVValue::object();
+  for (const auto& [module, each] : summary.modules) modules[module] = totals(each);
+  object["modules"] = std::move(modules);
+  return object;
 }
 
 }  // namespace qv::collector

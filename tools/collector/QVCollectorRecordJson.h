@@ -17,7 +17,11 @@ class QVCollectorRecordJson {
   // is none). The payload is copied in as the text that arrived, so a body
   // of tens of megabytes is not parsed again and keeps its key order.
   static std::string full(const QVCollectorRecord& record);
+  // The totals, and under "modules" the same per module (path).
   static QVValue summary(const QVCollectorStore::Summary& summary);
+
+ private:
+  static QVValue totals(const QVCollectorStore::Totals& totals);
 };
 
 }  // namespace qv::collector

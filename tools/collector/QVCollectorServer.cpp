@@ -8,6 +8,7 @@
 #include "QVCollectorDecoder.h"
 #include "QVCollectorHttpServer.h"
 #include "QVCollectorPrinter.h"
+#include "QVTerminalText.h"
 
 namespace qv::collector {
 
@@ -69,7 +70,7 @@ std::string refusal(int status) {
     case 400:
       return "the request could not be read";
     case 413:
-      return "the body is too large";
+      return "the body is larger than the collector takes";
     case 414:
       return "the request line is longer than 8192 bytes";
     default:
@@ -80,10 +81,11 @@ std::string refusal(int status) {
 }  // namespace
 
 QVCollectorServer::QVCollectorServer(QVCollectorStore& store, QVCollectorReplyPolicy& policy,
-                                     std::ostream& log)
+                                     std::ostream& log, QVCollectorLimits limits)
     : store_(store),
       api_(store),
       policy_(policy),
+      limits_(std::move(limits)),
       log_(log),
       http_(std::make_unique<QVCollectorHttpServer>()) {
   install();
@@ -98,11 +100,29 @@ void QVCollectorServer::install() {
   // the second waits for the client's delayed ACK (~40 ms a request), which
   // throttles a module that sends one GET per message.
   http_->set_tcp_nodelay(true);
-  http_->set_pre_routing_handler([](const httplib::Request& request, httplib::Response&) {
-    // The request is the server's own, not const; only the signature is.
-    hideBodyHeaders(const_cast<httplib::Request&>(request));
-    return httplib::Server::HandlerResponse::Unhandled;
-  });
+  // cpp-httplib checks a Content-Length against this before reading, but
+  // reads a chunked body whole; the stream cuts that off, with room for the
+  // chunks' own framing.
+  const auto maxBody = static_cast<size_t>(limits_.maxBodyBytes);
+  http_->set_payload_max_length(maxBody);
+  http_->setBodyLimit(maxBody + maxBody / 64 + 4096);
+  http_->set_error_handler(httplib::Server::HandlerWithResponse(
+      [](const httplib::Request&, httplib::Response& response) {
+        const QVCollectorSocketStream* stream = QVCollectorHttpServer::currentStream();
+        if (stream && stream->overLimit()) response.status = 413;
+        return httplib::Server::HandlerResponse::Unhandled;
+      }));
+  http_->setRequestTimeout(std::chrono::seconds(limits_.requestTimeoutSeconds));
+  // Bodies are served as their bytes; a browser must not guess them HTML.
+  http_->set_default_headers({{"X-Content-Type-Options", "nosniff"}});
+  // Runs after the head is read and before the body is.
+  http_->set_pre_routing_handler(
+      [this](const httplib::Request& request, httplib::Response& response) {
+        // The request is the server's own, not const; only the signature is.
+        hideBodyHeaders(const_cast<httplib::Request&>(request));
+        return admit(request, response) ? httplib::Server::HandlerResponse::Unhandled
+                                        : httplib::Server::HandlerResponse::Handled;
+      });
   const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
     handle(request, response);
   };
@@ -118,8 +138,23 @@ void QVCollectorServer::install() {
 }
 
 int QVCollectorServer::bind(int port) {
-  if (port == 0) return std::max(http_->bind_to_any_port(kHost), 0);
-  return http_->bind_to_port(kHost, port) ? port : 0;
+  if (port == 0) {
+    port = std::max(http_->bind_to_any_port(kHost), 0);
+  } else if (!http_->bind_to_port(kHost, port)) {
+    port = 0;
+  }
+  gate_ = std::make_unique<QVCollectorGate>(port, limits_.hostNames, limits_.maxBodyBytes);
+  return port;
+}
+
+bool QVCollectorServer::admit(const httplib::Request& request, httplib::Response& response) const {
+  const QVCollectorSocketStream* stream = QVCollectorHttpServer::currentStream();
+  if (!stream || !gate_) return true;
+  const QVCollectorGate::Verdict verdict = gate_->check(request.method, stream->headers());
+  if (verdict.status == 0) return true;
+  response.status = verdict.status;
+  response.set_content(verdict.why + "\n", "text/plain");
+  return false;
 }
 
 void QVCollectorServer::start() {
@@ -137,6 +172,19 @@ void QVCollectorServer::stop() {
 }
 
 void QVCollectorServer::handle(const httplib::Request& request, httplib::Response& response) {
+  try {
+    serve(request, response);
+  } catch (const std::exception& error) {
+    // Out of memory, say: answered as not stored, so the client tries again.
+    response.status = 503;
+    response.set_content("not stored\n", "text/plain");
+    std::lock_guard lock(logMutex_);
+    log_ << QVTerminalText::escaped(request.method + " " + request.path)
+         << "  -> 503  (not stored: " << error.what() << ")" << std::endl;
+  }
+}
+
+void QVCollectorServer::serve(const httplib::Request& request, httplib::Response& response) {
   QVCollectorRequest received = requestFrom(request);
   if (!QVCollectorApi::owns(received.path)) return capture(std::move(received), response);
   if (received.method != "GET" && received.method != "HEAD") {
@@ -152,15 +200,26 @@ void QVCollectorServer::handle(const httplib::Request& request, httplib::Respons
 void QVCollectorServer::capture(QVCollectorRequest request, httplib::Response& response) {
   QVCollectorRecord record;
   record.receivedAt = now();
-  record.status = policy_.nextStatus();
-  record.decoded = QVCollectorDecoder::decode(request);
+  if (request.body.size() > static_cast<size_t>(limits_.maxBodyBytes)) {
+    // A chunked body just past the limit, within the room left for framing.
+    request.body.clear();
+    response.status = 413;
+    return refuse(std::move(request), 413, refusal(413));
+  }
+  record.decoded =
+      QVCollectorDecoder::decode(request, static_cast<size_t>(limits_.maxInflatedBytes));
+  record.status = record.decoded.tooLarge ? 413 : policy_.nextStatus();
   record.request = std::move(request);
-  keep(record);
+  const bool stored = keep(record);
   std::this_thread::sleep_for(policy_.delay());
   response.status = record.status;
   // 204 and 304 carry no body by definition.
   if (record.status != 204 && record.status != 304) {
-    response.set_content(record.status < 400 ? "ok\n" : "failed on purpose\n", "text/plain");
+    response.set_content(!stored                   ? "not stored\n"
+                         : record.decoded.tooLarge ? record.decoded.problem + "\n"
+                         : record.status < 400     ? "ok\n"
+                                                   : "failed on purpose\n",
+                         "text/plain");
   }
 }
 
@@ -168,27 +227,43 @@ void QVCollectorServer::noteRefused(const httplib::Request& request,
                                     const httplib::Response& response) {
   // A handler sets matches; without them cpp-httplib answered by itself.
   if (!request.matches.empty()) return;
+  QVCollectorRequest received = requestFrom(request);
+  // Whatever part of a body too large was read is not worth keeping.
+  if (response.status == 413) received.body.clear();
+  // The gate explains its refusals in the answer's text.
+  refuse(std::move(received), response.status,
+         response.body.empty() ? refusal(response.status)
+                               : response.body.substr(0, response.body.find('\n')));
+}
+
+void QVCollectorServer::refuse(QVCollectorRequest request, int status, std::string problem) {
   QVCollectorHttpServer::closeCurrentConnection();
   QVCollectorRecord record;
   record.receivedAt = now();
-  record.status = response.status;
-  record.request = requestFrom(request);
+  record.status = status;
+  record.request = std::move(request);
   record.decoded.kind = "refused";
   record.decoded.rawBytes = static_cast<int64_t>(record.request.body.size());
-  record.decoded.problem = refusal(response.status);
+  record.decoded.problem = std::move(problem);
   keep(record);
 }
 
-void QVCollectorServer::keep(QVCollectorRecord& record) {
+bool QVCollectorServer::keep(QVCollectorRecord& record) {
   std::string line;
+  bool stored = true;
   try {
     record.id = store_.add(record);
     line = QVCollectorPrinter::line(record);
   } catch (const std::exception& error) {
-    line = QVCollectorPrinter::line(record) + "  (not stored: " + error.what() + ")";
+    // A refusal keeps its status: it was never going to be taken.
+    if (record.decoded.kind != "refused") record.status = 503;
+    line = QVCollectorPrinter::line(record) +
+           "  (not stored: " + QVTerminalText::escaped(error.what()) + ")";
+    stored = false;
   }
   std::lock_guard lock(logMutex_);
   log_ << line << std::endl;
+  return stored;
 }
 
 }  // namespace qv::collector

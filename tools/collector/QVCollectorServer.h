@@ -6,6 +6,8 @@
 #include <thread>
 
 #include "QVCollectorApi.h"
+#include "QVCollectorGate.h"
+#include "QVCollectorLimits.h"
 #include "QVCollectorRecord.h"
 #include "QVCollectorReplyPolicy.h"
 #include "QVCollectorStore.h"
@@ -21,12 +23,17 @@ class QVCollectorHttpServer;
 
 // The HTTP side of the collector, on 127.0.0.1 only. Every request is stored
 // and answered as the reply policy says, except requests under /_qv/, which
-// are the collector's own page and API. One line per stored request goes to
-// the log stream. cpp-httplib serves from a pool of threads; the store
-// serialises their writes.
+// are the collector's own page and API. A request that could not be stored
+// is answered 503, so that its client keeps it and sends it again. The gate
+// turns away, before their bodies are read, requests with an ambiguous
+// length and those that a web page of another origin makes; the limits
+// bound what a request may cost. One line per request goes to the log
+// stream. cpp-httplib serves from a pool of threads; the store serialises
+// their writes.
 class QVCollectorServer {
  public:
-  QVCollectorServer(QVCollectorStore& store, QVCollectorReplyPolicy& policy, std::ostream& log);
+  QVCollectorServer(QVCollectorStore& store, QVCollectorReplyPolicy& policy, std::ostream& log,
+                    QVCollectorLimits limits = {});
   ~QVCollectorServer();
   QVCollectorServer(const QVCollectorServer&) = delete;
   QVCollectorServer& operator=(const QVCollectorServer&) = delete;
@@ -41,14 +48,21 @@ class QVCollectorServer {
 
  private:
   void install();
+  bool admit(const httplib::Request& request, httplib::Response& response) const;
   void handle(const httplib::Request& request, httplib::Response& response);
+  void serve(const httplib::Request& request, httplib::Response& response);
   void capture(QVCollectorRequest request, httplib::Response& response);
   void noteRefused(const httplib::Request& request, const httplib::Response& response);
-  void keep(QVCollectorRecord& record);
+  void refuse(QVCollectorRequest request, int status, std::string problem);
+  // Stores the record and logs its line; false (and status 503) when it
+  // could not be stored.
+  bool keep(QVCollectorRecord& record);
 
   QVCollectorStore& store_;
   QVCollectorApi api_;
   QVCollectorReplyPolicy& policy_;
+  const QVCollectorLimits limits_;
+  std::unique_ptr<QVCollectorGate> gate_;  // from bind() on
   std::ostream& log_;
   std::mutex logMutex_;
   std::unique_ptr<QVCollectorHttpServer> http_;

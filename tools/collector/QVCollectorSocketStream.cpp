@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace qv::collector {
@@ -40,12 +41,26 @@ void addressOf(const sockaddr_storage& address, std::string& ip, int& port) {
 }  // namespace
 
 QVCollectorSocketStream::QVCollectorSocketStream(int socket, std::chrono::microseconds readTimeout,
-                                                 std::chrono::microseconds writeTimeout)
-    : socket_(socket), readTimeout_(readTimeout), writeTimeout_(writeTimeout) {}
+                                                 std::chrono::microseconds writeTimeout,
+                                                 std::chrono::milliseconds requestTimeout)
+    : socket_(socket),
+      readTimeout_(readTimeout),
+      writeTimeout_(writeTimeout),
+      requestTimeout_(requestTimeout) {}
 
 void QVCollectorSocketStream::beginRequest() {
   head_.clear();
   headComplete_ = false;
+  bodyRead_ = 0;
+  overLimit_ = false;
+  deadline_ = std::chrono::steady_clock::now() + requestTimeout_;
+}
+
+std::chrono::microseconds QVCollectorSocketStream::readWait() const {
+  using std::chrono::microseconds;
+  const auto left =
+      std::chrono::duration_cast<microseconds>(deadline_ - std::chrono::steady_clock::now());
+  return std::max(microseconds(0), std::min(readTimeout_, left));
 }
 
 QVCollectorRequest::Headers QVCollectorSocketStream::headers() const {
@@ -84,14 +99,14 @@ bool QVCollectorSocketStream::waitFor(short events, std::chrono::microseconds ti
 }
 
 bool QVCollectorSocketStream::is_readable() const {
-  return hasBuffered() || waitFor(POLLIN, readTimeout_);
+  return hasBuffered() || waitFor(POLLIN, readWait());
 }
 
 bool QVCollectorSocketStream::is_writable() const { return waitFor(POLLOUT, writeTimeout_); }
 
 ssize_t QVCollectorSocketStream::read(char* ptr, size_t size) {
   if (!hasBuffered()) {
-    if (!waitFor(POLLIN, readTimeout_)) return -1;
+    if (!waitFor(POLLIN, readWait())) return -1;
     buffered_.resize(std::max(kBufferSize, size));
     ssize_t got;
     do {
@@ -102,6 +117,10 @@ ssize_t QVCollectorSocketStream::read(char* ptr, size_t size) {
     if (got <= 0) return got;
   }
   const size_t count = std::min(size, buffered_.size() - position_);
+  if (headComplete_ && (bodyRead_ += count) > bodyLimit_) {
+    overLimit_ = true;
+    return -1;
+  }
   std::memcpy(ptr, buffered_.data() + position_, count);
   position_ += count;
   if (!headComplete_) keep(ptr, count);

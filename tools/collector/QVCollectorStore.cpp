@@ -1,7 +1,13 @@
 #include "QVCollectorStore.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 #include "QVCollectorStatement.h"
@@ -11,7 +17,7 @@ namespace qv::collector {
 
 namespace {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 constexpr const char* kSchema = R"(
 CREATE TABLE requests (
@@ -32,6 +38,31 @@ CREATE TABLE requests (
   decoded_bytes INTEGER NOT NULL,
   problem       TEXT NOT NULL      -- empty when the payload fits the format
 );
+)";
+
+// Version 2: the totals per module (the request's path), counted as each
+// request is added; a file of version 1 has them counted once here.
+constexpr const char* kTotals = R"(
+CREATE TABLE totals (
+  module            TEXT PRIMARY KEY,
+  requests          INTEGER NOT NULL,
+  messages          INTEGER NOT NULL,
+  raw_bytes         INTEGER NOT NULL,
+  decoded_bytes     INTEGER NOT NULL,
+  accepted_requests INTEGER NOT NULL,
+  accepted_messages INTEGER NOT NULL
+);
+INSERT INTO totals SELECT path, count(*), total(messages), total(raw_bytes),
+  total(decoded_bytes), total(status BETWEEN 200 AND 299),
+  total(CASE WHEN status BETWEEN 200 AND 299 THEN messages ELSE 0 END)
+  FROM requests GROUP BY path;
+)";
+
+constexpr const char* kCount = R"(
+INSERT INTO totals VALUES (?1, 1, ?2, ?3, ?4, ?5, ?5 * ?2)
+ON CONFLICT (module) DO UPDATE SET requests = requests + 1, messages = messages + ?2,
+  raw_bytes = raw_bytes + ?3, decoded_bytes = decoded_bytes + ?4,
+  accepted_requests = accepted_requests + ?5, accepted_messages = accepted_messages + ?5 * ?2
 )";
 
 constexpr const char* kBriefColumns =
@@ -59,6 +90,7 @@ QVCollectorRequest::Headers headersFrom(const std::string& text) {
 }  // namespace
 
 QVCollectorStore::QVCollectorStore(const std::string& path, Mode mode) {
+  if (mode == Mode::kCreate) createFile(path);
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX |
                     (mode == Mode::kCreate ? SQLITE_OPEN_CREATE : 0);
   if (sqlite3_open_v2(path.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
@@ -86,23 +118,61 @@ void QVCollectorStore::execute(const char* sql) const {
   throw std::runtime_error("SQLite: " + why);
 }
 
+void QVCollectorStore::createFile(const std::string& path) {
+  // SQLite creates its file as 0644 less the umask, and its -wal and -shm
+  // files as the database is; requests may hold tokens and cookies.
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  std::filesystem::path made;
+  for (const auto& part : folder) {
+    made /= part;
+    if (::mkdir(made.c_str(), 0700) == 0) ::chmod(made.c_str(), 0700);  // whatever the umask
+  }
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
+  ::fchmod(fd, 0600);
+  ::close(fd);
+}
+
 void QVCollectorStore::migrate() {
   QVCollectorStatement version(db_, "PRAGMA user_version");
   version.step();
   const int64_t found = version.integer(0);
   if (found == kSchemaVersion) return;
-  if (found != 0) {
+  if (found < 0 || found > kSchemaVersion) {
     throw std::runtime_error("the database has schema " + std::to_string(found) +
                              ", this collector knows " + std::to_string(kSchemaVersion));
   }
   execute("BEGIN");
-  execute(kSchema);
+  if (found < 1) execute(kSchema);
+  execute(kTotals);
   execute(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
   execute("COMMIT");
 }
 
 int64_t QVCollectorStore::add(const QVCollectorRecord& record) {
   std::lock_guard lock(mutex_);
+  execute("BEGIN IMMEDIATE");
+  try {
+    insert(record);
+    const int64_t id = sqlite3_last_insert_rowid(db_);
+    count(record);
+    execute("COMMIT");
+    return id;
+  } catch (...) {
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    throw;
+  }
+}
+
+void QVCollectorStore::count(const QVCollectorRecord& record) {
+  QVCollectorStatement upsert(db_, kCount);
+  upsert.bindText(1, record.request.path).bind(2, record.decoded.messages);
+  upsert.bind(3, record.decoded.rawBytes).bind(4, record.decoded.decodedBytes);
+  upsert.bind(5, record.status >= 200 && record.status <= 299 ? 1 : 0);
+  upsert.step();
+}
+
+void QVCollectorStore::insert(const QVCollectorRecord& record) {
   QVCollectorStatement insert(
       db_,
       "INSERT INTO requests (received_at, method, path, query, headers, body, status, encoding,"
@@ -118,7 +188,6 @@ int64_t QVCollectorStore::add(const QVCollectorRecord& record) {
   insert.bind(13, decoded.rawBytes).bind(14, decoded.decodedBytes);
   insert.bindText(15, decoded.problem);
   insert.step();
-  return sqlite3_last_insert_rowid(db_);
 }
 
 std::vector<QVCollectorRecord> QVCollectorStore::recent(int64_t limit) const {
@@ -152,10 +221,21 @@ void QVCollectorStore::forEach(const std::function<void(const QVCollectorRecord&
 QVCollectorStore::Summary QVCollectorStore::summary() const {
   std::lock_guard lock(mutex_);
   QVCollectorStatement select(db_,
-                              "SELECT count(*), total(messages), total(raw_bytes),"
-                              " total(decoded_bytes) FROM requests");
-  select.step();
-  return {select.integer(0), select.integer(1), select.integer(2), select.integer(3)};
+                              "SELECT module, requests, messages, raw_bytes, decoded_bytes,"
+                              " accepted_requests, accepted_messages FROM totals");
+  Summary summary;
+  while (select.step()) {
+    const Totals module{select.integer(1), select.integer(2), select.integer(3),
+                        select.integer(4), select.integer(5), select.integer(6)};
+    summary.modules[select.text(0)] = module;
+    summary.requests += module.requests;
+    summary.messages += module.messages;
+    summary.rawBytes += module.rawBytes;
+    summary.decodedBytes += module.decodedBytes;
+    summary.acceptedRequests += module.acceptedRequests;
+    summary.acceptedMessages += module.acceptedMessages;
+  }
+  return summary;
 }
 
 QVCollectorRecord QVCollectorStore::briefRow(const QVCollectorStatement& row) {

@@ -3,7 +3,6 @@
 
 #include <signal.h>
 
-#include <filesystem>
 #include <iostream>
 #include <string>
 
@@ -23,9 +22,10 @@ int fail(const std::string& why) {
 }
 
 int dump(const QVCollectorOptions& options, const std::string& path) {
-  const auto format = options.json      ? QVCollectorDump::Format::kJson
-                      : options.summary ? QVCollectorDump::Format::kSummary
-                                        : QVCollectorDump::Format::kText;
+  using Format = QVCollectorDump::Format;
+  const auto format = options.summary ? (options.json ? Format::kSummaryJson : Format::kSummary)
+                      : options.json  ? Format::kJson
+                                      : Format::kText;
   const QVCollectorStore store(path, QVCollectorStore::Mode::kExisting);
   QVCollectorDump::print(store, format, std::cout);
   return 0;
@@ -43,13 +43,11 @@ sigset_t blockStopSignals() {
 }
 
 int serve(const QVCollectorOptions& options, const std::string& path) {
-  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-  if (!folder.empty()) std::filesystem::create_directories(folder);
   QVCollectorStore store(path);
   QVCollectorReplyPolicy policy(options.status, options.failFirst,
                                 std::chrono::milliseconds(options.delayMs));
   const sigset_t signals = blockStopSignals();
-  QVCollectorServer server(store, policy, std::cout);
+  QVCollectorServer server(store, policy, std::cout, options.limits);
   const int port = server.bind(options.port);
   if (port == 0) return fail("cannot listen on 127.0.0.1 port " + std::to_string(options.port));
   const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/";

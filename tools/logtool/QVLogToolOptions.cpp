@@ -33,6 +33,13 @@ std::optional<QVLogToolOptions> QVLogToolOptions::parse(int argc, char** argv, s
         return std::nullopt;
       }
       options.port = *port;
+    } else if (argument == "--idle-timeout") {
+      const auto seconds = hasValue ? portFrom(argv[++i]) : std::nullopt;
+      if (!seconds || *seconds == 0) {
+        error = "--idle-timeout needs a number of seconds from 1 to 65535";
+        return std::nullopt;
+      }
+      options.idleTimeoutSeconds = *seconds;
     } else if (argument == "--name" || argument == "-n") {
       if (!hasValue || std::string_view(argv[i + 1]).empty()) {
         error = "--name needs a service name";
@@ -49,7 +56,7 @@ std::optional<QVLogToolOptions> QVLogToolOptions::parse(int argc, char** argv, s
 
 std::string QVLogToolOptions::usage(const std::string& program) {
   return "Usage: " + program +
-         " [--port N] [--name NAME]\n"
+         " [--port N] [--name NAME] [--idle-timeout S]\n"
          "\n"
          "Receives the text that applications built with QVCore post through the\n"
          "developer log relay (VintraZANLogClient, or postToZANVintraSDKTool on\n"
@@ -75,7 +82,14 @@ std::string QVLogToolOptions::usage(const std::string& program) {
          "  -n, --name NAME  the service instance name to announce (default:\n"
          "                   \"qvcore-logtool on <host name>\"); Avahi picks another\n"
          "                   if the name is taken on the network\n"
-         "  -h, --help       show this text\n";
+         "  --idle-timeout S close a connection that sent nothing for S seconds\n"
+         "                   (default 1800)\n"
+         "  -h, --help       show this text\n"
+         "\n"
+         "What peers send is printed with control characters escaped (\\xNN), and\n"
+         "each separator names the peer (address:port) whose header it stands\n"
+         "for; a peer's line that looks like a separator is prefixed with\n"
+         "[from ADDRESS:PORT].\n";
 }
 
 }  // namespace qv

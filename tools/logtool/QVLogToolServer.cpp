@@ -5,10 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "QVLogToolPrinter.h"
 
@@ -38,8 +40,9 @@ std::string peerName(const sockaddr_storage& address) {
 
 }  // namespace
 
-QVLogToolServer::QVLogToolServer(QVRunLoop& loop, QVLogToolPrinter& printer)
-    : loop_(loop), printer_(printer) {}
+QVLogToolServer::QVLogToolServer(QVRunLoop& loop, QVLogToolPrinter& printer,
+                                 std::chrono::milliseconds idleTimeout)
+    : loop_(loop), printer_(printer), idleTimeout_(idleTimeout) {}
 
 QVLogToolServer::~QVLogToolServer() {
   while (!connections_.empty()) drop(connections_.begin()->first);
@@ -91,12 +94,30 @@ uint16_t QVLogToolServer::listen(uint16_t port, std::string& error) {
   const uint16_t chosen = bound.ss_family == AF_INET6
                               ? ntohs(reinterpret_cast<sockaddr_in6&>(bound).sin6_port)
                               : ntohs(reinterpret_cast<sockaddr_in&>(bound).sin_port);
-  listenerWatch_ = loop_.watchReadable(listener_, [this] { acceptAll(); });
+  watchListener();
   if (listenerWatch_ == 0) {
     error = "the listening socket cannot be watched";
     return 0;
   }
   return chosen;
+}
+
+void QVLogToolServer::watchListener() {
+  listenerWatch_ = loop_.watchReadable(listener_, [this] { acceptAll(); });
+}
+
+void QVLogToolServer::restListener() {
+  std::fprintf(stderr, "qvcore-logtool: cannot accept a connection (%s); trying again in %lld s\n",
+               std::strerror(errno), static_cast<long long>(kAcceptRest.count()));
+  loop_.cancelWatch(listenerWatch_);
+  listenerWatch_ = 0;
+  later(kAcceptRest, &QVLogToolServer::watchListener);
+}
+
+void QVLogToolServer::later(std::chrono::milliseconds delay, void (QVLogToolServer::*task)()) {
+  loop_.postAfter(delay, [alive = std::weak_ptr<QVLogToolServer*>(self_), task] {
+    if (const auto self = alive.lock()) ((**self).*task)();
+  });
 }
 
 void QVLogToolServer::acceptAll() {
@@ -107,12 +128,17 @@ void QVLogToolServer::acceptAll() {
                              SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
-      // EAGAIN: all taken. Anything else (out of descriptors, say) is
-      // tried again when the loop calls next.
-      return;
+      // The connection stays queued, so the listener would be readable
+      // again at once.
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        restListener();
+      }
+      return;  // EAGAIN: all taken
     }
     Connection& connection = connections_[fd];
     connection.peer = peerName(peer);
+    connection.lastHeard = std::chrono::steady_clock::now();
+    scheduleSweep();
     std::fprintf(stderr, "qvcore-logtool: connection from %s\n", connection.peer.c_str());
     printer_.opened(fd, connection.peer);
     connection.watch = loop_.watchReadable(fd, [this, fd] { readFrom(fd); });
@@ -125,10 +151,34 @@ void QVLogToolServer::readFrom(int fd) {
   char buffer[65536];
   const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
   if (got > 0) {
+    connections_[fd].lastHeard = std::chrono::steady_clock::now();
     printer_.received(fd, std::string_view(buffer, static_cast<size_t>(got)));
   } else if (got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
     drop(fd);
   }
+}
+
+void QVLogToolServer::scheduleSweep() {
+  if (sweepScheduled_) return;
+  sweepScheduled_ = true;
+  later(std::max(idleTimeout_ / 4, std::chrono::milliseconds(100)), &QVLogToolServer::sweepIdle);
+}
+
+void QVLogToolServer::sweepIdle() {
+  sweepScheduled_ = false;
+  const auto cutoff = std::chrono::steady_clock::now() - idleTimeout_;
+  std::vector<int> idle;
+  for (const auto& [fd, connection] : connections_) {
+    if (connection.lastHeard <= cutoff) idle.push_back(fd);
+  }
+  for (int fd : idle) {
+    std::fprintf(stderr, "qvcore-logtool: %s sent nothing for %lld s\n",
+                 connections_[fd].peer.c_str(),
+                 static_cast<long long>(
+                     std::chrono::duration_cast<std::chrono::seconds>(idleTimeout_).count()));
+    drop(fd);
+  }
+  if (!connections_.empty()) scheduleSweep();
 }
 
 void QVLogToolServer::drop(int fd) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <string>
 
@@ -70,7 +71,7 @@ int main(int argc, char** argv) {
   });
 
   qv::QVLogToolPrinter printer(stdout);
-  qv::QVLogToolServer server(loop, printer);
+  qv::QVLogToolServer server(loop, printer, std::chrono::seconds(options->idleTimeoutSeconds));
   const uint16_t port = server.listen(options->port, error);
   if (port == 0) return fail("cannot listen: " + error);
   std::fprintf(stderr, "qvcore-logtool: listening on TCP port %u\n", static_cast<unsigned>(port));
