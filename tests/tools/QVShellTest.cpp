@@ -191,7 +191,7 @@ void followsTheSystemsNetworkOnRequest(const std::string& ip) {
             "ok\n2\n10.200.0.1\nWifi\n10.200.0.1\n");
   test::runIp(ip, "route del default");
   EXPECT_EQ(answers("network system\n" + facts), "ok\n1\n\nN/A\n") << "no default route";
-  EXPECT_EQ(answers("network cellular address=10.9.8.7\n" + facts), "ok\n3\n\nWWAN\n");
+  EXPECT_EQ(answers("network cellular address=198.51.100.7\n" + facts), "ok\n3\n\nWWAN\n");
   EXPECT_EQ(answers("network wifi address=192.0.2.7\n" + facts), "ok\n2\n192.0.2.7\nWifi\n");
   EXPECT_EQ(answers("fact networkIPAddress\n"), "10.200.0.1\n") << "looked up once per process";
 }
