@@ -26,6 +26,13 @@ bool announced(const QVNetlinkSocket& socket) {
 
 }  // namespace
 
+int netlinkWatchError() {
+  errno = 0;
+  const QVNetlinkSocket probe(kWatchedGroups);
+  if (probe.isOpen()) return 0;
+  return errno != 0 ? errno : EACCES;
+}
+
 // One schedule: the subscribed socket and what it reports to. The loop's
 // watch holds it, so a call under way keeps the socket open while another
 // thread unschedules.

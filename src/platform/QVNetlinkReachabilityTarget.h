@@ -9,6 +9,10 @@
 
 namespace qv {
 
+// 0 when a socket that hears the kernel's link, address and route events can
+// be opened, as a scheduled target needs; else the error that refused it.
+int netlinkWatchError();
+
 // A target whose flags come from the kernel's route to its destination. Once
 // scheduled, a socket subscribed to the kernel's link, address and route
 // events is watched on the loop; after each burst of events the flags are

@@ -4,12 +4,14 @@
 #include <fcntl.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <netinet/in.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/QVNetlinkSocket.h"
@@ -26,17 +28,13 @@ constexpr std::array<uint8_t, 16> kInternetIPv6{0x26, 0x06, 0x47, 0x00, 0x47, 0x
 
 // Names that cellular modem drivers give their links.
 constexpr std::string_view kCellularPrefixes[] = {"wwan", "rmnet", "ccmni"};
+// Link kinds (IFLA_INFO_KIND) that only modems' drivers create.
+constexpr std::string_view kCellularKinds[] = {"wwan", "rmnet"};
 
 struct Route {
   uint8_t type = RTN_UNSPEC;
   int outputInterface = 0;
   bool viaGateway = false;
-};
-
-struct Link {
-  int index = 0;
-  unsigned flags = 0;
-  std::string name;
 };
 
 std::vector<uint8_t> makeRequest(uint16_t type, const void* body, size_t size) {
@@ -103,21 +101,40 @@ Route parseRoute(std::vector<uint8_t>& message) {
   return route;
 }
 
-Link parseLink(std::vector<uint8_t>& message) {
-  Link link;
+std::string attributeText(const rtattr* attribute) {
+  const char* text = static_cast<const char*>(RTA_DATA(attribute));
+  return std::string(text, strnlen(text, RTA_PAYLOAD(attribute)));
+}
+
+// The driver's name for the kind of link, nested in IFLA_LINKINFO; empty for
+// links of no kind (those of hardware drivers).
+std::string linkKind(const rtattr* linkInfo) {
+  int left = static_cast<int>(RTA_PAYLOAD(linkInfo));
+  for (auto* nested = static_cast<const rtattr*>(RTA_DATA(linkInfo)); RTA_OK(nested, left);
+       nested = RTA_NEXT(nested, left)) {
+    if (nested->rta_type == IFLA_INFO_KIND) return attributeText(nested);
+  }
+  return {};
+}
+
+QVNetlinkLink parseLink(std::vector<uint8_t>& message) {
+  QVNetlinkLink link;
   auto* header = reinterpret_cast<nlmsghdr*>(message.data());
   if (header->nlmsg_type != RTM_NEWLINK || header->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) {
     return link;
   }
   auto* body = static_cast<ifinfomsg*>(NLMSG_DATA(header));
   link.index = body->ifi_index;
+  link.type = body->ifi_type;
   link.flags = body->ifi_flags;
   int left = static_cast<int>(IFLA_PAYLOAD(header));
   for (auto* attribute = IFLA_RTA(body); RTA_OK(attribute, left);
        attribute = RTA_NEXT(attribute, left)) {
-    if (attribute->rta_type != IFLA_IFNAME) continue;
-    const char* name = static_cast<const char*>(RTA_DATA(attribute));
-    link.name.assign(name, strnlen(name, RTA_PAYLOAD(attribute)));
+    if (attribute->rta_type == IFLA_IFNAME) {
+      link.name = attributeText(attribute);
+    } else if (attribute->rta_type == IFLA_LINKINFO) {
+      link.kind = linkKind(attribute);
+    }
   }
   return link;
 }
@@ -135,7 +152,7 @@ std::optional<std::string> readSmallFile(const std::string& path) {
 // The kernel marks the links of cellular modems with the device type "wwan".
 // sysfs shows the links of the network namespace that mounted it, which need
 // not be ours, so it counts only when it knows the link by the same index.
-bool sysfsSaysCellular(const Link& link) {
+bool sysfsSaysCellular(const QVNetlinkLink& link) {
   if (link.name.empty() || link.name.find('/') != std::string::npos || link.name[0] == '.') {
     return false;
   }
@@ -146,29 +163,61 @@ bool sysfsSaysCellular(const Link& link) {
   return uevent && ("\n" + *uevent).find("\nDEVTYPE=wwan\n") != std::string::npos;
 }
 
-bool isCellular(const Link& link) {
-  const bool named = std::any_of(
-      std::begin(kCellularPrefixes), std::end(kCellularPrefixes),
-      [&](std::string_view prefix) { return std::string_view(link.name).starts_with(prefix); });
-  return named || sysfsSaysCellular(link);
-}
-
 // A link carries traffic when it is up and the kernel counts it operational
 // (IFF_RUNNING: carrier present, or a link that cannot tell). Routes over a
 // link that lost its carrier stay in the table, so the route alone is not
 // enough. Loopback leads nowhere else.
-bool carriesTraffic(const Link& link) {
+bool carriesTraffic(const QVNetlinkLink& link) {
   const unsigned needed = IFF_UP | IFF_RUNNING;
   return (link.flags & needed) == needed && (link.flags & IFF_LOOPBACK) == 0;
 }
 
-uint32_t flagsOver(const Route& route, const Link& link, const QVNetlinkDestination& destination) {
+uint32_t flagsOver(const Route& route, const QVNetlinkLink& link,
+                   const QVNetlinkDestination& destination) {
   if (!carriesTraffic(link)) return 0;
   uint32_t flags = kQVReachabilityFlagsReachable;
   // The internet is never on a link of this machine, whatever the route.
   if (!route.viaGateway && !destination.internet) flags |= kQVReachabilityFlagsIsDirect;
-  if (isCellular(link)) flags |= kQVReachabilityFlagsIsWWAN;
+  if (netlinkLinkIsCellular(link)) flags |= kQVReachabilityFlagsIsWWAN;
   return flags;
+}
+
+// The route to destination and the link it leaves by: none when the kernel
+// cannot be asked, a route of type RTN_UNSPEC when there is none.
+std::optional<std::pair<Route, QVNetlinkLink>> routeAndLink(
+    QVNetlinkSocket& socket, const QVNetlinkDestination& destination) {
+  auto routeReply = socket.transact(routeRequest(destination));
+  if (!routeReply) return std::nullopt;
+  // An error is the kernel's answer that there is no way there.
+  if (routeReply->error != 0) return std::pair(Route(), QVNetlinkLink());
+  const Route route = parseRoute(routeReply->message);
+  if (route.type != RTN_UNICAST) return std::pair(route, QVNetlinkLink());
+  auto linkReply = socket.transact(linkRequest(route.outputInterface));
+  if (!linkReply) return std::nullopt;
+  if (linkReply->error != 0) return std::pair(Route(), QVNetlinkLink());  // gone in between
+  return std::pair(route, parseLink(linkReply->message));
+}
+
+std::optional<uint32_t> flagsOfFamily(QVNetlinkSocket& socket,
+                                      const QVNetlinkDestination& destination) {
+  const auto found = routeAndLink(socket, destination);
+  if (!found) return std::nullopt;
+  const auto& [route, link] = *found;
+  if (route.type == RTN_LOCAL) {
+    if (destination.internet) return 0u;
+    return kQVReachabilityFlagsReachable | kQVReachabilityFlagsIsLocalAddress |
+           kQVReachabilityFlagsIsDirect;
+  }
+  // Blackhole, unreachable and prohibit routes lead nowhere.
+  if (route.type != RTN_UNICAST) return 0u;
+  return flagsOver(route, link, destination);
+}
+
+// The internet in the other family: a machine may reach it over IPv6 alone,
+// or over IPv4 alone, whichever unspecified address stood for it.
+QVNetlinkDestination otherFamily(QVNetlinkDestination destination) {
+  destination.family = destination.family == AF_INET ? AF_INET6 : AF_INET;
+  return destination;
 }
 
 }  // namespace
@@ -215,22 +264,34 @@ QVNetlinkDestination netlinkInternetDestination() {
 
 std::optional<uint32_t> netlinkReachabilityFlags(const QVNetlinkDestination& destination) {
   QVNetlinkSocket socket;
-  auto routeReply = socket.transact(routeRequest(destination));
-  if (!routeReply) return std::nullopt;
-  // An error is the kernel's answer that there is no way there.
-  if (routeReply->error != 0) return 0u;
-  const Route route = parseRoute(routeReply->message);
-  if (route.type == RTN_LOCAL) {
-    if (destination.internet) return 0u;
-    return kQVReachabilityFlagsReachable | kQVReachabilityFlagsIsLocalAddress |
-           kQVReachabilityFlagsIsDirect;
+  const auto flags = flagsOfFamily(socket, destination);
+  if (!destination.internet || !flags || *flags != 0) return flags;
+  return flagsOfFamily(socket, otherFamily(destination));
+}
+
+std::optional<QVNetlinkLink> netlinkInternetLink() {
+  QVNetlinkSocket socket;
+  QVNetlinkDestination destination = netlinkInternetDestination();
+  for (int family : {AF_INET, AF_INET6}) {
+    destination.family = family;
+    const auto found = routeAndLink(socket, destination);
+    if (!found) return std::nullopt;
+    if (found->first.type == RTN_UNICAST && carriesTraffic(found->second)) return found->second;
   }
-  // Blackhole, unreachable and prohibit routes lead nowhere.
-  if (route.type != RTN_UNICAST) return 0u;
-  auto linkReply = socket.transact(linkRequest(route.outputInterface));
-  if (!linkReply) return std::nullopt;
-  if (linkReply->error != 0) return 0u;  // the link went away in between
-  return flagsOver(route, parseLink(linkReply->message), destination);
+  return std::nullopt;
+}
+
+bool netlinkLinkIsCellular(const QVNetlinkLink& link) {
+  const auto among = [](const auto& list, auto test) {
+    return std::any_of(std::begin(list), std::end(list), test);
+  };
+  const std::string_view name = link.name;
+  if (among(kCellularPrefixes, [&](std::string_view p) { return name.starts_with(p); })) {
+    return true;
+  }
+  if (among(kCellularKinds, [&](std::string_view kind) { return link.kind == kind; })) return true;
+  // Raw IP links (no link-layer header) are what modems' data channels are.
+  return link.type == ARPHRD_RAWIP || sysfsSaysCellular(link);
 }
 
 }  // namespace qv

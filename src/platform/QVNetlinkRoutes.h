@@ -18,6 +18,15 @@ struct QVNetlinkDestination {
   bool internet = false;
 };
 
+// A link as the kernel describes it.
+struct QVNetlinkLink {
+  int index = 0;
+  unsigned short type = 0;  // ARPHRD_*
+  unsigned flags = 0;       // IFF_*
+  std::string name;
+  std::string kind;  // IFLA_INFO_KIND, empty for hardware links
+};
+
 // The destination of an IPv4 or IPv6 socket address; the unspecified address
 // (0.0.0.0, ::) is the internet. None for any other family.
 std::optional<QVNetlinkDestination> netlinkDestinationForAddress(const sockaddr* address);
@@ -27,7 +36,18 @@ std::optional<QVNetlinkDestination> netlinkDestinationForNumericHost(const std::
 QVNetlinkDestination netlinkInternetDestination();
 
 // The reachability flags of destination as the kernel routes it right now;
-// none when the kernel cannot be asked.
+// none when the kernel cannot be asked. The internet is asked about over
+// IPv4, then, when that leads nowhere, over IPv6.
 std::optional<uint32_t> netlinkReachabilityFlags(const QVNetlinkDestination& destination);
+
+// The link that traffic to the internet leaves by (over IPv4, else over
+// IPv6), when it is up and running; none otherwise or when the kernel cannot
+// be asked.
+std::optional<QVNetlinkLink> netlinkInternetLink();
+
+// Whether link is a cellular modem's: by the names modem drivers give, the
+// kinds only they create, a raw IP link type, or the kernel's device type
+// "wwan" in sysfs.
+bool netlinkLinkIsCellular(const QVNetlinkLink& link);
 
 }  // namespace qv

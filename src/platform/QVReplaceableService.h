@@ -6,15 +6,22 @@
 namespace qv {
 
 // The process-wide instance of a platform service: the one a host or a test
-// installed, else the real implementation, made on first use. Both are kept
-// for good, so a service may still be reached while the process exits.
-template <typename Service, typename Real>
+// installed, else the real implementation, made on first use (by Make when
+// given, which may choose among implementations). Both are kept for good, so
+// a service may still be reached while the process exits.
+template <typename Service, typename Real, std::shared_ptr<Service> (*Make)() = nullptr>
 class QVReplaceableService {
  public:
   std::shared_ptr<Service> get() {
     std::lock_guard lock(mutex_);
     if (chosen_) return chosen_;
-    if (!real_) real_ = std::make_shared<Real>();
+    if (!real_) {
+      if constexpr (Make != nullptr) {
+        real_ = Make();
+      } else {
+        real_ = std::make_shared<Real>();
+      }
+    }
     return real_;
   }
 

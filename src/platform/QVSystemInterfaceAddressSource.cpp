@@ -7,6 +7,8 @@
 #include <memory>
 #include <mutex>
 
+#include "platform/QVNetlinkRoutes.h"
+
 namespace qv {
 
 namespace {
@@ -57,11 +59,20 @@ QVInterfaceAddress entryOf(const ifaddrs& entry, const std::map<std::string, std
   return result;
 }
 
+// The names the core knows given to the link that carries the route to the
+// internet, asked anew at every listing, as that route moves between links.
+std::map<std::string, std::string> namesByRoute() {
+  const auto link = netlinkInternetLink();
+  if (!link || link->name.empty()) return {};
+  return {{link->name, netlinkLinkIsCellular(*link) ? "pdp_ip0" : "en0"}};
+}
+
 }  // namespace
 
 std::optional<std::vector<QVInterfaceAddress>>
 QVSystemInterfaceAddressSource::interfaceAddresses() {
-  const std::map<std::string, std::string> names = interfaceNameMap();
+  std::map<std::string, std::string> names = interfaceNameMap();
+  if (names.empty()) names = namesByRoute();
   ifaddrs* first = nullptr;
   if (::getifaddrs(&first) != 0) return std::nullopt;
   const std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)> list(first, &::freeifaddrs);

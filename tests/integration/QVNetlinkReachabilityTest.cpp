@@ -1,85 +1,47 @@
 #include "qvcore/platform/QVNetlinkReachabilitySource.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <net/if_arp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
+#include "config/QVConfigTestSupport.h"
+#include "platform/QVNetlinkRoutes.h"
+#include "qvcore/core/QVCore.h"
+#include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/environment/QVNetworkManager.h"
 #include "qvcore/environment/QVReachability.h"
 #include "qvcore/platform/QVFakeClock.h"
+#include "qvcore/platform/QVHostReachabilitySource.h"
+#include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVReachabilityFlags.h"
 #include "qvcore/platform/QVRunLoop.h"
+#include "support/QVNetworkNamespace.h"
+#include "support/QVTestHost.h"
 
 using namespace std::chrono_literals;
 
 namespace qv {
 namespace {
 
-constexpr int kCannotIsolate = 77;
 constexpr auto kPatience = 5s;
 constexpr uint32_t kReachable = kQVReachabilityFlagsReachable;
 constexpr uint32_t kDirect = kQVReachabilityFlagsIsDirect;
+constexpr uint32_t kWWAN = kQVReachabilityFlagsIsWWAN;
 
-std::string ipTool() {
-  for (const char* path : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
-    if (::access(path, X_OK) == 0) return path;
-  }
-  return {};
-}
-
-// Runs body in a child process in a network namespace of its own, so that
-// the links and routes it makes never touch the host's. Failures inside are
-// printed by the child; its exit status carries the verdict.
-void inOwnNetworkNamespace(void (*body)(const std::string& ip)) {
-  const std::string ip = ipTool();
-  if (ip.empty()) GTEST_SKIP() << "iproute2 (ip) is not installed";
-  std::fflush(nullptr);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0) << std::strerror(errno);
-  if (child == 0) {
-    ::alarm(120);  // a hang fails the test instead of blocking it
-    if (::unshare(CLONE_NEWNET) != 0) {
-      const int error = errno;
-      std::fprintf(stderr, "unshare(CLONE_NEWNET): %s\n", std::strerror(error));
-      ::_exit(error == EPERM || error == EINVAL ? kCannotIsolate : 1);
-    }
-    body(ip);
-    std::fflush(nullptr);
-    ::_exit(::testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kCannotIsolate) {
-    GTEST_SKIP() << "no network namespace can be made here (needs CAP_SYS_ADMIN)";
-  }
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-      << "the checks inside the namespace failed (see above); status " << status;
-}
-
-void run(const std::string& ip, const std::string& arguments) {
-  const std::string command = ip + " " + arguments;
-  ASSERT_EQ(std::system(command.c_str()), 0) << command;
-}
-
-// A veth pair whose far end stays in the namespace, so that name has a
-// carrier as long as peer is up.
-void addLink(const std::string& ip, const std::string& name, const std::string& peer,
-             const std::string& address) {
-  run(ip, "link add " + name + " type veth peer name " + peer);
-  run(ip, "link set " + peer + " up");
-  run(ip, "link set " + name + " up");
-  run(ip, "addr add " + address + " dev " + name);
-}
+using test::addVethLink;
+using test::inOwnNetworkNamespace;
+const auto run = test::runIp;
 
 std::optional<uint32_t> hostFlags(const std::string& name) {
   return QVNetlinkReachabilitySource().targetWithHostName(name)->flags();
@@ -103,7 +65,7 @@ void flagsFollowTheKernelsRoutes(const std::string& ip) {
   run(ip, "link set lo up");
   EXPECT_EQ(hostFlags("0.0.0.0"), 0u) << "loopback alone is not the internet";
   EXPECT_EQ(hostFlags("127.0.0.1"), kReachable | kQVReachabilityFlagsIsLocalAddress | kDirect);
-  addLink(ip, "veth0", "veth1", "10.200.0.1/24");
+  addVethLink(ip, "veth0", "veth1", "10.200.0.1/24");
   EXPECT_EQ(hostFlags("10.200.0.2"), kReachable | kDirect);
   EXPECT_EQ(hostFlags("example.org"), 0u) << "a name stands for the internet";
   EXPECT_EQ(QVReachability::reachabilityForLocalWiFi()->currentReachabilityStatus(), 0);
@@ -118,6 +80,93 @@ void flagsFollowTheKernelsRoutes(const std::string& ip) {
 
 TEST(QVNetlinkReachabilityTest, FlagsFollowTheKernelsRoutesAndLinks) {
   inOwnNetworkNamespace(flagsFollowTheKernelsRoutes);
+}
+
+// Each kind of default route, and the addresses that the core names after
+// the link that carries it, with no interface names set.
+void internetOverEachDefaultRoute(const std::string& ip) {
+  run(ip, "link set lo up");
+  addVethLink(ip, "eth0", "eth0peer", "10.200.0.1/24");
+  addVethLink(ip, "wwan0", "modem0", "10.201.0.1/24");
+  run(ip, "addr add 2001:db8::1/64 dev eth0 nodad");
+  const auto internet = QVReachability::reachabilityForInternetConnection();
+  const auto service = QVEnvironmentalSerivce::sharedInstance();
+  EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::NotReachable) << "no route";
+  EXPECT_EQ(service->networkWiFiIPAddress(), "");
+  EXPECT_EQ(service->networkIPAddress(), "Unknown");
+
+  run(ip, "-6 route add default via 2001:db8::2 dev eth0");
+  EXPECT_EQ(hostFlags("0.0.0.0"), kReachable) << "IPv6 only";
+  EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::ReachableViaWiFi);
+  run(ip, "route add default via 10.200.0.2 dev eth0");
+  EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::ReachableViaWiFi) << "both";
+  EXPECT_EQ(service->networkIPAddress(), "10.200.0.1");
+  EXPECT_EQ(service->networkWiFiIPAddress(), "10.200.0.1");
+  run(ip, "-6 route del default");
+  EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::ReachableViaWiFi) << "IPv4";
+
+  run(ip, "route replace default via 10.201.0.2 dev wwan0");
+  EXPECT_EQ(hostFlags("0.0.0.0"), kReachable | kWWAN);
+  EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::ReachableViaWWAN);
+  EXPECT_EQ(service->networkWiFiIPAddress(), "");
+  const auto addresses = service->getIPAddressesDict();
+  ASSERT_TRUE(addresses);
+  EXPECT_EQ(addresses->value("pdp_ip0/ipv4", ""), "10.201.0.1");
+  EXPECT_EQ(addresses->value("eth0/ipv4", ""), "10.200.0.1");
+  EXPECT_EQ(service->networkIPAddress(), "10.200.0.1") << "looked up once per process";
+  run(ip, "route del default");
+  EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::NotReachable);
+}
+
+TEST(QVNetlinkReachabilityTest, InternetAndAddressesFollowTheDefaultRouteOfEitherFamily) {
+  inOwnNetworkNamespace(internetOverEachDefaultRoute);
+}
+
+TEST(QVNetlinkReachabilityTest, ModemLinksAreKnownByNameKindOrLinkType) {
+  // An index no link has, so that sysfs is never taken for the answer.
+  const auto link = [](const char* name, unsigned short type, const char* kind) {
+    return QVNetlinkLink{1 << 30, type, 0, name, kind};
+  };
+  EXPECT_TRUE(netlinkLinkIsCellular(link("wwan0", ARPHRD_ETHER, "")));
+  EXPECT_TRUE(netlinkLinkIsCellular(link("rmnet_data0", ARPHRD_RAWIP, "")));
+  EXPECT_TRUE(netlinkLinkIsCellular(link("mbim0", ARPHRD_NONE, "wwan")));
+  EXPECT_TRUE(netlinkLinkIsCellular(link("usb0", ARPHRD_RAWIP, "")));
+  EXPECT_FALSE(netlinkLinkIsCellular(link("eth0", ARPHRD_ETHER, "")));
+  EXPECT_FALSE(netlinkLinkIsCellular(link("wlan0", ARPHRD_ETHER, "")));
+  EXPECT_FALSE(netlinkLinkIsCellular(link("tun0", ARPHRD_NONE, "tun")));
+}
+
+// What some sandboxes do: every AF_NETLINK socket is refused.
+bool refuseNetlinkSockets() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_NETLINK, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program) == 0;
+}
+
+TEST(QVNetlinkReachabilityTest, CoreEnablesOnTheHostsWordWhereNetlinkIsRefused) {
+  test::expectInFreshProcess([] {
+    if (!refuseNetlinkSockets()) return false;
+    std::vector<std::string> lines;
+    QVLog::setSink([&](const std::string& line) { lines.push_back(line); });
+    test::QVTestHost host("com.example.sandboxed", /*hostReachability=*/false);
+    host.writeCoreConfig({{"PostMessageLevelWiFi", 3}});
+    const bool enabled = QVCore::sharedInstance()->enable();
+    const auto source =
+        std::dynamic_pointer_cast<QVHostReachabilitySource>(QVReachabilitySource::shared());
+    for (const auto& line : lines) std::fprintf(stderr, "logged: %s\n", line.c_str());
+    std::fprintf(stderr, "enabled %d, host source %d\n", enabled, source != nullptr);
+    const bool oneLine = lines.size() == 1 && lines[0].find("routing socket") != std::string::npos;
+    QVCore::sharedInstance()->disable();
+    return enabled && source && oneLine;
+  });
 }
 
 void managerFollowsChanges(const std::string& ip) {
@@ -135,7 +184,7 @@ void managerFollowsChanges(const std::string& ip) {
   };
 
   run(ip, "link set lo up");
-  addLink(ip, "veth0", "veth1", "10.200.0.1/24");
+  addVethLink(ip, "veth0", "veth1", "10.200.0.1/24");
   ASSERT_TRUE(manager->startNetworkMonitoring());
   clock->advance(1s);
   loop.runUntilIdle();
@@ -150,7 +199,7 @@ void managerFollowsChanges(const std::string& ip) {
   run(ip, "link set veth1 up");
   awaitStatus(2);
 
-  addLink(ip, "wwan0", "modem0", "10.201.0.1/24");
+  addVethLink(ip, "wwan0", "modem0", "10.201.0.1/24");
   run(ip, "route replace default via 10.201.0.2 dev wwan0");
   awaitStatus(3);
   EXPECT_EQ(manager->currentNetworkReachabilityName(), "ReachableViaWWAN");

@@ -23,6 +23,7 @@
 #include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "support/QVFakeServiceDiscovery.h"
+#include "support/QVNetworkNamespace.h"
 #include "support/QVTempFolder.h"
 #include "support/QVTestHttpServer.h"
 
@@ -110,7 +111,8 @@ TEST_F(QVShellTest, ABadCommandPrintsOneErrorLineAndNothingElseAndTheScriptGoesO
       "module M /b headers=[1]", "module M /b headers={\"a\": 1} saves-config=true", "post",
       "post M level=abc", "post M bogus=1", "post M fields=[1]", "post M fields={bad",
       "post-context M name=a referrer=b", "config get M", "config set M K not-json",
-      "config move M", "network wired", "network wifi cable", "lifecycle sleep", "orientation up",
+      "config move M", "network wired", "network wifi cable",
+      "network wifi address=nowhere", "network system radio=LTE", "lifecycle sleep", "orientation up",
       "orientation 1 ui=x", "screen 1", "screen 1 nan", "fact", "fact nope", "fact deviceID now",
       "wait-flush -1", "run forever", "run 1e12", "log", "post-many M 1 threads=100000",
       "post-many M 1 threads=0"}) {
@@ -159,6 +161,43 @@ TEST_F(QVShellTest, AModuleClassImplementsExactlyTheOptionalOperationsAskedFor) 
       EXPECT_EQ(provider->httpHeadersForSessionIdAndJson("S", "{}")["X-Kind"], "shell");
     }
   }
+}
+
+// In a network namespace of the test's own, whose default route leaves by
+// enp3s0: "network system" reads that, the host-fed network lists only the
+// address a line gives.
+void followsTheSystemsNetworkOnRequest(const std::string& ip) {
+  test::runIp(ip, "link set lo up");
+  test::addVethLink(ip, "enp3s0", "peer0", "10.200.0.1/24");
+  test::runIp(ip, "route add default via 10.200.0.2 dev enp3s0");
+  test::QVTempFolder folder;
+  folder.write("bundles/QVCoreSettings.bundle/QVCoreAdvancedConfig.json",
+               R"({"PostMessageLevelWiFi": 3})");
+  folder.writePlist("app/Info.plist", {{"CFBundleIdentifier", "com.example.net"}});
+  QVShell shell;
+  const auto answers = [&](const std::string& script) {
+    std::istringstream in(script);
+    std::ostringstream out, err;
+    EXPECT_EQ(shell.runScript(in, out, err), 0) << err.str();
+    return out.str();
+  };
+  ASSERT_EQ(answers("home " + folder.at("home") + "\nmain-bundle " + folder.at("app") +
+                    "\nbundles " + folder.at("bundles") + "\nenable\n"),
+            "ok\nok\nok\ntrue\n");
+  const std::string facts =
+      "fact currentNetworkStatus\nfact networkWiFiIPAddress\nfact currentConnectionType\n";
+  EXPECT_EQ(answers("network none\n" + facts), "ok\n1\n\nN/A\n") << "host-fed";
+  EXPECT_EQ(answers("network system\n" + facts + "fact networkIPAddress\n"),
+            "ok\n2\n10.200.0.1\nWifi\n10.200.0.1\n");
+  test::runIp(ip, "route del default");
+  EXPECT_EQ(answers("network system\n" + facts), "ok\n1\n\nN/A\n") << "no default route";
+  EXPECT_EQ(answers("network cellular address=198.51.100.7\n" + facts), "ok\n3\n\nWWAN\n");
+  EXPECT_EQ(answers("network wifi address=192.0.2.7\n" + facts), "ok\n2\n192.0.2.7\nWifi\n");
+  EXPECT_EQ(answers("fact networkIPAddress\n"), "10.200.0.1\n") << "looked up once per process";
+}
+
+TEST(QVShellNetworkTest, NetworkSystemReadsTheMachinesNetworkAndOtherNetworksGoBack) {
+  test::inOwnNetworkNamespace(followsTheSystemsNetworkOnRequest);
 }
 
 TEST_F(QVShellTest, PlatformEventsReachTheCoresFacts) {

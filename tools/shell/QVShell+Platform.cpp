@@ -5,11 +5,14 @@
 #include <map>
 
 #include "QVShell.h"
+#include "QVShellAddressSource.h"
 #include "QVShellArguments.h"
 #include "QVShellFacts.h"
+#include "qvcore/environment/QVNetworkManager.h"
 #include "qvcore/platform/QVApplication.h"
 #include "qvcore/platform/QVDevice.h"
 #include "qvcore/platform/QVHostReachabilitySource.h"
+#include "qvcore/platform/QVInterfaceAddressSource.h"
 #include "qvcore/platform/QVReachabilityFlags.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVScreen.h"
@@ -79,13 +82,21 @@ std::string deliverEvents() {
 
 void QVShell::addPlatformCommands() {
   addCommand("network", [this](const QVShellLine& line) {
-    expectArguments(line, 1, 1, {"radio"});
-    const uint32_t flags = flagsForNetwork(line.positional()[0].value);
+    if (!line.positional().empty() && line.positional()[0].value == "system") {
+      expectArguments(line, 1, 1);
+      useSystemNetwork(true);
+      return deliverEvents();
+    }
+    expectArguments(line, 1, 1, {"radio", "address"});
+    const std::string& kind = line.positional()[0].value;
+    const uint32_t flags = flagsForNetwork(kind);
     const auto radio = line.option("radio");
+    addresses_->setAddress(kind == "cellular" ? "pdp_ip0" : "en0", line.option("address"));
     // The radio first: the flags' event is the one after which both are read.
     network_->setRadioAccessTechnology(radio ? std::optional(radioTechnology(*radio))
                                              : std::nullopt);
     network_->setFlags(flags);
+    useSystemNetwork(false);
     return deliverEvents();
   });
   addCommand("lifecycle", [](const QVShellLine& line) {
@@ -113,6 +124,27 @@ void QVShell::addPlatformCommands() {
     return std::string("ok");
   });
   addCommand("fact", [](const QVShellLine& line) { return QVShellFacts::answer(line); });
+}
+
+// The core's monitor was made by the source it replaces: while the core
+// monitors, a new monitor from the new source takes its place, and the
+// network is read at once rather than a second later. Asking for the
+// system's network again reads it again, as its changes arrive only while
+// the main loop runs.
+void QVShell::useSystemNetwork(bool system) {
+  const bool switched = system != systemNetwork_;
+  if (switched) {
+    systemNetwork_ = system;
+    QVReachabilitySource::setShared(system ? nullptr : network_);
+    QVInterfaceAddressSource::setShared(system ? nullptr : addresses_);
+  }
+  const auto manager = QVNetworkManager::sharedInstance();
+  if (!manager->networkMonitor() || !(switched || system)) return;
+  if (switched) {
+    manager->stopNetworkMonitoring();
+    manager->startNetworkMonitoring();
+  }
+  manager->reachabilityChanged(nullptr);
 }
 
 }  // namespace qv::shell

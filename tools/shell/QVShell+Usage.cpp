@@ -11,8 +11,9 @@ a JSON argument runs to the end of the line, so it comes last. Each command
 prints one line: true or false, a value (JSON when structured, none when
 absent), or ok. A failed command prints "error: ..." on standard error and
 nothing else; the script goes on, and the exit status is 1 when any command
-failed. The shell plays the host: the network starts on Wi-Fi and changes only
-with "network"; events are delivered before their command answers.
+failed. The shell plays the host: the network starts on Wi-Fi with no address
+and changes only with "network"; events are delivered before their command
+answers.
 
 Setting up
   home DIR                    the application's data folder (documents, defaults)
@@ -52,9 +53,11 @@ Configuration
   config update MODULE JSON   merge items into a module's configuration
   config reload MODULE        read a module's files again
 The host's platform
-  network wifi|cellular|none [radio=NAME]
+  network wifi|cellular|none [radio=NAME] [address=IP]
                               the reachability the platform reports; radio=LTE
-                              names CTRadioAccessTechnologyLTE
+                              names CTRadioAccessTechnologyLTE; address= is
+                              the link's address (en0, or pdp_ip0 on cellular)
+  network system              the machine's own reachability and addresses
   lifecycle background|foreground|active|terminate|expire-background
                               an application event, or the end of the
                               background time granted

@@ -5,6 +5,7 @@
 #include <ostream>
 #include <stdexcept>
 
+#include "QVShellAddressSource.h"
 #include "QVShellArguments.h"
 #include "QVShellBulkPost.h"
 #include "QVShellModule.h"
@@ -16,6 +17,7 @@
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVHostReachabilitySource.h"
+#include "qvcore/platform/QVInterfaceAddressSource.h"
 #include "qvcore/platform/QVReachabilityFlags.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/queue/QVQueueService.h"
@@ -76,9 +78,12 @@ std::chrono::nanoseconds duration(double seconds) {
 
 }  // namespace
 
-QVShell::QVShell() : network_(std::make_shared<QVHostReachabilitySource>()) {
+QVShell::QVShell()
+    : network_(std::make_shared<QVHostReachabilitySource>()),
+      addresses_(std::make_shared<QVShellAddressSource>()) {
   network_->setFlags(kQVReachabilityFlagsReachable);
   QVReachabilitySource::setShared(network_);
+  QVInterfaceAddressSource::setShared(addresses_);
   flushCyclesSeen_ = QVQueueService::sharedInstance()->completedFlushCycles();
   addCoreCommands();
   addMessageCommands();

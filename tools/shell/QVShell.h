@@ -16,13 +16,17 @@ class QVHostReachabilitySource;
 
 namespace qv::shell {
 
+class QVShellAddressSource;
+
 // Runs scripts of commands against the library, one command a line. Every
 // command prints exactly one line on the output: true or false, a value
 // (JSON when structured, none when absent), or ok.
 //
 // A shell installs a QVHostReachabilitySource as the library's reachability
-// source, so that the network is what the script says ("network"), starting
-// on Wi-Fi, and the host's own network is never consulted. Commands that
+// source and its own interface addresses, so that the network is what the
+// script says ("network"), starting on Wi-Fi with no address, and the
+// machine's own network is not consulted until "network system" asks for
+// it. Commands that
 // report a platform event pump the main run loop until it is idle, so the
 // library has heard the event when the command answers.
 class QVShell {
@@ -48,9 +52,13 @@ class QVShell {
   void addMiscCommands();
 
   std::string waitForFlush(double seconds);
+  void useSystemNetwork(bool system);
 
   std::map<std::string, Handler> commands_;
   std::shared_ptr<QVHostReachabilitySource> network_;
+  std::shared_ptr<QVShellAddressSource> addresses_;
+  // Whether the machine's own reachability and addresses are in use.
+  bool systemNetwork_ = false;
   // The queue service's count of finished flush cycles at the last wait.
   uint64_t flushCyclesSeen_ = 0;
   // The error stream of the line being run; progress bars go there.

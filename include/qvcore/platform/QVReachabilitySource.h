@@ -30,7 +30,10 @@ class QV_EXPORT QVReachabilitySource {
   // ("CTRadioAccessTechnologyLTE"); none when there is none or it is unknown.
   virtual std::optional<std::string> currentRadioAccessTechnology() = 0;
 
-  // The source that the core uses: the one set, else the netlink one.
+  // The source that the core uses: the one set, else the netlink one, made
+  // on first use. Where the kernel refuses netlink sockets (some sandboxes),
+  // a QVHostReachabilitySource is made instead, with one log line: not
+  // reachable until the host sets its flags.
   static std::shared_ptr<QVReachabilitySource> shared();
   // A null source goes back to the netlink one.
   static void setShared(std::shared_ptr<QVReachabilitySource> source);
