@@ -3,7 +3,8 @@
 # free port, and runs examples/demo.qvs through qvcore-shell against it: two
 # modules posting from several threads, a failed post that goes to the disk
 # cache and is sent at the next flush, and lifecycle events. Ends with the
-# collector's summary. Installs the Debian packages first when missing.
+# client's delivery ledger beside the collector's summary. Installs the
+# Debian packages first when missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -38,6 +39,7 @@ sed -e "s|@COLLECTOR@|$url|g" -e "s|@HOME@|$work/home|g" examples/demo.qvs > "$w
 
 echo "== What the collector received (the last lines of its log)"
 tail -n 10 "$work/collector.log"
+echo "== The collector's totals: every request it stored, the refused first one included"
 "$tools/collector/qvcore-collector" dump --db "$work/collector.sqlite" --summary
 echo "The requests are on the collector's page at $url/_qv/ while it runs;"
 echo "run qvcore-collector yourself to keep it open."
