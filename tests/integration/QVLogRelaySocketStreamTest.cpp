@@ -228,7 +228,7 @@ TEST_F(QVLogRelaySocketStreamTest, ARelayWhoseToolStopsReadingDropsAndCountsInst
   output_->scheduleInRunLoop(QVRunLoop::main());
   ASSERT_TRUE(peer.accept());
 
-  constexpr int kTexts = 40;
+  constexpr int kTexts = 120;
   const std::string filler(64 * 1024, '.');
   for (int n = 0; n < kTexts; ++n) {
     client->post("text " + std::to_string(n) + filler + "\n");
