@@ -8,7 +8,7 @@ namespace qv {
 // to learn that a QVRunLoop has work: an epoll set holding an eventfd, which
 // is signalled whenever a task reaches the loop, and the loop's watched
 // descriptors, level-triggered, so it stays readable while any of them has
-// data unread. Made on first use and kept for the loop's life.
+// data unread. Made on first use and never destroyed.
 class QVLoopWakeup {
  public:
   QVLoopWakeup();

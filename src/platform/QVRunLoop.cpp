@@ -114,23 +114,29 @@ struct QVRunLoop::Impl : std::enable_shared_from_this<Impl> {
   // Guarded by mutex. A watch stays here until the loop has closed its
   // descriptor, so that the destructor can close what is left.
   std::map<WatchId, std::shared_ptr<DescriptorWatch>> watches;
-  // Made by the first pollDescriptor() (under mutex), then only read.
-  std::unique_ptr<QVLoopWakeup> wakeupOwner;
+  // Made by the first pollDescriptor() (under mutex), then only read. Never
+  // freed: a thread that has just posted may still signal it after the loop
+  // is gone, and its descriptor numbers must not be reused meanwhile.
+  QVLoopWakeup* wakeupOwner = nullptr;
   std::atomic<QVLoopWakeup*> wakeup{nullptr};
 };
 
 template <typename Handler>
 void QVRunLoop::Impl::enqueue(Handler&& handler) {
+  // Read before posting: once the handler is in, the loop may run it and be
+  // destroyed before this thread goes on, so nothing of the loop is touched
+  // afterwards, only the wakeup, which outlives it.
+  QVLoopWakeup* const w = wakeup.load(std::memory_order_acquire);
   asio::post(io, std::forward<Handler>(handler));
-  if (auto* w = wakeup.load(std::memory_order_acquire)) w->signal();
+  if (w) w->signal();
 }
 
 QVLoopWakeup& QVRunLoop::Impl::makeWakeup() {
   {
     std::lock_guard lock(mutex);
     if (wakeupOwner) return *wakeupOwner;
-    wakeupOwner = std::make_unique<QVLoopWakeup>();
-    wakeup.store(wakeupOwner.get(), std::memory_order_release);
+    wakeupOwner = new QVLoopWakeup;
+    wakeup.store(wakeupOwner, std::memory_order_release);
   }
   // Watches started before there was a wakeup join it on the loop's thread,
   // the only one that touches their descriptors; the signal this sends also
@@ -406,8 +412,9 @@ void QVRunLoop::run() {
 }
 
 void QVRunLoop::stop() {
+  QVLoopWakeup* const wakeup = impl_->wakeup.load(std::memory_order_acquire);
   impl_->io.stop();
-  if (auto* w = impl_->wakeup.load(std::memory_order_acquire)) w->signal();
+  if (wakeup) wakeup->signal();
 }
 
 int QVRunLoop::pollDescriptor() { return impl_->makeWakeup().descriptor(); }

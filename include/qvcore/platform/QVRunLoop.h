@@ -85,8 +85,9 @@ class QV_EXPORT QVRunLoop {
   //
   // A descriptor that is readable while the loop has work: a task posted, a
   // delayed task released, a watched descriptor readable, stop() called.
-  // Made on first call and owned by the loop; the host never reads or closes
-  // it. -1 when the system refused one.
+  // Made on first call and kept open for the life of the process (a thread
+  // that posted may signal it after the loop is gone); the host never reads
+  // or closes it. -1 when the system refused one.
   int pollDescriptor();
   // Runs every task that is ready, like runUntilIdle(), and never waits.
   size_t dispatchPending();
