@@ -24,6 +24,10 @@ install(TARGETS ${_qv_lib} EXPORT QVCoreTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(DIRECTORY include/qvcore DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The core's default settings, found from the library's folder
+# (<libdir>/../share/qvcore), so a program built against the package enables
+# the core without files of its own.
+install(DIRECTORY resources/QVCoreSettings.bundle DESTINATION ${CMAKE_INSTALL_DATADIR}/qvcore)
 install(EXPORT QVCoreTargets NAMESPACE QVCore:: FILE QVCoreTargets.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/QVCore)
 

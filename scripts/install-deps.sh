@@ -13,6 +13,7 @@ packages=(
   chromium
   libgtest-dev libgmock-dev libbenchmark-dev
   iproute2
+  libglib2.0-dev
 )
 
 missing=()

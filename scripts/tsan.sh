@@ -17,7 +17,7 @@ fixtures=(
   QVQueueTest QVSessionTest
   QVConfigItemsTest
   QVQueueServiceTest QVQueueServiceDiskCacheTest
-  QVCoreUncaughtExceptionTest QVCoreDeliveryTest
+  QVCoreUncaughtExceptionTest QVCoreDeliveryTest QVDeliveryLedgerTest
   QVApplicationLifecycleManagerTest QVOrientationManagerTest QVNetworkManagerTest
   VintraZANLogClientTest
   QVCurlHttpSessionTest QVServerConnectionIntegrationTest QVCrashFlushTest

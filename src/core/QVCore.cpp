@@ -1,10 +1,15 @@
 #include "qvcore/core/QVCore.h"
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "core/QVDeliveryLedger.h"
+#include "core/QVTerminationHooks.h"
+#include "platform/QVSwallowed.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
@@ -12,6 +17,7 @@
 #include "qvcore/model/QVMessage.h"
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVClassRegistry.h"
+#include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVUUID.h"
 #include "qvcore/queue/QVQueueService.h"
@@ -58,7 +64,8 @@ int64_t postingLimit(const char* key) {
   try {
     const auto item = configService()->getConfigItemForLifecycleObject(key, coreModule());
     return item ? QVValues::integerValue(*item) : 0;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return 0;
   }
 }
@@ -85,6 +92,31 @@ const PostingLimits& postingLimits() {
   }
   return limits;
 }
+
+// A core that will not start leaves a host with nothing but false; one line
+// says why. Once a process, as a host may retry enable in a loop.
+bool enableFailed(const std::string& reason) {
+  static std::atomic<bool> logged{false};
+  if (!logged.exchange(true)) QVLog::log("QVCore: enable failed: " + reason);
+  return false;
+}
+
+std::string joined(const std::vector<std::string>& folders) {
+  std::string text;
+  for (const auto& folder : folders) text += (text.empty() ? "" : ", ") + folder;
+  return text;
+}
+
+// Why the core's own configuration came out empty: no bundle, or a bundle
+// without a readable file.
+std::string coreSettingsProblem() {
+  const std::string path = QVBundle::coreSettingsBundlePath();
+  if (path.empty()) {
+    return "no QVCoreSettings.bundle in the main bundle (" + QVBundle::mainBundlePath() +
+           ") nor in " + joined(QVBundle::libraryBundle()->resourceFolders());
+  }
+  return path + " holds no readable QVCoreBasicConfig.plist or QVCoreAdvancedConfig.json";
+}
 }  // namespace
 
 QV_REGISTER_MODULE(QVCore);
@@ -110,10 +142,15 @@ bool QVCore::enable() {
 // Each service starts only when the one before it started.
 bool QVCore::startCoreServices() {
   auto config = QVConfigService::sharedInstance();
-  if (!config->enable()) return false;
-  if (!config->loadConfig(sharedInstance())) return false;
-  if (!QVEnvironmentalSerivce::sharedInstance()->enable()) return false;
-  return QVQueueService::sharedInstance()->enable();
+  if (!config->enable()) return enableFailed("the configuration service did not start");
+  if (!config->loadConfig(sharedInstance())) return enableFailed(coreSettingsProblem());
+  if (!QVEnvironmentalSerivce::sharedInstance()->enable()) {
+    return enableFailed("the environmental service did not start");
+  }
+  if (!QVQueueService::sharedInstance()->enable()) {
+    return enableFailed("the queue service did not start");
+  }
+  return true;
 }
 
 void QVCore::observeNetworkChanges() {
@@ -295,7 +332,8 @@ bool QVCore::canPostMessage(const QVMessage* message) const {
     const bool wifi = networkManager().isConnectedViaWifi();
     const PostingLimits& limits = postingLimits();
     return static_cast<int64_t>(level) <= (wifi ? limits.wifi : limits.cellular);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return false;
   }
 }
@@ -364,7 +402,8 @@ std::optional<QVValue> QVCore::getConfigItemForModuleName(const std::string& key
     auto module = lifecycleObjectForName(name);
     if (!module) return std::nullopt;
     return QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(key, module);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return std::nullopt;
   }
 }
@@ -390,7 +429,8 @@ bool QVCore::getConfigItemAsBoolWithDefaultForModuleName(const std::string& key,
     if (!module) return defaultValue;
     auto item = QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(key, module);
     return item && QVValues::isNumber(*item) ? QVValues::boolValue(*item) : defaultValue;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return defaultValue;
   }
 }
@@ -450,5 +490,7 @@ QVValue QVCore::takeTempConfigForModuleName(const std::string& name) {
   *it = QVValue::object();
   return pending.is_object() ? pending : QVValue::object();
 }
+
+bool QVCore::installTerminationHooks() { return QVTerminationHooks::install(); }
 
 }  // namespace qv

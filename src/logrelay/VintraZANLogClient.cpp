@@ -9,6 +9,7 @@
 #include <ctime>
 #include <exception>
 
+#include "logrelay/QVLogRelayBuffer.h"
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVInputStream.h"
 #include "qvcore/platform/QVLog.h"
@@ -95,7 +96,7 @@ std::string VintraZANLogClient::runHeader() {
   return "ZAN_SDK_START_NEW_RUN_FOR_APP\t" + applicationName() + "\t" + formattedNow() + "\n";
 }
 
-VintraZANLogClient::VintraZANLogClient() = default;
+VintraZANLogClient::VintraZANLogClient() : pending_(std::make_unique<QVLogRelayBuffer>()) {}
 
 VintraZANLogClient::~VintraZANLogClient() = default;
 
@@ -116,22 +117,39 @@ void VintraZANLogClient::post(const std::string& text) {
 }
 
 void VintraZANLogClient::write(const std::string& text) {
+  auto stream = theOutStream();
+  if (!stream) {
+    QVLog::log("Stream has no space");
+    return;
+  }
+  if (text.empty()) return;
+  pending_->add(text);
+  writePending(*stream);
+}
+
+bool VintraZANLogClient::canWriteNow(const QVOutputStream& stream) {
+  // Opening, or open without room: the stream's next event brings the
+  // writer back, so the main loop never waits on the tool. In any other
+  // state the write is tried, so that the stream raises and says why.
+  switch (stream.streamStatus()) {
+    case QVByteStream::kStatusOpening:
+      return false;
+    case QVByteStream::kStatusOpen:
+      return stream.hasSpaceAvailable();
+    default:
+      return true;
+  }
+}
+
+void VintraZANLogClient::writePending(QVOutputStream& stream) {
   try {
-    const auto* position = reinterpret_cast<const uint8_t*>(text.data());
-    ptrdiff_t remaining = static_cast<ptrdiff_t>(text.size());
-    auto stream = theOutStream();
-    if (!stream) {
-      QVLog::log("Stream has no space");
-      return;
-    }
-    // The stream waits for room itself and raises when it cannot take
-    // bytes, so the count it answers is used as it is.
-    while (remaining != 0) {
-      const ptrdiff_t written = stream->write(position, static_cast<size_t>(remaining));
-      position += written;
-      remaining -= written;
+    while (pending_->size() > 0 && canWriteNow(stream)) {
+      // A stream that cannot take bytes raises, so the count is used as it is.
+      const ptrdiff_t written = stream.write(pending_->data(), pending_->size());
+      pending_->consume(static_cast<size_t>(written));
     }
   } catch (const std::exception& caught) {
+    pending_->clear();
     QVLog::log(std::string("Caught: ") + caught.what());
   }
 }
@@ -223,6 +241,10 @@ void VintraZANLogClient::streamHandleEvent(const std::shared_ptr<QVByteStream>& 
                                            QVByteStream::Event event) {
   QVLog::log("handleEventCalled on : " + describe(stream) +
              " and event: " + std::to_string(static_cast<uint64_t>(event)));
+  auto output = theOutStream();
+  const bool room =
+      event == QVByteStream::kEventOpenCompleted || event == QVByteStream::kEventHasSpaceAvailable;
+  if (room && output && stream == output) writePending(*output);
 }
 
 std::shared_ptr<QVNetServiceBrowser> VintraZANLogClient::theServiceBrowser() const {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -17,6 +18,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "platform/QVLoopWakeup.h"
+#include "platform/QVSwallowed.h"
 #include "platform/QVTimerQueue.h"
 #include "qvcore/platform/QVRealClock.h"
 
@@ -88,6 +91,13 @@ struct QVRunLoop::Impl : std::enable_shared_from_this<Impl> {
   void awaitReadable(const std::shared_ptr<DescriptorWatch>& watch);
   void onReadable(const std::shared_ptr<DescriptorWatch>& watch);
   void endWatch(WatchId id);
+  // Every handler enters io through here, so a host loop that watches the
+  // wakeup descriptor hears of it.
+  template <typename Handler>
+  void enqueue(Handler&& handler);
+  QVLoopWakeup& makeWakeup();
+  void wakeupWatches();
+  int millisUntilDue() const;
 
   asio::io_context io{1};
   asio::executor_work_guard<asio::io_context::executor_type> work = asio::make_work_guard(io);
@@ -105,7 +115,59 @@ struct QVRunLoop::Impl : std::enable_shared_from_this<Impl> {
   // Guarded by mutex. A watch stays here until the loop has closed its
   // descriptor, so that the destructor can close what is left.
   std::map<WatchId, std::shared_ptr<DescriptorWatch>> watches;
+  // Made by the first pollDescriptor() (under mutex), then only read. Never
+  // freed: a thread that has just posted may still signal it after the loop
+  // is gone, and its descriptor numbers must not be reused meanwhile.
+  QVLoopWakeup* wakeupOwner = nullptr;
+  std::atomic<QVLoopWakeup*> wakeup{nullptr};
 };
+
+template <typename Handler>
+void QVRunLoop::Impl::enqueue(Handler&& handler) {
+  // Read before posting: once the handler is in, the loop may run it and be
+  // destroyed before this thread goes on, so nothing of the loop is touched
+  // afterwards, only the wakeup, which outlives it.
+  QVLoopWakeup* const w = wakeup.load(std::memory_order_acquire);
+  asio::post(io, std::forward<Handler>(handler));
+  if (w) w->signal();
+}
+
+QVLoopWakeup& QVRunLoop::Impl::makeWakeup() {
+  {
+    std::lock_guard lock(mutex);
+    if (wakeupOwner) return *wakeupOwner;
+    wakeupOwner = new QVLoopWakeup;
+    wakeup.store(wakeupOwner, std::memory_order_release);
+  }
+  // Watches started before there was a wakeup join it on the loop's thread,
+  // the only one that touches their descriptors; the signal this sends also
+  // covers tasks already waiting.
+  enqueue([this] { wakeupWatches(); });
+  return *wakeupOwner;
+}
+
+void QVRunLoop::Impl::wakeupWatches() {
+  std::vector<std::shared_ptr<DescriptorWatch>> all;
+  {
+    std::lock_guard lock(mutex);
+    for (auto& entry : watches) all.push_back(entry.second);
+  }
+  for (auto& watch : all) {
+    if (watch->descriptor) wakeupOwner->add(watch->descriptor->native_handle());
+  }
+}
+
+int QVRunLoop::Impl::millisUntilDue() const {
+  std::lock_guard lock(mutex);
+  // A virtual clock moves only when a test says so, and the loop is then
+  // signalled: real time brings nothing due.
+  const auto earliest = clock->isSteady() ? delayed.earliest() : std::nullopt;
+  if (!earliest) return -1;
+  const auto left = *earliest - clock->now();
+  if (left <= Duration::zero()) return 0;
+  const auto millis = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+  return static_cast<int>(std::min<int64_t>(millis, std::numeric_limits<int>::max()));
+}
 
 QVRunLoop::Impl::~Impl() {
   clock->removeListener(listenerId);
@@ -117,7 +179,7 @@ QVRunLoop::Impl::~Impl() {
 void QVRunLoop::Impl::submit(Task task) {
   // Handlers capture the raw pointer: they run or die inside io, which this
   // object owns.
-  asio::post(io, [this, task = std::move(task)] {
+  enqueue([this, task = std::move(task)] {
     tasksRun.fetch_add(1, std::memory_order_relaxed);
     task();
   });
@@ -136,9 +198,9 @@ void QVRunLoop::Impl::schedule(TimePoint due, Task task) {
   // The OS timer may be touched only by the pumping thread, so both paths go
   // through the loop's own queue.
   if (dueNow) {
-    asio::post(io, [this] { releaseDue(); });
+    enqueue([this] { releaseDue(); });
   } else if (earlierWake) {
-    asio::post(io, [this] { arm(); });
+    enqueue([this] { arm(); });
   }
 }
 
@@ -147,7 +209,7 @@ void QVRunLoop::Impl::watchClock() {
   // due. The weak reference lets the loop die while a move is under way.
   std::weak_ptr<Impl> weak = weak_from_this();
   listenerId = clock->addListener([weak] {
-    if (auto self = weak.lock()) asio::post(self->io, [raw = self.get()] { raw->releaseDue(); });
+    if (auto self = weak.lock()) self->enqueue([raw = self.get()] { raw->releaseDue(); });
   });
 }
 
@@ -191,10 +253,12 @@ void QVRunLoop::Impl::startWatch(const std::shared_ptr<DescriptorWatch>& watch) 
   if (!watch->callback()) return;  // cancelled before the loop got to it
   try {
     watch->descriptor.emplace(io, watch->pendingFd);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    noteSwallowed(__func__, e);
     return;  // the descriptor stays with the watch, which closes it
   }
   watch->pendingFd = -1;
+  if (auto* w = wakeup.load(std::memory_order_acquire)) w->add(watch->descriptor->native_handle());
   awaitReadable(watch);
 }
 
@@ -224,6 +288,9 @@ void QVRunLoop::Impl::endWatch(WatchId id) {
     if (found == watches.end()) return;
     watch = std::move(found->second);
     watches.erase(found);
+  }
+  if (auto* w = wakeup.load(std::memory_order_acquire); w && watch->descriptor) {
+    w->remove(watch->descriptor->native_handle());
   }
   watch->descriptor.reset();
 }
@@ -301,7 +368,7 @@ QVRunLoop::WatchId QVRunLoop::watchReadable(int fd, Task readable) {
     id = ++impl_->lastWatchId;
     impl_->watches.emplace(id, watch);
   }
-  asio::post(impl_->io, [impl = impl_.get(), watch] { impl->startWatch(watch); });
+  impl_->enqueue([impl = impl_.get(), watch] { impl->startWatch(watch); });
   return id;
 }
 
@@ -320,7 +387,7 @@ void QVRunLoop::cancelWatch(WatchId id) {
   }
   // readable dies out here, as what it holds may call back into the loop.
   readable.reset();
-  asio::post(impl_->io, [impl = impl_.get(), id] { impl->endWatch(id); });
+  impl_->enqueue([impl = impl_.get(), id] { impl->endWatch(id); });
 }
 
 std::shared_ptr<QVClock> QVRunLoop::clock() const {
@@ -338,7 +405,7 @@ void QVRunLoop::setClock(std::shared_ptr<QVClock> clock) {
     impl_->armedFor = TimePoint::max();
     impl_->watchClock();
   }
-  asio::post(impl_->io, [impl = impl_.get()] { impl->releaseDue(); });
+  impl_->enqueue([impl = impl_.get()] { impl->releaseDue(); });
 }
 
 void QVRunLoop::run() {
@@ -346,7 +413,29 @@ void QVRunLoop::run() {
   impl_->io.run();
 }
 
-void QVRunLoop::stop() { impl_->io.stop(); }
+void QVRunLoop::stop() {
+  QVLoopWakeup* const wakeup = impl_->wakeup.load(std::memory_order_acquire);
+  impl_->io.stop();
+  if (wakeup) wakeup->signal();
+}
+
+int QVRunLoop::pollDescriptor() { return impl_->makeWakeup().descriptor(); }
+
+size_t QVRunLoop::dispatchPending() {
+  auto* wakeup = impl_->wakeup.load(std::memory_order_acquire);
+  if (!wakeup) return runUntilIdle();
+  // Tasks that run post more and signal again. Ending only on a drain that
+  // found nothing leaves the descriptor quiet when the loop is, and never
+  // loses the signal of work that came in meanwhile.
+  wakeup->drain();
+  size_t ran = 0;
+  do {
+    ran += runUntilIdle();
+  } while (wakeup->drain());
+  return ran;
+}
+
+int QVRunLoop::pollTimeoutMillis() const { return impl_->millisUntilDue(); }
 
 size_t QVRunLoop::runFor(Duration limit) {
   const size_t before = impl_->tasksRun.load();

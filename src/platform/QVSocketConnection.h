@@ -49,6 +49,8 @@ class QVSocketConnection : public std::enable_shared_from_this<QVSocketConnectio
   ptrdiff_t receive(uint8_t* buffer, size_t length);
   bool hasBytesAvailable() const;
   bool hasSpaceAvailable() const;
+  // Tells the output stream once when the socket has room again.
+  void watchWritable() { watch(true); }
 
   // Tells the input stream once when bytes arrive or the peer closes.
   void watchReadable();

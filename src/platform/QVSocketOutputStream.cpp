@@ -36,7 +36,12 @@ ptrdiff_t QVSocketOutputStream::write(const uint8_t* buffer, size_t maxLength) {
 }
 
 bool QVSocketOutputStream::hasSpaceAvailable() const {
-  return streamStatus() == kStatusOpen && connection_->hasSpaceAvailable();
+  if (streamStatus() != kStatusOpen) return false;
+  if (connection_->hasSpaceAvailable()) return true;
+  // A writer told "no room" waits for the event instead of writing, so the
+  // event must come even when no write armed it.
+  connection_->watchWritable();
+  return false;
 }
 
 std::string QVSocketOutputStream::description() const { return describe("QVSocketOutputStream"); }

@@ -1,11 +1,17 @@
 // Uses the installed headers and library: a module registered by name, a
 // message through the JSON forms, compression, and the version constants.
+// With QVCONSUMER_URL set, it also enables the core from the installed
+// default settings (no files of its own) and posts one message there.
 #include <qvcore/core/QVCore.h>
 #include <qvcore/core/QVCoreVersion.h>
 #include <qvcore/model/QVMessage.h>
 #include <qvcore/platform/QVClassRegistry.h>
+#include <qvcore/platform/QVRunLoop.h>
+#include <qvcore/queue/QVQueueService.h>
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -34,6 +40,26 @@ int fail(const char* why) {
   return 1;
 }
 
+// The core enabled with nothing but the installed package: the module's
+// address is handed in before, the core's items come from share/qvcore.
+int postOneMessage(const char* url) {
+  auto core = qv::QVCore::sharedInstance();
+  core->updateConfigForModuleNameWithData("ConsumerModule", {{"PostMessageUrl", url}});
+  if (!core->enable()) return fail("the core did not enable from the installed settings");
+  if (!core->enableModule("ConsumerModule")) return fail("the module did not enable");
+  auto message = std::make_shared<qv::QVMessage>();
+  message->setOffset(4242);
+  message->setLogLevel(1);
+  if (!core->postMessageForModuleName(message, "ConsumerModule")) return fail("post refused");
+  core->flushQueues();
+  auto queues = qv::QVQueueService::sharedInstance();
+  const bool flushed = qv::QVRunLoop::main().runUntil(
+      [&] { return queues->completedFlushCycles() > 0; }, std::chrono::seconds(30));
+  if (!flushed) return fail("the flush did not end");
+  std::puts("qvcore-consumer: posted");
+  return 0;
+}
+
 }  // namespace
 
 int main() {
@@ -50,5 +76,6 @@ int main() {
   auto gzip = core->compressData(body);
   if (!gzip || gzip->size() >= body->size()) return fail("compression did not shrink the body");
   std::puts("qvcore-consumer: ok");
-  return 0;
+  const char* url = std::getenv("QVCONSUMER_URL");
+  return url && *url ? postOneMessage(url) : 0;
 }

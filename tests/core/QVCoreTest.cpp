@@ -1,6 +1,9 @@
 #include "qvcore/core/QVCore.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <filesystem>
 
 #include <regex>
 #include <set>
@@ -8,9 +11,12 @@
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVMessage.h"
+#include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVClassRegistry.h"
+#include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/queue/QVQueueService.h"
+#include "support/QVTempFolder.h"
 #include "support/QVTestModule.h"
 
 namespace qv {
@@ -81,6 +87,37 @@ TEST(QVCoreTest, EnableResetsTheRegistryAndObservesNetworkChangesWhateverItsOutc
       "kQVEnvironmentalServiceDidPostNetworkChangeNotification");
   // An unknown network status maps to posting level 1.
   EXPECT_EQ(core->currentLoggingLevel(), 1);
+}
+
+// Failed enables tell, once a process, what was missing.
+std::vector<std::string> linesOfTwoEnables() {
+  std::vector<std::string> lines;
+  QVLog::setSink([&](const std::string& line) { lines.push_back(line); });
+  EXPECT_FALSE(QVCore::sharedInstance()->enable());
+  EXPECT_FALSE(QVCore::sharedInstance()->enable());
+  QVLog::setSink(nullptr);
+  return lines;
+}
+
+TEST(QVCoreTest, AnEnableWithoutTheCoreBundleSaysWhereItLooked) {
+  test::QVTempFolder app;
+  QVBundle::setMainBundlePath(app.path());
+  const auto lines = linesOfTwoEnables();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_THAT(lines[0], ::testing::StartsWith("QVCore: enable failed: no QVCoreSettings.bundle"));
+  EXPECT_THAT(lines[0], ::testing::HasSubstr(app.path()));
+  EXPECT_THAT(lines[0], ::testing::HasSubstr("share/qvcore"));
+}
+
+TEST(QVCoreTest, AnEnableWithAnEmptyCoreBundleNamesTheBundle) {
+  test::QVTempFolder app;
+  std::filesystem::create_directory(app.path() + "/QVCoreSettings.bundle");
+  QVBundle::setMainBundlePath(app.path());
+  const auto lines = linesOfTwoEnables();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0], "QVCore: enable failed: " + app.path() +
+                          "/QVCoreSettings.bundle holds no readable QVCoreBasicConfig.plist or "
+                          "QVCoreAdvancedConfig.json");
 }
 
 TEST(QVCoreTest, BatteryLevelOneWakesZeroSleepsOtherValuesDoNothing) {

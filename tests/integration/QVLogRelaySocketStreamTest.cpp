@@ -9,20 +9,28 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/QVSocketConnection.h"
 #include "platform/QVSocketInputStream.h"
 #include "platform/QVSocketOutputStream.h"
+#include "qvcore/logrelay/VintraZANLogClient.h"
+#include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVStreamDelegate.h"
 #include "qvcore/platform/QVStreamException.h"
+#include "support/QVFakeServiceDiscovery.h"
 
 using namespace std::chrono_literals;
 using ::testing::Contains;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::Pair;
 
 namespace qv {
@@ -55,6 +63,11 @@ class Peer {
     EXPECT_EQ(::listen(listener_, 4), 0);
     ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &length);
   }
+  // A small receive window, so that a peer that stops reading fills the
+  // connection soon.
+  explicit Peer(int receiveBuffer) : Peer() {
+    ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+  }
   ~Peer() {
     if (accepted_ >= 0) ::close(accepted_);
     if (listener_ >= 0) ::close(listener_);
@@ -77,6 +90,19 @@ class Peer {
       pollfd entry{accepted_, POLLIN, 0};
       if (::poll(&entry, 1, 5000) != 1) break;
       char buffer[256];
+      const ssize_t n = ::recv(accepted_, buffer, sizeof buffer, 0);
+      if (n <= 0) break;
+      got.append(buffer, static_cast<size_t>(n));
+    }
+    return got;
+  }
+  // Reads until text has arrived, the peer's end, or 5 s without data.
+  std::string receiveUntil(const std::string& text) {
+    std::string got;
+    while (got.find(text) == std::string::npos) {
+      pollfd entry{accepted_, POLLIN, 0};
+      if (::poll(&entry, 1, 5000) != 1) break;
+      char buffer[65536];
       const ssize_t n = ::recv(accepted_, buffer, sizeof buffer, 0);
       if (n <= 0) break;
       got.append(buffer, static_cast<size_t>(n));
@@ -185,6 +211,53 @@ TEST_F(QVLogRelaySocketStreamTest, AClosedStreamSaysNothingMoreAndTakesNothing) 
   EXPECT_TRUE(log_->events.empty()) << "events of closed streams are dropped";
   EXPECT_THROW(write(*output_, "x"), QVStreamException);
   EXPECT_TRUE(peer.seesEnd()) << "closing both streams ends the connection";
+}
+
+// The relay itself in front of a tool that stops reading: its writes never
+// hold up the main loop; texts that find the buffer full are dropped, and the
+// next text that gets through says how many.
+TEST_F(QVLogRelaySocketStreamTest, ARelayWhoseToolStopsReadingDropsAndCountsInsteadOfWaiting) {
+  QVServiceDiscovery::setShared(std::make_shared<test::QVFakeServiceDiscovery>());
+  std::vector<std::string> logged;
+  QVLog::setSink([&](const std::string& line) { logged.push_back(line); });
+  auto client = VintraZANLogClient::onlyVintraZANLogClient();
+  Peer peer(4096);
+  open(peer.address());
+  output_->setDelegate(client);
+  client->setTheOutStream(output_);
+  output_->scheduleInRunLoop(QVRunLoop::main());
+  ASSERT_TRUE(peer.accept());
+
+  constexpr int kTexts = 120;
+  const std::string filler(64 * 1024, '.');
+  for (int n = 0; n < kTexts; ++n) {
+    client->post("text " + std::to_string(n) + filler + "\n");
+    QVRunLoop::main().runUntilIdle();
+  }
+  std::string received;
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    received = peer.receiveUntil("last\n");
+    done = true;
+  });
+  // The peer reads again: what waited goes out (a second is ample for the
+  // bound over loopback), then one more text, which brings the count.
+  QVRunLoop::main().runFor(1s);
+  client->post("last\n");
+  QVRunLoop::main().runUntil([&] { return done.load(); }, 10s);
+  reader.join();
+  QVLog::setSink(nullptr);
+
+  EXPECT_THAT(logged, Not(Contains(HasSubstr("Caught")))) << "no write waited and gave up";
+  int arrived = 0, dropped = 0;
+  static const std::regex note(R"(\((\d+) log lines dropped\)\n)");
+  for (std::sregex_iterator it(received.begin(), received.end(), note), end; it != end; ++it) {
+    dropped += std::stoi((*it)[1]);
+  }
+  for (size_t at = 0; (at = received.find(filler + "\n", at)) != std::string::npos; ++at) ++arrived;
+  EXPECT_GT(dropped, 0);
+  EXPECT_EQ(arrived + dropped, kTexts) << "every text either arrived whole or was counted";
+  EXPECT_THAT(received, EndsWith("last\n"));
 }
 
 }  // namespace

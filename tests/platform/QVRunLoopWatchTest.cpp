@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -84,6 +85,58 @@ TEST(QVRunLoopWatchTest, CancelledWatchesStayQuietAndTheLoopClosesWhatItDuplicat
   }
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(openDescriptors(), before);
+}
+
+// Whether a host loop polling fd would wake now.
+bool readable(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  return ::poll(&entry, 1, 0) == 1;
+}
+
+// A host's own loop (poll here; GLib and the others alike) drives the loop
+// through its descriptor, its time-out and dispatchPending.
+TEST(QVRunLoopWatchTest, AHostLoopPollingTheDescriptorRunsTasksTimersAndWatches) {
+  QVRunLoop loop;
+  const int fd = loop.pollDescriptor();
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(loop.pollDescriptor(), fd);
+  loop.dispatchPending();
+  EXPECT_FALSE(readable(fd)) << "an idle loop leaves the host asleep";
+  EXPECT_EQ(loop.pollTimeoutMillis(), -1);
+
+  int ran = 0;
+  std::thread([&] { loop.post([&] { ++ran; }); }).join();
+  EXPECT_TRUE(readable(fd)) << "a task posted from another thread wakes the host";
+  EXPECT_EQ(loop.dispatchPending(), 1u);
+  EXPECT_EQ(ran, 1);
+  EXPECT_FALSE(readable(fd));
+
+  loop.postAfter(20ms, [&] { loop.post([&] { ++ran; }); });
+  const int timeout = loop.pollTimeoutMillis();
+  EXPECT_GE(timeout, 0);
+  EXPECT_LE(timeout, 20);
+  for (int turns = 0; ran < 2 && turns < 1000; ++turns) {
+    pollfd entry{fd, POLLIN, 0};
+    ::poll(&entry, 1, loop.pollTimeoutMillis());
+    loop.dispatchPending();
+  }
+  EXPECT_EQ(ran, 2) << "the timer and the task it posted ran within the turns";
+  EXPECT_EQ(loop.pollTimeoutMillis(), -1);
+
+  Pipe pipe;
+  std::string read;
+  const auto id = loop.watchReadable(pipe.fds[0], [&] { read += pipe.drain(); });
+  loop.dispatchPending();
+  EXPECT_FALSE(readable(fd));
+  pipe.write("data");
+  EXPECT_TRUE(readable(fd)) << "a watched descriptor with data wakes the host";
+  loop.dispatchPending();
+  EXPECT_EQ(read, "data");
+  EXPECT_FALSE(readable(fd));
+  loop.cancelWatch(id);
+  loop.dispatchPending();
+  pipe.write("unwatched");
+  EXPECT_FALSE(readable(fd));
 }
 
 }  // namespace

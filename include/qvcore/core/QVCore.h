@@ -86,6 +86,18 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   // The bound in force; none when the wait is unbounded.
   static std::optional<std::chrono::milliseconds> crashFlushTimeout();
 
+  // Opt-in for hosts on Linux, where no platform says "will terminate":
+  // makes SIGTERM, SIGINT, SIGHUP and a normal exit (exit() or the return
+  // from main, through atexit) post UIApplicationWillTerminateNotification
+  // synchronously, so the lifecycle manager's termination path (saving every
+  // queue when "DoPostAppGoesToClose" is on) completes before the process
+  // ends. A signal is then handed back to the handler the host had before
+  // and raised again; a signal the host ignores is left alone. The signal
+  // handler only writes to a pipe; a watcher thread runs the path. Call
+  // once, after installing the host's own handlers; later calls do nothing.
+  // False when the hooks could not be set up.
+  static bool installTerminationHooks();
+
   std::string currentSessionID();
   std::string generateUUID() const;
   int64_t getCurrentSessionStartTimeforModuleName(const std::string& name) const;

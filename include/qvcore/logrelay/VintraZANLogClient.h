@@ -17,6 +17,7 @@
 namespace qv {
 
 class QVInputStream;
+class QVLogRelayBuffer;
 class QVNetService;
 class QVNetServiceBrowser;
 class QVOutputStream;
@@ -95,7 +96,9 @@ class QV_EXPORT VintraZANLogClient : public QVObject,
 
  private:
   static std::string runHeader();
+  static bool canWriteNow(const QVOutputStream& stream);
   void write(const std::string& text);
+  void writePending(QVOutputStream& stream);
 
   mutable std::mutex mutex_;
   std::shared_ptr<QVNetServiceBrowser> theServiceBrowser_;
@@ -103,6 +106,8 @@ class QV_EXPORT VintraZANLogClient : public QVObject,
   std::shared_ptr<QVOutputStream> theOutStream_;
   std::shared_ptr<QVInputStream> theInStream_;
   std::atomic<bool> bFirstPost_{false};
+  // Touched only on the main run loop.
+  std::unique_ptr<QVLogRelayBuffer> pending_;
 };
 
 }  // namespace qv

@@ -78,6 +78,23 @@ class QV_EXPORT QVRunLoop {
   // at short intervals, so other threads may make it true.
   bool runUntil(const std::function<bool()>& predicate, Duration timeout);
 
+  // Driving the loop from a host's own event loop (GLib, Qt, libuv, poll)
+  // instead of run(): watch pollDescriptor() for reading, wait at most
+  // pollTimeoutMillis(), and call dispatchPending() on the loop's thread when
+  // the descriptor is readable or the time is up.
+  //
+  // A descriptor that is readable while the loop has work: a task posted, a
+  // delayed task released, a watched descriptor readable, stop() called.
+  // Made on first call and kept open for the life of the process (a thread
+  // that posted may signal it after the loop is gone); the host never reads
+  // or closes it. -1 when the system refused one.
+  int pollDescriptor();
+  // Runs every task that is ready, like runUntilIdle(), and never waits.
+  size_t dispatchPending();
+  // Milliseconds until the next delayed task is due (0 when one is due now),
+  // or -1 when none is waiting on the real clock, as poll() takes them.
+  int pollTimeoutMillis() const;
+
  private:
   struct Impl;
   std::shared_ptr<Impl> impl_;
