@@ -132,11 +132,26 @@ void QVRunLoop::Impl::enqueue(Handler&& handler) {
   if (w) w->signal();
 }
 
+namespace {
+
+// Every wakeup made, never freed: a thread that posted into a loop may still
+// signal its wakeup after the loop is gone. The list keeps them reachable, so
+// that a leak checker sees them kept on purpose.
+void keepForever(QVLoopWakeup* wakeup) {
+  static auto* mutex = new std::mutex;
+  static auto* kept = new std::vector<QVLoopWakeup*>;
+  std::lock_guard lock(*mutex);
+  kept->push_back(wakeup);
+}
+
+}  // namespace
+
 QVLoopWakeup& QVRunLoop::Impl::makeWakeup() {
   {
     std::lock_guard lock(mutex);
     if (wakeupOwner) return *wakeupOwner;
     wakeupOwner = new QVLoopWakeup;
+    keepForever(wakeupOwner);
     wakeup.store(wakeupOwner, std::memory_order_release);
   }
   // Watches started before there was a wakeup join it on the loop's thread,

@@ -114,6 +114,12 @@ TEST_F(QVLogToolTest, SilentConnectionsAreClosedAfterTheIdleTimeOut) {
 }
 
 TEST_F(QVLogToolTest, OutOfDescriptorsTheListenerRestsAndAcceptsAgainLater) {
+#if defined(__SANITIZE_ADDRESS__)
+  // The sanitizer build adds UBSan, whose type check opens a pipe to probe
+  // memory: with every descriptor taken it reports a valid object as one
+  // with an invalid vptr. The default and ThreadSanitizer builds run this.
+  GTEST_SKIP() << "needs descriptors the sanitizer runtime takes for itself";
+#endif
   start(60s);
   // The descriptors of both ends are this process's.
   rlimit limit{};
