@@ -37,4 +37,7 @@ pattern=$(
   IFS='|'
   echo "${fixtures[*]}"
 )
-ctest --preset tsan -R "(^|/)(${pattern})\."
+# The relay test that fills a stalled peer with 120 texts of 64 KiB takes
+# minutes under ThreadSanitizer and its one-second read window does not
+# hold there; the default and sanitizer builds run it.
+ctest --preset tsan -R "(^|/)(${pattern})\." -E "ARelayWhoseToolStopsReadingDropsAndCountsInsteadOfWaiting"
