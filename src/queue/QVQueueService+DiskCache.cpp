@@ -30,7 +30,8 @@ bool QVQueueService::saveModuleQueueToFile(const std::shared_ptr<QVQueue>& queue
   const std::shared_ptr<QVQueue> snapshot = cut(queue);
   if (!snapshot) return false;
   if (saveQueueToFile(snapshot)) {
-    ledgerFor(snapshot).addCached(messagesPosted(snapshot));
+    QVModuleLedger& ledger = ledgerFor(snapshot);
+    ledger.addCached(messagesPosted(snapshot, ledger));
     return true;
   }
   appendToSendList(snapshot);

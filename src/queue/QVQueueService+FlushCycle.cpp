@@ -222,13 +222,14 @@ void QVQueueService::flushFinishedForQueue(const std::shared_ptr<QVQueue>& queue
 }
 
 void QVQueueService::flushCompletedForQueue(const std::shared_ptr<QVQueue>& queue) {
-  ledgerFor(queue).addSent(messagesPosted(queue));
+  QVModuleLedger& ledger = ledgerFor(queue);
+  ledger.addSent(messagesPosted(queue, ledger));
   flushFinishedForQueue(queue);
 }
 
 void QVQueueService::flushFailedForQueue(const std::shared_ptr<QVQueue>& queue) {
   QVModuleLedger& ledger = ledgerFor(queue);
-  const uint64_t posted = messagesPosted(queue);
+  const uint64_t posted = messagesPosted(queue, ledger);
   ledger.addFailed(posted);
   // Not retried in this cycle: the file brings it back at the next flush.
   if (!QVConfigService::sharedInstance()->isHasToPersistLocalCacheEnabled()) {
@@ -246,16 +247,18 @@ void QVQueueService::flushRejectedForQueue(const std::shared_ptr<QVQueue>& queue
   const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
   QVLog::log("QVCore: dropped a post of module " + (module ? module->className() : "(gone)") +
              " that can never be sent: " + reason);
-  ledgerFor(queue).addDropped(QVDropReason::kRequestNotBuildable, messagesPosted(queue));
+  QVModuleLedger& ledger = ledgerFor(queue);
+  ledger.addDropped(QVDropReason::kRequestNotBuildable, messagesPosted(queue, ledger));
   flushFinishedForQueue(queue);
 }
 
-uint64_t QVQueueService::messagesPosted(const std::shared_ptr<QVQueue>& queue) {
+uint64_t QVQueueService::messagesPosted(const std::shared_ptr<QVQueue>& queue,
+                                        QVModuleLedger& ledger) {
   if (!queue) return 0;
   const std::size_t carried = queue->messageCount();
   const std::size_t posted = std::min(queue->messagesInPayload(), carried);
   if (posted < carried) {
-    ledgerFor(queue).addDropped(QVDropReason::kInvalidMessage, carried - posted);
+    ledger.addDropped(QVDropReason::kInvalidMessage, carried - posted);
   }
   return posted;
 }

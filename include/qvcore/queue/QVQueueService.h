@@ -254,8 +254,8 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   void splitOff(const std::shared_ptr<QVMessage>& message,
                 const std::shared_ptr<QVLifecycleObject>& module);
   // How many of the queue's messages its post carried; those its payload
-  // left out are counted as dropped.
-  static uint64_t messagesPosted(const std::shared_ptr<QVQueue>& queue);
+  // left out are counted as dropped in ledger, the queue's module's.
+  static uint64_t messagesPosted(const std::shared_ptr<QVQueue>& queue, QVModuleLedger& ledger);
   static std::string ledgerName(const std::shared_ptr<QVQueue>& queue);
   static QVModuleLedger& ledgerFor(const std::shared_ptr<QVQueue>& queue);
   static QVModuleLedger& ledgerFor(const std::shared_ptr<QVLifecycleObject>& module);
