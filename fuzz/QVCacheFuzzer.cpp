@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/QVUtf8.h"
+#include "platform/value/QVUtf8.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVHttpSession.h"

@@ -1,6 +1,6 @@
 #include "config/QVConfigJSONReader.h"
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVPropertyList.h"
 

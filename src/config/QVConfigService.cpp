@@ -5,7 +5,7 @@
 #include <unordered_map>
 
 #include "config/QVConfigJSONReader.h"
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/core/QVConfigurationSaver.h"
 #include "qvcore/core/QVCore.h"

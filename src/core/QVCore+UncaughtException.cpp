@@ -40,7 +40,7 @@
 #include <semaphore>
 #include <string_view>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVUncaughtExceptionHandler.h"
 #include "qvcore/queue/QVQueueService.h"

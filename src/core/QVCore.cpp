@@ -9,7 +9,7 @@
 
 #include "core/QVDeliveryLedger.h"
 #include "core/QVTerminationHooks.h"
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/platform/QVApplication.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <exception>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCore.h"

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <exception>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/platform/QVInterfaceAddressSource.h"
 

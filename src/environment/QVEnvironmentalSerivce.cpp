@@ -4,7 +4,7 @@
 #include <cctype>
 #include <exception>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVApplicationLifecycleManager.h"
 #include "qvcore/environment/QVNetworkManager.h"

@@ -2,7 +2,7 @@
 
 #include <exception>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVMessageConstants.h"
 #include "qvcore/platform/QVKeyedArchiver.h"

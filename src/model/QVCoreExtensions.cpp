@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "model/QVJsonWriter.h"
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 
 namespace qv {
 

@@ -4,7 +4,7 @@
 #include <exception>
 #include <iterator>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVCoreExtensions.h"
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "model/QVJsonWriter.h"
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVClientEnvironment.h"

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <exception>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
 

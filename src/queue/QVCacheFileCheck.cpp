@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/platform/QVPropertyList.h"
 #include "qvcore/platform/QVValue.h"
 

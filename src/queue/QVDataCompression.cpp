@@ -7,7 +7,7 @@
 #include <new>
 #include <stdexcept>
 
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 
 namespace qv {
 

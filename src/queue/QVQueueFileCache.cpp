@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "platform/QVUtf8.h"
+#include "platform/value/QVUtf8.h"
 #include "qvcore/platform/QVFileSystem.h"
 
 namespace qv {

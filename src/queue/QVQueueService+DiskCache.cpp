@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "core/QVDeliveryLedger.h"
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "queue/QVCacheFileCheck.h"
 #include "queue/QVQueueFileCache.h"
 #include "qvcore/config/QVConfigService.h"

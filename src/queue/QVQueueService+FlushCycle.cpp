@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "core/QVDeliveryLedger.h"
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCore.h"

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "core/QVDeliveryLedger.h"
-#include "platform/QVApplicationIdentifier.h"
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVApplicationIdentifier.h"
+#include "platform/host/QVSwallowed.h"
 #include "queue/QVQueueFileCache.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/model/QVQueue.h"

@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "model/QVJsonWriter.h"
-#include "platform/QVSwallowed.h"
+#include "platform/host/QVSwallowed.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCookieProvider.h"
 #include "qvcore/core/QVCore.h"

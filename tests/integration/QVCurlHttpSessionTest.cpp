@@ -1,4 +1,4 @@
-#include "platform/QVCurlHttpSession.h"
+#include "platform/http/QVCurlHttpSession.h"
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>

@@ -16,9 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/QVSocketConnection.h"
-#include "platform/QVSocketInputStream.h"
-#include "platform/QVSocketOutputStream.h"
+#include "platform/net/QVSocketConnection.h"
+#include "platform/net/QVSocketInputStream.h"
+#include "platform/net/QVSocketOutputStream.h"
 #include "qvcore/logrelay/VintraZANLogClient.h"
 #include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVRunLoop.h"

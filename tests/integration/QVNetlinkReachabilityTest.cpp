@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "config/QVConfigTestSupport.h"
-#include "platform/QVNetlinkRoutes.h"
+#include "platform/net/QVNetlinkRoutes.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/environment/QVNetworkManager.h"

@@ -3,7 +3,7 @@
 #include <limits>
 #include <string>
 
-#include "platform/QVPlistNode.h"
+#include "platform/archive/QVPlistNode.h"
 #include "qvcore/platform/QVArchiveException.h"
 #include "qvcore/platform/QVKeyedArchiver.h"
 #include "qvcore/platform/QVKeyedUnarchiver.h"

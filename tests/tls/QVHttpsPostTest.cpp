@@ -10,7 +10,7 @@
 #include <future>
 
 #include "QVTlsTestServer.h"
-#include "platform/QVCurlHttpSession.h"
+#include "platform/http/QVCurlHttpSession.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
 #include "qvcore/platform/QVRunLoop.h"
