@@ -32,9 +32,7 @@ QVNetlinkReachabilityWatcher::~QVNetlinkReachabilityWatcher() {
   if (wake_ >= 0) ::close(wake_);
 }
 
-std::optional<uint32_t> QVNetlinkReachabilityWatcher::published() {
-  const uint64_t word = word_.load(std::memory_order_acquire);
-  if (word & kKnown) return static_cast<uint32_t>(word);
+std::optional<uint32_t> QVNetlinkReachabilityWatcher::publishedSlowly() {
   if (!isOpen()) return netlinkReachabilityFlags(destination_);
   // A first answer, or one after a failed read: an answer read before the
   // thread ran was not published.

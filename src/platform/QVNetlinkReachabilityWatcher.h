@@ -43,7 +43,11 @@ class QVNetlinkReachabilityWatcher {
   // The flags as last published, none when the kernel could not be asked.
   // Until a first answer is published (and after a failed one) this asks the
   // kernel itself.
-  std::optional<uint32_t> published();
+  std::optional<uint32_t> published() {
+    const uint64_t word = word_.load(std::memory_order_acquire);
+    if (word & kKnown) return static_cast<uint32_t>(word);
+    return publishedSlowly();
+  }
 
   // The flags as of now: reads again when the kernel reported anything since
   // the last read, and publishes the answer.
@@ -57,6 +61,7 @@ class QVNetlinkReachabilityWatcher {
  private:
   static constexpr uint64_t kKnown = uint64_t{1} << 32;
 
+  std::optional<uint32_t> publishedSlowly();
   void startThreadLocked();
   void run();
   bool waitForEvents();
