@@ -113,7 +113,7 @@ std::string QVNetworkManager::stringForNetworkStatus(int64_t status) {
 
 bool QVNetworkManager::isConnectedViaWifi() const {
   const QVReachability* monitor = monitorOfThread();
-  return monitor && monitor->currentReachabilityStatus() == QVReachability::ReachableViaWiFi;
+  return monitor && monitor->publishedReachabilityStatus() == QVReachability::ReachableViaWiFi;
 }
 
 // The gate asks for Wi-Fi on every post: each thread keeps the monitor it

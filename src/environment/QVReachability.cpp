@@ -101,7 +101,18 @@ bool QVReachability::connectionRequired() const {
 }
 
 QVReachability::NetworkStatus QVReachability::currentReachabilityStatus() const {
-  const auto flags = reachabilityRef_->flags();
+  return statusForFlags(reachabilityRef_->flags());
+}
+
+QVReachability::NetworkStatus QVReachability::publishedReachabilityStatus() const {
+  return statusForFlags(reachabilityRef_->publishedFlags());
+}
+
+bool QVReachability::awaitPublished(std::chrono::milliseconds patience) const {
+  return reachabilityRef_->awaitPublished(patience);
+}
+
+QVReachability::NetworkStatus QVReachability::statusForFlags(std::optional<uint32_t> flags) const {
   if (!flags) return NotReachable;
   return alwaysReturnLocalWiFiStatus_ ? localWiFiStatusForFlags(*flags)
                                       : networkStatusForFlags(*flags);

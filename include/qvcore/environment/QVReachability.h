@@ -2,8 +2,10 @@
 
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "qvcore/QVExport.h"
@@ -57,11 +59,20 @@ class QV_EXPORT QVReachability : public std::enable_shared_from_this<QVReachabil
   bool connectionRequired() const;
   // NotReachable when the flags cannot be read.
   NetworkStatus currentReachabilityStatus() const;
+  // The same from the flags the source last published (see
+  // QVReachabilityTarget::publishedFlags): what the core's gate reads on
+  // every post, with no system call.
+  NetworkStatus publishedReachabilityStatus() const;
+  // Waits until every change the source had been told of before this call
+  // shows in publishedReachabilityStatus(); false when that did not happen
+  // within patience.
+  bool awaitPublished(std::chrono::milliseconds patience) const;
 
  private:
   explicit QVReachability(std::unique_ptr<QVReachabilityTarget> target);
 
   static std::shared_ptr<QVReachability> withTarget(std::unique_ptr<QVReachabilityTarget> target);
+  NetworkStatus statusForFlags(std::optional<uint32_t> flags) const;
 
   const std::unique_ptr<QVReachabilityTarget> reachabilityRef_;
   // Set before the object is handed out, never changed afterwards.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -21,6 +22,18 @@ class QV_EXPORT QVReachabilityTarget {
   // The reachability flag word (see QVReachabilityFlags.h) as of now; none
   // when it cannot be read.
   virtual std::optional<uint32_t> flags() = 0;
+
+  // The flags as the source last published them, for readers that ask on
+  // every post: no system call and no lock that another reader takes. A
+  // source that learns of changes on its own thread may lag behind flags()
+  // until that thread has handled the change; awaitPublished() tells when it
+  // has. By default, flags().
+  virtual std::optional<uint32_t> publishedFlags();
+
+  // Waits until every change the source had been told of before this call
+  // shows in publishedFlags(). False when that did not happen within
+  // patience. By default true at once.
+  virtual bool awaitPublished(std::chrono::milliseconds patience);
 
   // Calls changed on loop whenever the flags may have changed, until
   // unschedule(); a source may call it when they did not, so the listener

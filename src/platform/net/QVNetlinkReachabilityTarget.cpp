@@ -1,8 +1,5 @@
 #include "platform/net/QVNetlinkReachabilityTarget.h"
 
-#include <linux/rtnetlink.h>
-#include <sys/socket.h>
-
 #include <cerrno>
 
 #include <utility>
@@ -10,25 +7,10 @@
 #include "platform/net/QVNetlinkSocket.h"
 
 namespace qv {
-namespace {
-
-constexpr uint32_t kWatchedGroups =
-    RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
-
-// Whether the kernel announced anything on socket since it was last
-// drained: one non-blocking peek. An error other than "nothing queued" (a
-// queue that overflowed, above all) counts as an announcement.
-bool announced(const QVNetlinkSocket& socket) {
-  char byte = 0;
-  const ssize_t got = ::recv(socket.fd(), &byte, sizeof byte, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
-  return got >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
-}
-
-}  // namespace
 
 int netlinkWatchError() {
   errno = 0;
-  const QVNetlinkSocket probe(kWatchedGroups);
+  const QVNetlinkSocket probe(netlinkWatchedGroups());
   if (probe.isOpen()) return 0;
   return errno != 0 ? errno : EACCES;
 }
@@ -37,19 +19,21 @@ int netlinkWatchError() {
 // watch holds it, so a call under way keeps the socket open while another
 // thread unschedules.
 struct QVNetlinkReachabilityTarget::Subscription {
-  Subscription(QVNetlinkDestination d, QVRunLoop& l, Changed c)
-      : socket(kWatchedGroups), destination(d), loop(l), changed(std::move(c)) {}
+  Subscription(std::shared_ptr<QVNetlinkReachabilityWatcher> w, QVRunLoop& l, Changed c)
+      : socket(netlinkWatchedGroups()), watcher(std::move(w)), loop(l), changed(std::move(c)) {}
 
+  // Read through the watcher, which publishes the answer, so that the
+  // listener, and every post after it, reads the flags that made it called.
   void onReadable() {
     if (!socket.drain()) return;
-    const auto now = netlinkReachabilityFlags(destination);
+    const auto now = watcher->current();
     if (now == lastFlags) return;
     lastFlags = now;
     changed();
   }
 
   QVNetlinkSocket socket;
-  const QVNetlinkDestination destination;
+  const std::shared_ptr<QVNetlinkReachabilityWatcher> watcher;
   QVRunLoop& loop;
   const Changed changed;
   QVRunLoop::WatchId watch = 0;
@@ -58,30 +42,26 @@ struct QVNetlinkReachabilityTarget::Subscription {
 };
 
 QVNetlinkReachabilityTarget::QVNetlinkReachabilityTarget(QVNetlinkDestination destination)
-    : destination_(destination), watch_(std::make_unique<QVNetlinkSocket>(kWatchedGroups)) {}
+    : watcher_(std::make_shared<QVNetlinkReachabilityWatcher>(destination)) {}
 
 QVNetlinkReachabilityTarget::~QVNetlinkReachabilityTarget() { unschedule(); }
 
-// Asking the kernel for the route costs a socket and a round trip; the
-// answer is kept until the watch hears of a change of links, addresses or
-// routes. The kernel queues that announcement before the request that made
-// the change returns, so a change made before this call is always seen,
-// whether or not any run loop runs. Without a watch every call asks.
-std::optional<uint32_t> QVNetlinkReachabilityTarget::flags() {
-  std::lock_guard lock(flagsMutex_);
-  if (!watch_->isOpen()) return netlinkReachabilityFlags(destination_);
-  if (announced(*watch_)) {
-    watch_->drain();
-    lastFlags_.reset();
-  }
-  // A failed read is not kept: the next call asks again.
-  if (!lastFlags_) lastFlags_ = netlinkReachabilityFlags(destination_);
-  return lastFlags_;
+// The kernel queues the report of a change before the request that made it
+// returns, so a change made before this call is always seen, whether or not
+// any run loop or watcher thread runs.
+std::optional<uint32_t> QVNetlinkReachabilityTarget::flags() { return watcher_->current(); }
+
+std::optional<uint32_t> QVNetlinkReachabilityTarget::publishedFlags() {
+  return watcher_->published();
+}
+
+bool QVNetlinkReachabilityTarget::awaitPublished(std::chrono::milliseconds patience) {
+  return watcher_->awaitPublished(patience);
 }
 
 bool QVNetlinkReachabilityTarget::schedule(QVRunLoop& loop, Changed changed) {
   if (!changed) return false;
-  auto subscription = std::make_shared<Subscription>(destination_, loop, std::move(changed));
+  auto subscription = std::make_shared<Subscription>(watcher_, loop, std::move(changed));
   if (!subscription->socket.isOpen()) return false;
   // Read after subscribing, so that a change in between is heard, not lost.
   subscription->lastFlags = flags();
