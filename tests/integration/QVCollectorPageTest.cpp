@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "QVCollectorServer.h"
+#include "support/QVCapability.h"
 #include "support/QVTempFolder.h"
 
 namespace qv::collector {
@@ -25,9 +26,7 @@ size_t count(const std::string& text, const std::string& part) {
 class QVCollectorPageTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (::access(kChromium, X_OK) != 0) {
-      GTEST_SKIP() << kChromium << " is missing; scripts/install-deps.sh installs it";
-    }
+    QV_REQUIRE_CAPABILITY(::access(kChromium, X_OK) == 0, kChromium);
     port_ = server_.bind(0);
     ASSERT_GT(port_, 0);
     server_.start();

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "support/QVCapability.h"
 #include "support/QVGzip.h"
 #include "support/QVTempFolder.h"
 #include "support/QVTestHttpServer.h"
@@ -47,7 +48,7 @@ int runHost(const std::string& url, const std::string& home) {
 
 TEST(QVGlibHostTest, TheCoreRunsFromAGlibMainLoopAndItsPostReachesTheServer) {
 #ifndef QVTEST_GLIB_HOST
-  GTEST_SKIP() << "built without glib-2.0";
+  QV_REQUIRE_CAPABILITY(false, "glib-2.0 at build time");
 #endif
   test::QVTestHttpServer server;
   test::QVTempFolder home;

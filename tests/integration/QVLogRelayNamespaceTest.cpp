@@ -24,8 +24,7 @@
 #include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVPropertyList.h"
 #include "qvcore/platform/QVRunLoop.h"
-#include "support/QVMdnsNamespace.h"
-#include "support/QVTempFolder.h"
+#include "support/QVNetworkNamespace.h"
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
@@ -34,7 +33,7 @@ using ::testing::Not;
 namespace qv {
 namespace {
 
-using test::QVMdnsNamespace;
+using Namespace = test::QVNetworkNamespace;
 
 // Beside this test's executable in the build tree, or where the environment
 // says.
@@ -55,7 +54,7 @@ struct App {
 // An application process: its bundle names it, it posts its texts and runs
 // its main loop until they have been written, then exits, closing its
 // stream. Its log lines go to standard error.
-int runApp(const QVMdnsNamespace& network, const App& app) {
+int runApp(const Namespace& network, const App& app) {
   const std::string bundle = network.folder() + "/" + app.name;
   std::filesystem::create_directories(bundle);
   QVPropertyList::writeDictionaryToFile({{"CFBundleName", app.name}}, bundle + "/Info.plist",
@@ -92,7 +91,7 @@ void expectInOrder(const std::string& printed, const App& app) {
 
 // Runs inside the namespaces, in a child process; its failures are printed
 // there and its exit status carries them out.
-void toolPrintsWhatAppsPost(QVMdnsNamespace& network, const std::string& tool) {
+void toolPrintsWhatAppsPost(Namespace& network, const std::string& tool) {
   const std::string out = network.folder() + "/tool.out";
   const std::string err = network.folder() + "/tool.err";
   // Under ThreadSanitizer: libdbus takes two of its own locks in one order
@@ -104,9 +103,9 @@ void toolPrintsWhatAppsPost(QVMdnsNamespace& network, const std::string& tool) {
            ((options ? std::string(options) + ":" : "") + "suppressions=" + suppressions).c_str(),
            1);
   const pid_t toolProcess = network.spawn({tool, "--name", "QVCore log test"}, out, err);
-  ASSERT_TRUE(QVMdnsNamespace::waitFor(
-      [&] { return QVMdnsNamespace::readFile(err).find("announced") != std::string::npos; }, 20s))
-      << QVMdnsNamespace::readFile(err);
+  ASSERT_TRUE(Namespace::waitFor(
+      [&] { return Namespace::readFile(err).find("announced") != std::string::npos; }, 20s))
+      << Namespace::readFile(err);
 
   const std::vector<App> apps = {
       {"App One", {"first from one\n", "second from one, grüß dich\n", "third from one"}},
@@ -119,81 +118,39 @@ void toolPrintsWhatAppsPost(QVMdnsNamespace& network, const std::string& tool) {
     }));
   }
   for (size_t i = 0; i < apps.size(); ++i) {
-    const int status = network.await(processes[i], 40s);
+    const int status = network.stop(processes[i], 0, 40s);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
         << apps[i].name << " ended with " << status;
-    const std::string log =
-        QVMdnsNamespace::readFile(network.folder() + "/" + apps[i].name + ".log");
+    const std::string log = Namespace::readFile(network.folder() + "/" + apps[i].name + ".log");
     EXPECT_THAT(log, HasSubstr("didFindService: ")) << log;
     EXPECT_THAT(log, HasSubstr("connected to: 10.231.0.")) << log;
     EXPECT_THAT(log, Not(HasSubstr("Stream has no space"))) << log;
     EXPECT_THAT(log, Not(HasSubstr("Caught:"))) << log;
   }
   // The tool has printed everything once it has seen both peers close.
-  EXPECT_TRUE(QVMdnsNamespace::waitFor(
-      [&] { return occurrences(QVMdnsNamespace::readFile(err), " closed") == apps.size(); }, 10s))
-      << QVMdnsNamespace::readFile(err);
+  EXPECT_TRUE(Namespace::waitFor(
+      [&] { return occurrences(Namespace::readFile(err), " closed") == apps.size(); }, 10s))
+      << Namespace::readFile(err);
   const int toolStatus = network.stop(toolProcess, SIGTERM, 5s);
   EXPECT_TRUE(WIFEXITED(toolStatus) && WEXITSTATUS(toolStatus) == 0)
       << "the tool survives closing peers and ends cleanly on SIGTERM: " << toolStatus << "\n"
-      << QVMdnsNamespace::readFile(err);
+      << Namespace::readFile(err);
 
-  const std::string printed = QVMdnsNamespace::readFile(out);
+  const std::string printed = Namespace::readFile(out);
   for (const auto& app : apps) expectInOrder(printed, app);
   EXPECT_EQ(occurrences(printed, "ZAN_SDK_START_NEW_RUN_FOR_APP"), apps.size()) << printed;
   EXPECT_EQ(occurrences(printed, "==== new run, from 10.231.0."), apps.size()) << printed;
 }
 
-// Runs body in a child process inside namespaces of its own, with the bus
-// and the Avahi daemon when daemons is set. Failures inside are printed by
-// the child; its exit status carries the verdict.
-void inOwnNetwork(bool daemons, const std::function<void(QVMdnsNamespace&)>& body) {
-  const std::string missing = QVMdnsNamespace::missingTools();
-  if (!missing.empty()) GTEST_SKIP() << "needs" << missing << " (scripts/install-deps.sh)";
-  test::QVTempFolder folder;
-  std::fflush(nullptr);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::alarm(150);  // a hang fails the test; what the child started dies with it
-    int status;
-    {
-      QVMdnsNamespace network(folder.path());
-      std::string error;
-      bool cannotIsolate = false;
-      if (!(daemons ? network.start(error, cannotIsolate)
-                    : network.isolate(error, cannotIsolate))) {
-        std::fprintf(stderr, "%s\n", error.c_str());
-        ::_exit(cannotIsolate ? QVMdnsNamespace::kCannotIsolate : 1);
-      }
-      body(network);
-      status = ::testing::Test::HasFailure() ? 1 : 0;
-    }
-    std::fflush(nullptr);
-    ::_exit(status);
-  }
-  int status = 0;
-  const bool ended =
-      QVMdnsNamespace::waitFor([&] { return ::waitpid(child, &status, WNOHANG) == child; }, 170s);
-  if (!ended) {
-    ::kill(child, SIGKILL);
-    ::waitpid(child, &status, 0);
-  }
-  if (WIFEXITED(status) && WEXITSTATUS(status) == QVMdnsNamespace::kCannotIsolate) {
-    GTEST_SKIP() << "no network and mount namespace can be made here (needs CAP_SYS_ADMIN)";
-  }
-  EXPECT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0)
-      << "the checks inside the namespace failed (see above); status " << status;
-}
-
 TEST(QVLogRelayNamespaceTest, TheToolPrintsWhatApplicationsOnItsNetworkPost) {
   const std::string tool = logToolPath();
   ASSERT_EQ(::access(tool.c_str(), X_OK), 0) << "build qvcore-logtool first: " << tool;
-  inOwnNetwork(true, [&](QVMdnsNamespace& network) { toolPrintsWhatAppsPost(network, tool); });
+  Namespace::run(Namespace::Kind::kMdns,
+                 [&](Namespace& network) { toolPrintsWhatAppsPost(network, tool); });
 }
 
 TEST(QVLogRelayNamespaceTest, WithoutAnAvahiDaemonTheSearchFailsAndTextIsDropped) {
-  inOwnNetwork(false, [](QVMdnsNamespace&) {
+  Namespace::run(Namespace::Kind::kMdnsWithoutDaemons, [](Namespace&) {
     std::vector<std::string> lines;
     std::mutex mutex;
     QVLog::setSink([&](const std::string& line) {

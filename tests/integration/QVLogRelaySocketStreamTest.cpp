@@ -25,6 +25,7 @@
 #include "qvcore/platform/QVStreamDelegate.h"
 #include "qvcore/platform/QVStreamException.h"
 #include "support/QVFakeServiceDiscovery.h"
+#include "support/QVLoopback.h"
 
 using namespace std::chrono_literals;
 using ::testing::Contains;
@@ -51,30 +52,25 @@ class EventLog : public QVStreamDelegate {
   std::vector<std::pair<QVByteStream*, QVByteStream::Event>> events;
 };
 
-// A listening socket on 127.0.0.1 and a port the system picked.
+// A listening socket on 127.0.0.1 and a port the system picked; a small
+// receive window, when given, makes a peer that stops reading fill the
+// connection soon.
 class Peer {
  public:
-  Peer() {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    address_.sin_family = AF_INET;
-    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address_;
-    EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address_), length), 0);
-    EXPECT_EQ(::listen(listener_, 4), 0);
-    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &length);
-  }
-  // A small receive window, so that a peer that stops reading fills the
-  // connection soon.
-  explicit Peer(int receiveBuffer) : Peer() {
-    ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+  explicit Peer(int receiveBuffer = 0) {
+    listener_ = test::bindLoopback(port_, true, receiveBuffer);
   }
   ~Peer() {
     if (accepted_ >= 0) ::close(accepted_);
     if (listener_ >= 0) ::close(listener_);
   }
   std::vector<uint8_t> address() const {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&address_);
-    return {bytes, bytes + sizeof address_};
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port_));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&address);
+    return {bytes, bytes + sizeof address};
   }
   // Closing the listener leaves an address that refuses connections.
   void stopListening() { ::close(std::exchange(listener_, -1)); }
@@ -84,44 +80,21 @@ class Peer {
     accepted_ = ::accept(listener_, nullptr, nullptr);
     return accepted_ >= 0;
   }
-  std::string receive(size_t count) {
-    std::string got;
-    while (got.size() < count) {
-      pollfd entry{accepted_, POLLIN, 0};
-      if (::poll(&entry, 1, 5000) != 1) break;
-      char buffer[256];
-      const ssize_t n = ::recv(accepted_, buffer, sizeof buffer, 0);
-      if (n <= 0) break;
-      got.append(buffer, static_cast<size_t>(n));
-    }
-    return got;
-  }
-  // Reads until text has arrived, the peer's end, or 5 s without data.
-  std::string receiveUntil(const std::string& text) {
-    std::string got;
-    while (got.find(text) == std::string::npos) {
-      pollfd entry{accepted_, POLLIN, 0};
-      if (::poll(&entry, 1, 5000) != 1) break;
-      char buffer[65536];
-      const ssize_t n = ::recv(accepted_, buffer, sizeof buffer, 0);
-      if (n <= 0) break;
-      got.append(buffer, static_cast<size_t>(n));
-    }
-    return got;
-  }
-  void send(const std::string& text) { ::send(accepted_, text.data(), text.size(), 0); }
+  // Reads until text has arrived, the peer's end, or 10 s without data.
+  std::string receiveUntil(const std::string& text) { return test::receiveUntil(accepted_, text); }
+  void send(const std::string& text) { test::sendAll(accepted_, text); }
   // True once the other side has ended the connection.
   bool seesEnd() {
     pollfd entry{accepted_, POLLIN, 0};
     char byte;
-    return ::poll(&entry, 1, 5000) == 1 && ::recv(accepted_, &byte, 1, 0) == 0;
+    return ::poll(&entry, 1, 10000) == 1 && ::recv(accepted_, &byte, 1, 0) == 0;
   }
   void close() { ::close(std::exchange(accepted_, -1)); }
 
  private:
   int listener_ = -1;
   int accepted_ = -1;
-  sockaddr_in address_{};
+  int port_ = 0;
 };
 
 ptrdiff_t write(QVOutputStream& stream, const std::string& text) {
@@ -160,7 +133,7 @@ TEST_F(QVLogRelaySocketStreamTest, WritesReachThePeerAndItsCloseIsHeard) {
   EXPECT_TRUE(await(input_, QVByteStream::kEventOpenCompleted));
   EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusOpen);
   EXPECT_EQ(write(*output_, "tool"), 4);
-  EXPECT_EQ(peer.receive(11), "hello, tool");
+  EXPECT_EQ(peer.receiveUntil("hello, tool"), "hello, tool");
 
   peer.send("ack");
   ASSERT_TRUE(await(input_, QVByteStream::kEventHasBytesAvailable));
@@ -207,10 +180,11 @@ TEST_F(QVLogRelaySocketStreamTest, AClosedStreamSaysNothingMoreAndTakesNothing) 
   output_->close();
   input_->close();
   peer.send("unheard");
-  loop_.runFor(100ms);
+  EXPECT_TRUE(peer.seesEnd()) << "closing both streams ends the connection";
+  // The bytes and the end are there to be seen by any watch still open.
+  loop_.runUntilIdle();
   EXPECT_TRUE(log_->events.empty()) << "events of closed streams are dropped";
   EXPECT_THROW(write(*output_, "x"), QVStreamException);
-  EXPECT_TRUE(peer.seesEnd()) << "closing both streams ends the connection";
 }
 
 // The relay itself in front of a tool that stops reading: its writes never
@@ -240,11 +214,10 @@ TEST_F(QVLogRelaySocketStreamTest, ARelayWhoseToolStopsReadingDropsAndCountsInst
     received = peer.receiveUntil("last\n");
     done = true;
   });
-  // The peer reads again: what waited goes out (a second is ample for the
-  // bound over loopback), then one more text, which brings the count.
-  QVRunLoop::main().runFor(1s);
+  // The peer reads again: what waited goes out, then one more text, which
+  // brings the count (it fits beside what waits: texts are taken whole).
   client->post("last\n");
-  QVRunLoop::main().runUntil([&] { return done.load(); }, 10s);
+  EXPECT_TRUE(QVRunLoop::main().runUntil([&] { return done.load(); }, 30s));
   reader.join();
   QVLog::setSink(nullptr);
 

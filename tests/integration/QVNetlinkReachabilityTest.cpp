@@ -39,9 +39,8 @@ constexpr uint32_t kReachable = kQVReachabilityFlagsReachable;
 constexpr uint32_t kDirect = kQVReachabilityFlagsIsDirect;
 constexpr uint32_t kWWAN = kQVReachabilityFlagsIsWWAN;
 
-using test::addVethLink;
-using test::inOwnNetworkNamespace;
-const auto run = test::runIp;
+using test::QVNetworkNamespace;
+constexpr auto kLinks = QVNetworkNamespace::Kind::kLinks;
 
 std::optional<uint32_t> hostFlags(const std::string& name) {
   return QVNetlinkReachabilitySource().targetWithHostName(name)->flags();
@@ -61,51 +60,51 @@ TEST(QVNetlinkReachabilityTest, RefusesWhatItCannotRoute) {
   EXPECT_EQ(source.currentRadioAccessTechnology(), std::nullopt);
 }
 
-void flagsFollowTheKernelsRoutes(const std::string& ip) {
-  run(ip, "link set lo up");
+void flagsFollowTheKernelsRoutes(QVNetworkNamespace& net) {
+  net.ip("link set lo up");
   EXPECT_EQ(hostFlags("0.0.0.0"), 0u) << "loopback alone is not the internet";
   EXPECT_EQ(hostFlags("127.0.0.1"), kReachable | kQVReachabilityFlagsIsLocalAddress | kDirect);
-  addVethLink(ip, "veth0", "veth1", "10.200.0.1/24");
+  net.addVethLink("veth0", "veth1", "10.200.0.1/24");
   EXPECT_EQ(hostFlags("10.200.0.2"), kReachable | kDirect);
   EXPECT_EQ(hostFlags("example.org"), 0u) << "a name stands for the internet";
   EXPECT_EQ(QVReachability::reachabilityForLocalWiFi()->currentReachabilityStatus(), 0);
-  run(ip, "route add 169.254.0.0/16 dev veth0");
+  net.ip("route add 169.254.0.0/16 dev veth0");
   EXPECT_EQ(QVReachability::reachabilityForLocalWiFi()->currentReachabilityStatus(), 1);
-  run(ip, "route add default via 10.200.0.2 dev veth0");
+  net.ip("route add default via 10.200.0.2 dev veth0");
   EXPECT_EQ(hostFlags("0.0.0.0"), kReachable) << "the internet is never direct";
   EXPECT_EQ(hostFlags("example.org"), kReachable);
-  run(ip, "link set veth1 down");  // veth0 loses its carrier but keeps its routes
+  net.ip("link set veth1 down");  // veth0 loses its carrier but keeps its routes
   EXPECT_EQ(hostFlags("0.0.0.0"), 0u);
 }
 
 TEST(QVNetlinkReachabilityTest, FlagsFollowTheKernelsRoutesAndLinks) {
-  inOwnNetworkNamespace(flagsFollowTheKernelsRoutes);
+  QVNetworkNamespace::run(kLinks, flagsFollowTheKernelsRoutes);
 }
 
 // Each kind of default route, and the addresses that the core names after
 // the link that carries it, with no interface names set.
-void internetOverEachDefaultRoute(const std::string& ip) {
-  run(ip, "link set lo up");
-  addVethLink(ip, "eth0", "eth0peer", "10.200.0.1/24");
-  addVethLink(ip, "wwan0", "modem0", "10.201.0.1/24");
-  run(ip, "addr add 2001:db8::1/64 dev eth0 nodad");
+void internetOverEachDefaultRoute(QVNetworkNamespace& net) {
+  net.ip("link set lo up");
+  net.addVethLink("eth0", "eth0peer", "10.200.0.1/24");
+  net.addVethLink("wwan0", "modem0", "10.201.0.1/24");
+  net.ip("addr add 2001:db8::1/64 dev eth0 nodad");
   const auto internet = QVReachability::reachabilityForInternetConnection();
   const auto service = QVEnvironmentalSerivce::sharedInstance();
   EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::NotReachable) << "no route";
   EXPECT_EQ(service->networkWiFiIPAddress(), "");
   EXPECT_EQ(service->networkIPAddress(), "Unknown");
 
-  run(ip, "-6 route add default via 2001:db8::2 dev eth0");
+  net.ip("-6 route add default via 2001:db8::2 dev eth0");
   EXPECT_EQ(hostFlags("0.0.0.0"), kReachable) << "IPv6 only";
   EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::ReachableViaWiFi);
-  run(ip, "route add default via 10.200.0.2 dev eth0");
+  net.ip("route add default via 10.200.0.2 dev eth0");
   EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::ReachableViaWiFi) << "both";
   EXPECT_EQ(service->networkIPAddress(), "10.200.0.1");
   EXPECT_EQ(service->networkWiFiIPAddress(), "10.200.0.1");
-  run(ip, "-6 route del default");
+  net.ip("-6 route del default");
   EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::ReachableViaWiFi) << "IPv4";
 
-  run(ip, "route replace default via 10.201.0.2 dev wwan0");
+  net.ip("route replace default via 10.201.0.2 dev wwan0");
   EXPECT_EQ(hostFlags("0.0.0.0"), kReachable | kWWAN);
   EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::ReachableViaWWAN);
   EXPECT_EQ(service->networkWiFiIPAddress(), "");
@@ -114,12 +113,12 @@ void internetOverEachDefaultRoute(const std::string& ip) {
   EXPECT_EQ(addresses->value("pdp_ip0/ipv4", ""), "10.201.0.1");
   EXPECT_EQ(addresses->value("eth0/ipv4", ""), "10.200.0.1");
   EXPECT_EQ(service->networkIPAddress(), "10.200.0.1") << "looked up once per process";
-  run(ip, "route del default");
+  net.ip("route del default");
   EXPECT_EQ(internet->currentReachabilityStatus(), QVReachability::NotReachable);
 }
 
 TEST(QVNetlinkReachabilityTest, InternetAndAddressesFollowTheDefaultRouteOfEitherFamily) {
-  inOwnNetworkNamespace(internetOverEachDefaultRoute);
+  QVNetworkNamespace::run(kLinks, internetOverEachDefaultRoute);
 }
 
 TEST(QVNetlinkReachabilityTest, ModemLinksAreKnownByNameKindOrLinkType) {
@@ -169,7 +168,7 @@ TEST(QVNetlinkReachabilityTest, CoreEnablesOnTheHostsWordWhereNetlinkIsRefused) 
   });
 }
 
-void managerFollowsChanges(const std::string& ip) {
+void managerFollowsChanges(QVNetworkNamespace& net) {
   auto clock = std::make_shared<QVFakeClock>();
   QVRunLoop& loop = QVRunLoop::main();
   loop.setClock(clock);
@@ -183,28 +182,28 @@ void managerFollowsChanges(const std::string& ip) {
         << "status " << status << " never came";
   };
 
-  run(ip, "link set lo up");
-  addVethLink(ip, "veth0", "veth1", "10.200.0.1/24");
+  net.ip("link set lo up");
+  net.addVethLink("veth0", "veth1", "10.200.0.1/24");
   ASSERT_TRUE(manager->startNetworkMonitoring());
   clock->advance(1s);
   loop.runUntilIdle();
   EXPECT_EQ(manager->currentNetworkStatus(), 1u);
 
-  run(ip, "route add default via 10.200.0.2 dev veth0");
+  net.ip("route add default via 10.200.0.2 dev veth0");
   awaitStatus(2);
   EXPECT_EQ(manager->currentConnectionType(), "Wifi");
   EXPECT_TRUE(manager->isConnectedViaWifi());
-  run(ip, "link set veth1 down");
+  net.ip("link set veth1 down");
   awaitStatus(1);
-  run(ip, "link set veth1 up");
+  net.ip("link set veth1 up");
   awaitStatus(2);
 
-  addVethLink(ip, "wwan0", "modem0", "10.201.0.1/24");
-  run(ip, "route replace default via 10.201.0.2 dev wwan0");
+  net.addVethLink("wwan0", "modem0", "10.201.0.1/24");
+  net.ip("route replace default via 10.201.0.2 dev wwan0");
   awaitStatus(3);
   EXPECT_EQ(manager->currentNetworkReachabilityName(), "ReachableViaWWAN");
   EXPECT_EQ(manager->currentConnectionType(), "WWAN");
-  run(ip, "route del default");
+  net.ip("route del default");
   awaitStatus(1);
 
   EXPECT_EQ(posted,
@@ -215,7 +214,7 @@ void managerFollowsChanges(const std::string& ip) {
 }
 
 TEST(QVNetlinkReachabilityTest, ManagerPostsEachChangeOfTheWayToTheInternet) {
-  inOwnNetworkNamespace(managerFollowsChanges);
+  QVNetworkNamespace::run(kLinks, managerFollowsChanges);
 }
 
 }  // namespace

@@ -86,10 +86,11 @@ TEST_F(QVServerConnectionIntegrationTest, JsonPostCarriesExactlyItsHeadersAndThe
   EXPECT_EQ(test::gunzip(sent.body), json + "}");
 }
 
-TEST_F(QVServerConnectionIntegrationTest, UrlEncodedPostIsABodilessGetWithOnlyItsTwoHeaders) {
+// A bodiless GET with only its two headers; nested values and null travel in
+// the query as escaped JSON text, and the collector reads them back.
+TEST_F(QVServerConnectionIntegrationTest, UrlEncodedPostIsABodilessGetTheCollectorReadsBack) {
   configureModule({{"URLEncoded", true}, {"PostMessageUrl", server_.url("/collect?k=1")}});
   EXPECT_TRUE(postAndWait(R"({"screen":"Home Page","n":5,"ul":"a/b"})"));
-
   const auto sent = server_.request(0);
   EXPECT_EQ(sent.method, "GET");
   EXPECT_EQ(sent.path(), "/collect");
@@ -98,6 +99,19 @@ TEST_F(QVServerConnectionIntegrationTest, UrlEncodedPostIsABodilessGetWithOnlyIt
                                    {"User-Agent", userAgent()},
                                    {"X-QVCORE", "Lib/2.0.0.81"}}));
   EXPECT_TRUE(sent.body.empty());
+
+  configureModule({{"URLEncoded", true}});
+  EXPECT_TRUE(
+      postAndWait(R"({"offset":1,"obj":{"k":"v&w/x"},"list":[1,"a b",2.0],"none":null,"w":2.0})"));
+  const auto nested = server_.request(1);
+  const collector::QVCollectorDecoded decoded =
+      collector::QVCollectorDecoder::decode({"GET", nested.path(), nested.query(), {}, ""});
+  EXPECT_EQ(decoded.problem, "");
+  ASSERT_TRUE(decoded.queryFields);
+  EXPECT_EQ(QVValue::parse(*decoded.queryFields),
+            QVValue::parse(R"({"offset":1,"obj":{"k":"v&w/x"},"list":[1,"a b",2],)"
+                           R"("none":null,"w":2})"));
+  EXPECT_NE(nested.query().find("&w=2"), std::string::npos) << nested.query();
 }
 
 // Text that is not UTF-8 in one message or a session ID costs neither the
@@ -122,24 +136,6 @@ TEST_F(QVServerConnectionIntegrationTest, OneBadMessageLeavesTheOthersAndNumbers
   EXPECT_EQ(first[1]["screen"], "bad\xEF\xBF\xBD!");
   EXPECT_EQ(payload["sessions"][1]["id"], "S\xEF\xBF\xBD");
   EXPECT_NE(body.find(R"("w":2,"f":0.1,"e":1e+300,"z":0})"), std::string::npos) << body;
-}
-
-// Nested values and null travel in the query as escaped JSON text, and the
-// collector reads them back.
-TEST_F(QVServerConnectionIntegrationTest, UrlEncodedPostCarriesNestedValuesAndNull) {
-  configureModule({{"URLEncoded", true}});
-  EXPECT_TRUE(
-      postAndWait(R"({"offset":1,"obj":{"k":"v&w/x"},"list":[1,"a b",2.0],"none":null,"w":2.0})"));
-
-  const auto sent = server_.request(0);
-  const collector::QVCollectorDecoded decoded =
-      collector::QVCollectorDecoder::decode({"GET", sent.path(), sent.query(), {}, ""});
-  EXPECT_EQ(decoded.problem, "");
-  ASSERT_TRUE(decoded.queryFields);
-  EXPECT_EQ(QVValue::parse(*decoded.queryFields),
-            QVValue::parse(R"({"offset":1,"obj":{"k":"v&w/x"},"list":[1,"a b",2],)"
-                           R"("none":null,"w":2})"));
-  EXPECT_NE(sent.query().find("&w=2"), std::string::npos) << sent.query();
 }
 
 TEST_F(QVServerConnectionIntegrationTest, CookiesFromTheServerReturnInOneLineWithTheModules) {

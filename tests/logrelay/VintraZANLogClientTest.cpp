@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "logrelay/QVLogRelayBuffer.h"
 #include "qvcore/logrelay/VintraExtensions.h"
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVFakeClock.h"
@@ -194,6 +195,12 @@ TEST_F(VintraZANLogClientTest, TextGoesOutWholeAsUtf8OnTheMainThread) {
   VintraExtensions::postToZANVintraSDKTool("via extension");
   pass(7s);
   EXPECT_THAT(stream->written, ::testing::EndsWith(text + "via extension"));
+  // Past the relay's bound, a text that finds nothing waiting still goes out.
+  stream->chunk = SIZE_MAX;
+  const std::string big(QVLogRelayBuffer::kCapacity + 1, 'b');
+  VintraExtensions::postToZANVintraSDKTool(big);
+  pass(7s);
+  EXPECT_THAT(stream->written, ::testing::EndsWith("via extension" + big));
 }
 
 TEST_F(VintraZANLogClientTest, AddressesAreReadAsIPv4WhateverTheirFamily) {

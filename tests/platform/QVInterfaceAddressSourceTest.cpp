@@ -11,7 +11,6 @@
 
 #include "config/QVConfigTestSupport.h"
 #include "qvcore/platform/QVSystemInterfaceAddressSource.h"
-#include "support/QVFakeInterfaceAddressSource.h"
 
 namespace qv {
 namespace {
@@ -70,20 +69,6 @@ TEST(QVInterfaceAddressSourceTest, EnvironmentGivesTheStartingMap) {
     auto entries = QVSystemInterfaceAddressSource().interfaceAddresses();
     return entries && ipv4Of(*entries, "pdp_ip0") == std::vector<std::string>{"127.0.0.1"};
   });
-}
-
-TEST(QVInterfaceAddressSourceTest, SharedSourceCanBeReplacedAndRestored) {
-  auto fake = std::make_shared<test::QVFakeInterfaceAddressSource>();
-  fake->setEntries({test::QVFakeInterfaceAddressSource::ipv4("en0", "10.1.2.3", IFF_UP)});
-  QVInterfaceAddressSource::setShared(fake);
-  EXPECT_EQ(ipv4Of(*QVInterfaceAddressSource::shared()->interfaceAddresses(), "en0"),
-            std::vector<std::string>{"10.1.2.3"});
-  fake->setFails(true);
-  EXPECT_EQ(QVInterfaceAddressSource::shared()->interfaceAddresses(), std::nullopt);
-
-  QVInterfaceAddressSource::setShared(nullptr);
-  EXPECT_TRUE(std::dynamic_pointer_cast<QVSystemInterfaceAddressSource>(
-      QVInterfaceAddressSource::shared()));
 }
 
 }  // namespace

@@ -1,8 +1,12 @@
 #include "qvcore/platform/QVRunLoop.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,6 +104,131 @@ TEST_F(QVMainLoopVirtualTimeTest, AdvancingFromAnotherThreadWakesABlockedPump) {
   std::thread mover([&] { clock->advance(5s); });
   EXPECT_TRUE(loop.runUntil([&] { return ran.load(); }, kPatience));
   mover.join();
+}
+
+struct Pipe {
+  Pipe() { EXPECT_EQ(::pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0); }
+  ~Pipe() {
+    ::close(fds[0]);
+    ::close(fds[1]);
+  }
+  void write(const std::string& bytes) {
+    EXPECT_GT(::write(fds[1], bytes.data(), bytes.size()), 0);
+  }
+  std::string drain() {
+    std::string all;
+    char buffer[64];
+    for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;) all.append(buffer, got);
+    return all;
+  }
+  int fds[2] = {-1, -1};
+};
+
+size_t openDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+TEST(QVRunLoopWatchTest, ReadableRunsOnThePumpingThreadForDataOldAndNew) {
+  QVRunLoop loop;
+  Pipe pipe;
+  pipe.write("early");
+  std::string read;
+  std::thread::id ranOn;
+  const auto id = loop.watchReadable(pipe.fds[0], [&] {
+    read += pipe.drain();
+    ranOn = std::this_thread::get_id();
+  });
+  ASSERT_NE(id, 0u);
+  std::thread([&] {
+    EXPECT_TRUE(loop.runUntil([&] { return read == "early"; }, 10s));
+    pipe.write("late");
+    EXPECT_TRUE(loop.runUntil([&] { return read == "earlylate"; }, 10s));
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+  }).join();
+  loop.cancelWatch(id);
+  EXPECT_EQ(loop.watchReadable(-1, [] {}), 0u);
+}
+
+TEST(QVRunLoopWatchTest, CancelledWatchesStayQuietAndTheLoopClosesWhatItDuplicated) {
+  Pipe pipe;
+  const size_t before = openDescriptors();
+  int calls = 0;
+  {
+    QVRunLoop loop;
+    // Cancelled from inside its own call, as a listener that is done would.
+    QVRunLoop::WatchId id = loop.watchReadable(pipe.fds[0], [&] {
+      ++calls;
+      pipe.drain();
+      loop.cancelWatch(id);
+    });
+    pipe.write("x");
+    loop.runUntilIdle();
+    // Cancelled from another thread.
+    const auto other = loop.watchReadable(pipe.fds[0], [&] { calls += 10; });
+    loop.runUntilIdle();
+    std::thread([&] { loop.cancelWatch(other); }).join();
+    pipe.write("y");
+    loop.runUntilIdle();
+    pipe.drain();
+    // Left to the loop's destructor: one live, one cancelled before any pump.
+    loop.watchReadable(pipe.fds[0], [&] { calls += 100; });
+    loop.runUntilIdle();
+    loop.cancelWatch(loop.watchReadable(pipe.fds[0], [&] { calls += 100; }));
+  }
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+// Whether a host loop polling fd would wake now.
+bool readable(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  return ::poll(&entry, 1, 0) == 1;
+}
+
+// A host's own loop (poll here; GLib and the others alike) drives the loop
+// through its descriptor, its time-out and dispatchPending.
+TEST(QVRunLoopWatchTest, AHostLoopPollingTheDescriptorRunsTasksTimersAndWatches) {
+  QVRunLoop loop;
+  const int fd = loop.pollDescriptor();
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(loop.pollDescriptor(), fd);
+  loop.dispatchPending();
+  EXPECT_FALSE(readable(fd)) << "an idle loop leaves the host asleep";
+  EXPECT_EQ(loop.pollTimeoutMillis(), -1);
+
+  int ran = 0;
+  std::thread([&] { loop.post([&] { ++ran; }); }).join();
+  EXPECT_TRUE(readable(fd)) << "a task posted from another thread wakes the host";
+  EXPECT_EQ(loop.dispatchPending(), 1u);
+  EXPECT_EQ(ran, 1);
+  EXPECT_FALSE(readable(fd));
+
+  loop.postAfter(20ms, [&] { loop.post([&] { ++ran; }); });
+  const int timeout = loop.pollTimeoutMillis();
+  EXPECT_GE(timeout, 0);
+  EXPECT_LE(timeout, 20);
+  for (int turns = 0; ran < 2 && turns < 1000; ++turns) {
+    pollfd entry{fd, POLLIN, 0};
+    ::poll(&entry, 1, loop.pollTimeoutMillis());
+    loop.dispatchPending();
+  }
+  EXPECT_EQ(ran, 2) << "the timer and the task it posted ran within the turns";
+  EXPECT_EQ(loop.pollTimeoutMillis(), -1);
+
+  Pipe pipe;
+  std::string read;
+  const auto id = loop.watchReadable(pipe.fds[0], [&] { read += pipe.drain(); });
+  loop.dispatchPending();
+  EXPECT_FALSE(readable(fd));
+  pipe.write("data");
+  EXPECT_TRUE(readable(fd)) << "a watched descriptor with data wakes the host";
+  loop.dispatchPending();
+  EXPECT_EQ(read, "data");
+  EXPECT_FALSE(readable(fd));
+  loop.cancelWatch(id);
+  loop.dispatchPending();
+  pipe.write("unwatched");
+  EXPECT_FALSE(readable(fd));
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "qvcore/platform/QVGlobalQueue.h"
+
 using namespace std::chrono_literals;
 
 namespace qv {
@@ -18,7 +20,10 @@ TEST(QVSerialQueueTest, TasksFromSeveralProducersRunInOrderAndFinishBeforeDestru
   std::vector<std::vector<int>> seen(kProducers);  // the worker's until the queue is gone
   {
     QVSerialQueue queue("test.order");
-    queue.async([] { std::this_thread::sleep_for(10ms); });  // keeps tasks queued at the end
+    // Holds the worker until every task is queued, so the destructor meets a
+    // full queue.
+    std::promise<void> queued;
+    queue.async([all = queued.get_future().share()] { all.wait(); });
     std::vector<std::thread> producers;
     for (int p = 0; p < kProducers; ++p) {
       producers.emplace_back([&, p] {
@@ -26,6 +31,7 @@ TEST(QVSerialQueueTest, TasksFromSeveralProducersRunInOrderAndFinishBeforeDestru
       });
     }
     for (auto& producer : producers) producer.join();
+    queued.set_value();
   }
   for (const auto& fromProducer : seen) {
     ASSERT_EQ(fromProducer.size(), static_cast<size_t>(kTasks));
@@ -66,6 +72,25 @@ TEST(QVSerialQueueTest, DroppingTheLastReferenceOnItsOwnThreadDoesNotDeadlock) {
   mainDropped->set_value();
   EXPECT_EQ(laterRan->get_future().wait_for(10s), std::future_status::ready);
   EXPECT_EQ(loopGone->get_future().wait_for(10s), std::future_status::ready);
+}
+
+// Two tasks that each wait for the other finish only when they run at once.
+TEST(QVGlobalQueueTest, TasksRunConcurrently) {
+  auto first = std::make_shared<std::promise<void>>();
+  auto second = std::make_shared<std::promise<void>>();
+  auto done = std::make_shared<std::promise<bool>>();
+  auto result = done->get_future();
+  QVGlobalQueue::async([=] {
+    first->set_value();
+    done->set_value(second->get_future().wait_for(std::chrono::seconds(30)) ==
+                    std::future_status::ready);
+  });
+  QVGlobalQueue::async([=] {
+    second->set_value();
+    first->get_future().wait_for(std::chrono::seconds(30));
+  });
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  EXPECT_TRUE(result.get());
 }
 
 }  // namespace

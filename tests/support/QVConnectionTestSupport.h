@@ -24,10 +24,9 @@ class QVPostingModule : public QVTestModule, public QVHttpHeadersProvider, publi
   using QVTestModule::QVTestModule;
 
   QVValue httpHeadersForSessionIdAndJson(const std::string& sessionId,
-                                         const std::string& json) override {
+                                         const std::string&) override {
     std::lock_guard lock(mutex_);
     askedSessionIds.push_back(sessionId);
-    askedJson.push_back(json);
     return headers;
   }
   void addCookiesToRequest(QVMutableURLRequest& request) override {
@@ -39,7 +38,6 @@ class QVPostingModule : public QVTestModule, public QVHttpHeadersProvider, publi
   std::string cookie;
   // What the module was asked with.
   std::vector<std::string> askedSessionIds;
-  std::vector<std::string> askedJson;
 
  private:
   std::mutex mutex_;

@@ -1,74 +1,70 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/types.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace qv::test {
 
-// The ip tool of iproute2; empty when it is not installed.
-inline std::string ipTool() {
-  for (const char* path : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
-    if (::access(path, X_OK) == 0) return path;
-  }
-  return {};
-}
+// A network of the test's own: QVNetworkNamespace::run() forks a child that
+// enters new network and mount namespaces and runs the body there, so the
+// links, routes and daemons it makes never touch the host's. Failures inside
+// are printed by the child; its exit status carries the verdict back. Where
+// the machine cannot isolate (no ip tool, no CAP_SYS_ADMIN, no daemons) the
+// test is skipped, or failed in CI.
+class QVNetworkNamespace {
+ public:
+  enum class Kind {
+    kLinks,  // the loopback link down, nothing else: the body makes its links
+    // /run private (no system bus, no host Avahi) and a veth pair qvmdns0,
+    // qvmdns1 (10.231.0.1 and .2, multicast on, no route out)...
+    kMdnsWithoutDaemons,
+    kMdns,  // ...with a D-Bus system bus and an Avahi daemon on those links
+  };
 
-// Runs body in a child process in a network namespace of its own, so that
-// the links and routes it makes never touch the host's. Failures inside are
-// printed by the child; its exit status carries the verdict. Skips the test
-// where no namespace can be made or ip is missing.
-inline void inOwnNetworkNamespace(const std::function<void(const std::string& ip)>& body) {
-  constexpr int kCannotIsolate = 77;
-  const std::string ip = ipTool();
-  if (ip.empty()) GTEST_SKIP() << "iproute2 (ip) is not installed";
-  std::fflush(nullptr);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0) << std::strerror(errno);
-  if (child == 0) {
-    ::alarm(120);  // a hang fails the test instead of blocking it
-    if (::unshare(CLONE_NEWNET) != 0) {
-      const int error = errno;
-      std::fprintf(stderr, "unshare(CLONE_NEWNET): %s\n", std::strerror(error));
-      ::_exit(error == EPERM || error == EINVAL ? kCannotIsolate : 1);
-    }
-    body(ip);
-    std::fflush(nullptr);
-    ::_exit(::testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kCannotIsolate) {
-    GTEST_SKIP() << "no network namespace can be made here (needs CAP_SYS_ADMIN)";
-  }
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-      << "the checks inside the namespace failed (see above); status " << status;
-}
+  static void run(Kind kind, const std::function<void(QVNetworkNamespace&)>& body);
 
-// Runs "ip arguments" and fails the test unless it succeeds.
-inline void runIp(const std::string& ip, const std::string& arguments) {
-  const std::string command = ip + " " + arguments;
-  ASSERT_EQ(std::system(command.c_str()), 0) << command;
-}
+  // Runs "ip arguments" and fails the test unless it succeeds.
+  void ip(const std::string& arguments) const;
+  // A veth pair whose far end stays here, so name has a carrier as long as
+  // peer is up; address (with its prefix) is name's.
+  void addVethLink(const std::string& name, const std::string& peer,
+                   const std::string& address) const;
 
-// A veth pair whose far end stays in the namespace, so that name has a
-// carrier as long as peer is up; address (with its prefix) is name's.
-inline void addVethLink(const std::string& ip, const std::string& name, const std::string& peer,
-                        const std::string& address) {
-  runIp(ip, "link add " + name + " type veth peer name " + peer);
-  runIp(ip, "link set " + peer + " up");
-  runIp(ip, "link set " + name + " up");
-  // An IPv6 address is usable at once, without duplicate detection.
-  const bool v6 = address.find(':') != std::string::npos;
-  runIp(ip, "addr add " + address + " dev " + name + (v6 ? " nodad" : ""));
-}
+  // Runs argv with its output going to the two files. The process is killed
+  // when the caller dies and when this object goes.
+  pid_t spawn(const std::vector<std::string>& argv, const std::string& stdoutPath,
+              const std::string& stderrPath);
+  // Forks a process that runs body and exits with its result, with the same
+  // care as spawn.
+  pid_t fork(const std::function<int()>& body);
+  // Sends signal (none when 0) and waits up to patience for the process to
+  // end; SIGKILL after that. The wait status, or -1 when it had to be killed.
+  int stop(pid_t pid, int signal, std::chrono::milliseconds patience);
+
+  // Checks predicate every 20 ms until it holds or limit passes.
+  static bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds limit);
+  static std::string readFile(const std::string& path);
+
+  // Configuration files and daemon logs go here.
+  const std::string& folder() const { return folder_; }
+
+  ~QVNetworkNamespace();
+  QVNetworkNamespace(const QVNetworkNamespace&) = delete;
+  QVNetworkNamespace& operator=(const QVNetworkNamespace&) = delete;
+
+ private:
+  QVNetworkNamespace(std::string folder, std::string ipTool);
+  // In the child: false with error set when it cannot be isolated.
+  bool isolate(Kind kind, std::string& error);
+  bool startDaemons(std::string& error);
+
+  std::string folder_;
+  std::string ip_;
+  std::vector<pid_t> started_;
+};
 
 }  // namespace qv::test

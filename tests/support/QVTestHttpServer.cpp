@@ -1,8 +1,6 @@
 #include "support/QVTestHttpServer.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -13,28 +11,14 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "support/QVLoopback.h"
+
 namespace qv::test {
 
 namespace {
 
 constexpr auto kIoBound = std::chrono::seconds(30);
 constexpr size_t kMaxHeaderBytes = 64 * 1024;
-
-int boundSocket(int& port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw std::runtime_error("socket");
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    ::close(fd);
-    throw std::runtime_error("bind");
-  }
-  port = ntohs(address.sin_port);
-  return fd;
-}
 
 bool sameName(const std::string& a, const std::string& b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -69,16 +53,6 @@ QVRecordedRequest parseHead(const std::string& head) {
   return request;
 }
 
-bool writeAll(int fd, const std::string& bytes) {
-  size_t sent = 0;
-  while (sent < bytes.size()) {
-    const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    sent += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // The close that follows sends a reset instead of an orderly end of stream.
 void resetOnClose(int fd) {
   const linger abort{1, 0};
@@ -108,14 +82,8 @@ size_t QVRecordedRequest::headerCount(const std::string& name) const {
 QVTestHttpServer::QVTestHttpServer(int receiveBufferBytes) {
   // Clients in this process (and its children) reach it directly.
   for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) ::unsetenv(name);
-  listenFd_ = boundSocket(port_);
-  // Set before listening, so that accepted connections start with it.
-  if (receiveBufferBytes > 0) {
-    ::setsockopt(listenFd_, SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes, sizeof receiveBufferBytes);
-  }
-  if (::listen(listenFd_, 16) != 0 || ::pipe2(stopPipe_, O_CLOEXEC) != 0) {
-    throw std::runtime_error("listen");
-  }
+  listenFd_ = bindLoopback(port_, true, receiveBufferBytes);
+  if (::pipe2(stopPipe_, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
   thread_ = std::thread([this] { serve(); });
 }
 
@@ -214,7 +182,7 @@ void QVTestHttpServer::handle(int fd) {
       break;
     }
     case QVTestReply::Kind::kResetWhileAnswering:
-      writeAll(fd, "HTTP/1.1 200 Test\r\nContent-Length: 64\r\nConnection: close\r\n\r\npartial");
+      sendAll(fd, "HTTP/1.1 200 Test\r\nContent-Length: 64\r\nConnection: close\r\n\r\npartial");
       resetOnClose(fd);
       break;
   }
@@ -262,7 +230,7 @@ void QVTestHttpServer::answer(int fd, const QVTestReply& reply) {
   for (const auto& [name, value] : reply.headers) response += name + ": " + value + "\r\n";
   response += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
   response += "Connection: close\r\n\r\n" + reply.body;
-  writeAll(fd, response);
+  sendAll(fd, response);
 }
 
 bool QVTestHttpServer::nextReplyIs(QVTestReply::Kind kind) const {
@@ -278,7 +246,7 @@ QVTestReply QVTestHttpServer::nextReply() {
   return reply;
 }
 
-QVTestHttpServer::RefusingPort::RefusingPort() { fd_ = boundSocket(port_); }
+QVTestHttpServer::RefusingPort::RefusingPort() { fd_ = bindLoopback(port_, false); }
 
 QVTestHttpServer::RefusingPort::~RefusingPort() { ::close(fd_); }
 

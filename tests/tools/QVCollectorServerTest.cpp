@@ -1,6 +1,5 @@
 // The collector as a server: what it answers, what it keeps of each request,
 // and what "dump" prints back from the file.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <sys/socket.h>
@@ -18,6 +17,7 @@
 #include "QVCollectorOptions.h"
 #include "QVCollectorServer.h"
 #include "qvcore/queue/QVDataCompression.h"
+#include "support/QVLoopback.h"
 #include "support/QVTempFolder.h"
 
 namespace qv::collector {
@@ -27,31 +27,8 @@ const std::string kPayload =
     R"({"messageVersion":"6.0.0.0","serialNumber":4,"sessions":[{"id":"S1","startTime":1700000000000,)"
     R"("clientEnvironment":{"osType":"Linux"},"messages":[{"offset":1,"screen":"Home"},{"offset":2}]}]})";
 
-int connectTo(int port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  timeval bound{30, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
-  ::close(fd);
-  return -1;
-}
-
-// A request written byte for byte, answered on a connection of its own.
-std::string sendRaw(int port, const std::string& bytes) {
-  const int fd = connectTo(port);
-  std::string answer;
-  if (fd >= 0 &&
-      ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size())) {
-    char buffer[4096];
-    for (ssize_t got; (got = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) answer.append(buffer, got);
-  }
-  if (fd >= 0) ::close(fd);
-  return answer;
-}
+using test::connectLoopback;
+const auto sendRaw = test::exchange;
 
 std::string statusLine(const std::string& answer) { return answer.substr(0, answer.find('\r')); }
 
@@ -379,9 +356,9 @@ TEST_F(QVCollectorServerTest, ClientsThatTrickleTheirRequestsAreCutOffAndOthersS
   // its body every 200 ms (for 40 s at most).
   std::vector<int> slow;
   for (int i = 0; i < 20; ++i) {
-    slow.push_back(connectTo(port_));
+    slow.push_back(connectLoopback(port_));
     const std::string head = "POST /slow HTTP/1.1\r\n" + host() + "Content-Length: 200\r\n\r\n";
-    ::send(slow.back(), head.data(), head.size(), MSG_NOSIGNAL);
+    test::sendAll(slow.back(), head);
   }
   std::atomic<bool> done{false};
   std::thread trickle([&] {
@@ -399,8 +376,7 @@ TEST_F(QVCollectorServerTest, ClientsThatTrickleTheirRequestsAreCutOffAndOthersS
   EXPECT_EQ(response->status, 200);
   int cutOff = 0;
   for (int fd : slow) {
-    char buffer[512];
-    cutOff += ::recv(fd, buffer, sizeof buffer, 0) > 0;  // an answer, then the end
+    cutOff += !test::receiveUntil(fd, "\r\n").empty();  // an answer, then the end
     ::close(fd);
   }
   EXPECT_EQ(cutOff, 20);

@@ -14,6 +14,7 @@
 #include "QVLogToolPrinter.h"
 #include "QVLogToolServer.h"
 #include "qvcore/platform/QVRunLoop.h"
+#include "support/QVLoopback.h"
 
 namespace qv {
 namespace {
@@ -29,18 +30,7 @@ class QVLogToolTest : public ::testing::Test {
     ASSERT_GT(port_, 0) << error;
   }
   // A peer on 127.0.0.1, or -1 when the connection fails.
-  int connectPeer() const {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port_);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-      return fd;
-    }
-    if (fd >= 0) ::close(fd);
-    return -1;
-  }
+  int connectPeer() const { return test::connectLoopback(port_); }
   static std::string peerOf(int fd) {
     sockaddr_in address{};
     socklen_t length = sizeof address;

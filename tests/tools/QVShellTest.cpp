@@ -166,10 +166,10 @@ TEST_F(QVShellTest, AModuleClassImplementsExactlyTheOptionalOperationsAskedFor) 
 // In a network namespace of the test's own, whose default route leaves by
 // enp3s0: "network system" reads that, the host-fed network lists only the
 // address a line gives.
-void followsTheSystemsNetworkOnRequest(const std::string& ip) {
-  test::runIp(ip, "link set lo up");
-  test::addVethLink(ip, "enp3s0", "peer0", "10.200.0.1/24");
-  test::runIp(ip, "route add default via 10.200.0.2 dev enp3s0");
+void followsTheSystemsNetworkOnRequest(test::QVNetworkNamespace& net) {
+  net.ip("link set lo up");
+  net.addVethLink("enp3s0", "peer0", "10.200.0.1/24");
+  net.ip("route add default via 10.200.0.2 dev enp3s0");
   test::QVTempFolder folder;
   folder.write("bundles/QVCoreSettings.bundle/QVCoreAdvancedConfig.json",
                R"({"PostMessageLevelWiFi": 3})");
@@ -189,7 +189,7 @@ void followsTheSystemsNetworkOnRequest(const std::string& ip) {
   EXPECT_EQ(answers("network none\n" + facts), "ok\n1\n\nN/A\n") << "host-fed";
   EXPECT_EQ(answers("network system\n" + facts + "fact networkIPAddress\n"),
             "ok\n2\n10.200.0.1\nWifi\n10.200.0.1\n");
-  test::runIp(ip, "route del default");
+  net.ip("route del default");
   EXPECT_EQ(answers("network system\n" + facts), "ok\n1\n\nN/A\n") << "no default route";
   EXPECT_EQ(answers("network cellular address=198.51.100.7\n" + facts), "ok\n3\n\nWWAN\n");
   EXPECT_EQ(answers("network wifi address=192.0.2.7\n" + facts), "ok\n2\n192.0.2.7\nWifi\n");
@@ -197,7 +197,8 @@ void followsTheSystemsNetworkOnRequest(const std::string& ip) {
 }
 
 TEST(QVShellNetworkTest, NetworkSystemReadsTheMachinesNetworkAndOtherNetworksGoBack) {
-  test::inOwnNetworkNamespace(followsTheSystemsNetworkOnRequest);
+  test::QVNetworkNamespace::run(test::QVNetworkNamespace::Kind::kLinks,
+                                followsTheSystemsNetworkOnRequest);
 }
 
 TEST_F(QVShellTest, PlatformEventsReachTheCoresFacts) {

@@ -1,0 +1,272 @@
+#include "support/QVNetworkNamespace.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "support/QVCapability.h"
+#include "support/QVTempFolder.h"
+
+namespace qv::test {
+
+namespace {
+
+// The exit status of a child that found the machine unable to isolate.
+constexpr int kCannotIsolate = 77;
+constexpr const char* kDbusDaemon = "/usr/bin/dbus-daemon";
+constexpr const char* kAvahiDaemon = "/usr/sbin/avahi-daemon";
+constexpr const char* kSystemBusSocket = "/run/dbus/system_bus_socket";
+
+// A bus that lets anyone own any name and send anything: it exists only for
+// the daemon and the processes of one test.
+constexpr const char* kBusConfig = R"(<!DOCTYPE busconfig PUBLIC
+ "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=/run/dbus/system_bus_socket</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_type="method_return"/>
+    <allow send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="signal"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+  </policy>
+</busconfig>
+)";
+
+constexpr const char* kAvahiConfig = R"([server]
+host-name=qvmdnstest
+domain-name=local
+use-ipv4=yes
+use-ipv6=no
+allow-interfaces=qvmdns0,qvmdns1
+enable-dbus=yes
+[wide-area]
+enable-wide-area=no
+[publish]
+publish-hinfo=no
+publish-workstation=no
+[reflector]
+enable-reflector=no
+)";
+
+// The ip tool of iproute2; empty when it is not installed.
+std::string findIpTool() {
+  for (const char* path : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
+    if (::access(path, X_OK) == 0) return path;
+  }
+  return {};
+}
+
+bool runCommand(const std::string& command, std::string& error) {
+  if (std::system(command.c_str()) == 0) return true;
+  error = "failed: " + command;
+  return false;
+}
+
+// In a child of the namespace's process: dies with it.
+void dieWithParent(pid_t parent) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() != parent) ::_exit(127);
+}
+
+}  // namespace
+
+void QVNetworkNamespace::run(Kind kind, const std::function<void(QVNetworkNamespace&)>& body) {
+  const std::string ip = findIpTool();
+  QV_REQUIRE_CAPABILITY(!ip.empty(), "the ip tool (iproute2)");
+  if (kind == Kind::kMdns) {
+    const bool daemons = ::access(kDbusDaemon, X_OK) == 0 && ::access(kAvahiDaemon, X_OK) == 0;
+    QV_REQUIRE_CAPABILITY(daemons, "dbus-daemon and avahi-daemon");
+  }
+  QVTempFolder folder;
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0) << std::strerror(errno);
+  if (child == 0) {
+    ::alarm(150);  // a hang fails the test; what the child started dies with it
+    int status = 1;
+    {
+      QVNetworkNamespace network(folder.path(), ip);
+      std::string error;
+      if (!network.isolate(kind, error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        std::fflush(nullptr);
+        ::_exit(kCannotIsolate);
+      }
+      if (kind != Kind::kMdns || network.startDaemons(error)) {
+        body(network);
+        status = ::testing::Test::HasFailure() ? 1 : 0;
+      } else {
+        std::fprintf(stderr, "%s\n", error.c_str());
+      }
+    }
+    std::fflush(nullptr);
+    ::_exit(status);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  const bool isolated = !WIFEXITED(status) || WEXITSTATUS(status) != kCannotIsolate;
+  QV_REQUIRE_CAPABILITY(isolated, "network and mount namespaces (CAP_SYS_ADMIN)");
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+      << "the checks inside the namespace failed (see above); status " << status;
+}
+
+QVNetworkNamespace::QVNetworkNamespace(std::string folder, std::string ipTool)
+    : folder_(std::move(folder)), ip_(std::move(ipTool)) {}
+
+QVNetworkNamespace::~QVNetworkNamespace() {
+  // The last started first: clients, then the daemon, then the bus.
+  while (!started_.empty()) stop(started_.back(), SIGTERM, std::chrono::seconds(3));
+}
+
+bool QVNetworkNamespace::isolate(Kind kind, std::string& error) {
+  // Private mounts, so that what follows stays in this namespace.
+  if (::unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
+      ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    error = std::string("unshare or mount: ") + std::strerror(errno);
+    return false;
+  }
+  if (kind == Kind::kLinks) return true;
+  if (::mount("qvmdns", "/run", "tmpfs", 0, "mode=0755") != 0) {
+    error = std::string("mount /run: ") + std::strerror(errno);
+    return false;
+  }
+  ::mkdir("/run/dbus", 0755);
+  ::mkdir("/run/avahi-daemon", 0755);
+  // Static services of the host's Avahi would only add noise.
+  if (::access("/etc/avahi/services", F_OK) == 0) {
+    ::mount("qvmdns", "/etc/avahi/services", "tmpfs", MS_RDONLY, "mode=0755");
+  }
+  ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+  const std::string ip = ip_ + " ";
+  return runCommand(ip + "link set lo up", error) &&
+         runCommand(ip + "link add qvmdns0 type veth peer name qvmdns1", error) &&
+         runCommand(ip + "addr add 10.231.0.1/24 dev qvmdns0", error) &&
+         runCommand(ip + "addr add 10.231.0.2/24 dev qvmdns1", error) &&
+         runCommand(ip + "link set qvmdns0 multicast on up", error) &&
+         runCommand(ip + "link set qvmdns1 multicast on up", error);
+}
+
+bool QVNetworkNamespace::startDaemons(std::string& error) {
+  const std::string busConfig = folder_ + "/bus.conf";
+  const std::string avahiConfig = folder_ + "/avahi-daemon.conf";
+  std::ofstream(busConfig) << kBusConfig;
+  std::ofstream(avahiConfig) << kAvahiConfig;
+  spawn({kDbusDaemon, "--config-file=" + busConfig, "--nofork", "--nopidfile"},
+        folder_ + "/dbus.out", folder_ + "/dbus.err");
+  if (!waitFor([] { return ::access(kSystemBusSocket, F_OK) == 0; }, std::chrono::seconds(10))) {
+    error = "the D-Bus system bus did not start: " + readFile(folder_ + "/dbus.err");
+    return false;
+  }
+  spawn({kAvahiDaemon, "--no-drop-root", "--no-chroot", "--no-rlimits", "-f", avahiConfig},
+        folder_ + "/avahi.out", folder_ + "/avahi.err");
+  // Avahi serves clients once it has settled its host name.
+  const std::string log = folder_ + "/avahi.err";
+  if (!waitFor([&] { return readFile(log).find("Server startup complete") != std::string::npos; },
+               std::chrono::seconds(15))) {
+    error = "avahi-daemon did not start: " + readFile(log);
+    return false;
+  }
+  return true;
+}
+
+void QVNetworkNamespace::ip(const std::string& arguments) const {
+  const std::string command = ip_ + " " + arguments;
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+}
+
+void QVNetworkNamespace::addVethLink(const std::string& name, const std::string& peer,
+                                     const std::string& address) const {
+  ip("link add " + name + " type veth peer name " + peer);
+  ip("link set " + peer + " up");
+  ip("link set " + name + " up");
+  // An IPv6 address is usable at once, without duplicate detection.
+  const bool v6 = address.find(':') != std::string::npos;
+  ip("addr add " + address + " dev " + name + (v6 ? " nodad" : ""));
+}
+
+pid_t QVNetworkNamespace::spawn(const std::vector<std::string>& argv, const std::string& stdoutPath,
+                                const std::string& stderrPath) {
+  return fork([&] {
+    const int out = ::open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int err = ::open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out >= 0) ::dup2(out, STDOUT_FILENO);
+    if (err >= 0) ::dup2(err, STDERR_FILENO);
+    std::vector<char*> args;
+    for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    std::fprintf(stderr, "exec %s: %s\n", args[0], std::strerror(errno));
+    return 127;
+  });
+}
+
+pid_t QVNetworkNamespace::fork(const std::function<int()>& body) {
+  const pid_t parent = ::getpid();
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    dieWithParent(parent);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    const int status = body();
+    std::fflush(nullptr);
+    ::_exit(status);
+  }
+  if (child > 0) started_.push_back(child);
+  return child;
+}
+
+int QVNetworkNamespace::stop(pid_t pid, int signal, std::chrono::milliseconds patience) {
+  if (signal != 0) ::kill(pid, signal);
+  int status = -1;
+  if (!waitFor([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, patience)) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    status = -1;
+  }
+  started_.erase(std::remove(started_.begin(), started_.end(), pid), started_.end());
+  return status;
+}
+
+bool QVNetworkNamespace::waitFor(const std::function<bool()>& predicate,
+                                 std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+std::string QVNetworkNamespace::readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+}  // namespace qv::test
