@@ -20,9 +20,7 @@ using namespace std::chrono_literals;
 namespace qv {
 namespace {
 
-using test::addVethLink;
-using test::inOwnNetworkNamespace;
-const auto run = test::runIp;
+using test::QVNetworkNamespace;
 
 // Threads that read the gate over and over, as posting threads do.
 class GateReaders {
@@ -71,10 +69,10 @@ class GateReaders {
 // runs here: only the watcher thread can bring the gate's answer up to date.
 // Route changes only: the kernel reports them before ip returns, whereas a
 // link's carrier is settled later, on a schedule of its own.
-void gateFollowsEachRouteChange(const std::string& ip) {
-  run(ip, "link set lo up");
-  addVethLink(ip, "eth0", "eth0peer", "10.200.0.1/24");
-  run(ip, "addr add 2001:db8::1/64 dev eth0 nodad");
+void gateFollowsEachRouteChange(QVNetworkNamespace& net) {
+  net.ip("link set lo up");
+  net.addVethLink("eth0", "eth0peer", "10.200.0.1/24");
+  net.ip("addr add 2001:db8::1/64 dev eth0 nodad");
   const auto manager = QVNetworkManager::sharedInstance();
   ASSERT_TRUE(manager->startNetworkMonitoring());
   const auto monitor = manager->networkMonitor();
@@ -93,7 +91,7 @@ void gateFollowsEachRouteChange(const std::string& ip) {
     GateReaders readers([&] { return manager->isConnectedViaWifi(); }, 2);
     EXPECT_EQ(readers.nextReads(), std::vector<bool>(2, false)) << "no route yet";
     for (const auto& step : steps) {
-      run(ip, step.change);
+      net.ip(step.change);
       ASSERT_TRUE(monitor->awaitPublished(10s)) << step.change;
       EXPECT_EQ(readers.nextReads(), std::vector<bool>(2, step.wifi)) << step.change;
     }
@@ -103,7 +101,7 @@ void gateFollowsEachRouteChange(const std::string& ip) {
 }
 
 TEST(QVNetlinkRouteChangeTest, PostingThreadsSeeEachChangeOnceTheWatcherHandledIt) {
-  inOwnNetworkNamespace(gateFollowsEachRouteChange);
+  QVNetworkNamespace::run(QVNetworkNamespace::Kind::kLinks, gateFollowsEachRouteChange);
 }
 
 }  // namespace
