@@ -20,6 +20,7 @@
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVScreen.h"
 #include "qvcore/queue/QVQueueService.h"
+#include "support/QVFieldsMessage.h"
 #include "support/QVGzip.h"
 #include "support/QVTestHost.h"
 
@@ -150,6 +151,7 @@ TEST_F(QVCoreTest, BatteryLevelZeroSleepsOneWakesOtherLevelsDoNothing) {
   EXPECT_FALSE(QVQueueService::sharedInstance()->isEnabled());
   EXPECT_FALSE(QVConfigService::sharedInstance()->isEnabled());
   EXPECT_EQ(core_->classReferences()->size(), 2u) << "the registry is kept for waking";
+  EXPECT_FALSE(core_->postMessageForModuleName(test::messageWithOffset(1), "Second"));
   EXPECT_FALSE(core_->sleepSystem()) << "the refusal is the answer";
 
   core_->batteryLevelChanged(1);
