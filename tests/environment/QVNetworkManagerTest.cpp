@@ -147,6 +147,7 @@ TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehin
   // stop; nothing more is observed and no evaluation follows.
   source->setFailsToSchedule(true);
   EXPECT_FALSE(manager->startNetworkMonitoring());
+  EXPECT_EQ(QVNotificationCenter::defaultCenter().observationCount(manager.get()), 0u);
   source->setFailsToSchedule(false);
   EXPECT_FALSE(manager->startNetworkMonitoring());
   clock->advance(1s);
