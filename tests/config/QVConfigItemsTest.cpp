@@ -47,7 +47,7 @@ TEST_F(QVConfigItemsTest, ReadsLoadOnDemandNullIsAbsentAndUpdatesMergeWithoutSav
   EXPECT_FALSE(service_->updateConfigWithData(saving_, QVValue::array()));
 }
 
-TEST_F(QVConfigItemsTest, SetItemStoresStringsAndNumbersAndAnswersTheSave) {
+TEST_F(QVConfigItemsTest, SetItemStoresStringsAndNumbersAndAnswersTheModulesSave) {
   // The persisting lock is re-entrant: a save that sets another item nests.
   saving_->onSave = [this] {
     saving_->onSave = nullptr;
@@ -72,13 +72,11 @@ TEST_F(QVConfigItemsTest, SetItemStoresStringsAndNumbersAndAnswersTheSave) {
   EXPECT_FALSE(service_->saveCurrentConfigurableItemsForLifeCycleObject(replacement, saving_));
   EXPECT_EQ(service_->getConfig(saving_), replacement);
   EXPECT_EQ(saving_->saved, *replacement);
-}
 
-TEST_F(QVConfigItemsTest, ModuleThatCannotSaveKeepsTheValueButAnswersFalse) {
+  // A module that cannot save keeps the value but answers false.
   auto plain = std::make_shared<test::QVTestModule>("PlainItems", folder_.at("S.bundle"));
   EXPECT_FALSE(set("A", QVValue(5), plain));
   EXPECT_EQ(item("A", plain), QVValue(5));
-  auto replacement = std::make_shared<QVValue>(QVValue{{"Only", 1}});
   EXPECT_FALSE(service_->saveCurrentConfigurableItemsForLifeCycleObject(replacement, plain));
   EXPECT_EQ(item("A", plain), QVValue(5));
   service_->unloadConfig(plain);

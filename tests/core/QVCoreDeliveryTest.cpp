@@ -7,6 +7,7 @@
 #include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVFakeClock.h"
 #include "qvcore/platform/QVRunLoop.h"
+#include "support/QVGzip.h"
 #include "support/QVQueueServiceTestSupport.h"
 #include "support/QVTestHost.h"
 #include "support/QVTestHttpServer.h"
@@ -98,6 +99,30 @@ TEST_F(QVCoreDeliveryTest, ItemsWrittenAsTextAreReadAsThePlatformReadsText) {
   EXPECT_EQ(request.method, "GET");
   EXPECT_EQ(request.path(), "/text");
   EXPECT_NE(request.query().find("offset=7"), std::string::npos) << request.target;
+}
+
+// On the wire a JSON queue goes gzip-encoded exactly when that form is the
+// shorter; which one is shorter is worked out here with zlib itself.
+TEST_F(QVCoreDeliveryTest, TheBodySentIsTheShorterFormOfThePayload) {
+  host_.writeCoreConfig({{"PostMessageLevelWiFi", 5}, {"CompressPostMessage", true}});
+  host_.defineModule("Zipper", {{"PostMessageUrl", server_.url("/zip")}});
+  auto core = QVCore::sharedInstance();
+  ASSERT_TRUE(core->enable());
+  ASSERT_TRUE(core->enableModule("Zipper"));
+  for (uint64_t count : {1, 300}) {
+    for (uint64_t k = 1; k <= count; ++k) {
+      ASSERT_TRUE(core->postMessageForModuleName(test::messageWithOffset(k), "Zipper"));
+    }
+    core->flushQueues();
+    ASSERT_TRUE(server_.waitForRequests(count == 1 ? 1 : 2));
+    const auto sent = server_.requests().back();
+    const bool gzipped = sent.header("Content-Encoding") == "gzip";
+    const std::string payload = gzipped ? test::gunzip(sent.body).value_or("") : sent.body;
+    EXPECT_EQ(test::offsetsIn(payload).size(), count);
+    EXPECT_EQ(gzipped, test::gzip(payload).size() < payload.size()) << count;
+    EXPECT_EQ(sent.body.size(), std::min(test::gzip(payload).size(), payload.size())) << count;
+    EXPECT_EQ(sent.header("Content-Length"), std::to_string(sent.body.size()));
+  }
 }
 
 class QVCoreCycleTest : public QVCoreDeliveryTest, public ::testing::WithParamInterface<Cycle> {};

@@ -26,12 +26,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A message its module cannot describe.
-class BrokenMessage : public QVMessage {
- public:
-  QVValue jsonDictionary() const override { throw std::runtime_error("no description"); }
-};
-
 class QVDeliveryLedgerTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -98,9 +92,9 @@ TEST_F(QVDeliveryLedgerTest, EveryWayAMessageLeavesIsCountedAndTheLedgerBalances
   // URL-encoded module loses the broken message alone, and a message with
   // NaN can never be a query.
   ASSERT_TRUE(post("Json", plain(), 10, "A"));
-  ASSERT_TRUE(post("Json", std::make_shared<BrokenMessage>(), 11, "B"));
+  ASSERT_TRUE(post("Json", std::make_shared<test::QVFailingMessage>(), 11, "B"));
   ASSERT_TRUE(post("Json", plain(), 12, "B"));
-  ASSERT_TRUE(post("Query", std::make_shared<BrokenMessage>(), 13));
+  ASSERT_TRUE(post("Query", std::make_shared<test::QVFailingMessage>(), 13));
   ASSERT_TRUE(post("Query",
                    std::make_shared<test::QVFieldsMessage>(
                        QVValue{{"ratio", std::numeric_limits<double>::quiet_NaN()}}),

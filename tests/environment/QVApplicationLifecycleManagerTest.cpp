@@ -8,29 +8,25 @@
 #include <set>
 #include <thread>
 
-#include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVAppTerminationObserver.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
-#include "qvcore/model/QVMessage.h"
 #include "qvcore/model/QVQueue.h"
-#include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVFakeClock.h"
-#include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVHostReachabilitySource.h"
 #include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
 #include "qvcore/queue/QVQueueService.h"
-#include "support/QVFakeHttpSession.h"
-#include "support/QVTempFolder.h"
-#include "support/QVTestModule.h"
+#include "support/QVQueueServiceTestSupport.h"
 
 namespace qv {
 namespace {
 
 using namespace std::chrono_literals;
 using Event = QVApplication::LifecycleEvent;
+using test::Offsets;
+using test::offsetsIn;
 
 class QVTerminatingModule : public test::QVTestModule, public QVAppTerminationObserver {
  public:
@@ -39,43 +35,25 @@ class QVTerminatingModule : public test::QVTestModule, public QVAppTerminationOb
   std::atomic<int> terminations{0};
 };
 
-class QVApplicationLifecycleManagerTest : public ::testing::Test {
+class QVApplicationLifecycleManagerTest : public test::QVQueueServiceTestBase {
  protected:
   void SetUp() override {
-    QVHttpSession::setShared(session);
-    QVFileSystem::setHomeDirectory(folder.at("home"));
+    QVQueueServiceTestBase::SetUp();
     QVRunLoop::main().setClock(clock);
     QVLog::setSink([this](const std::string& line) { logged.push_back(line); });
   }
   void TearDown() override {
-    service->disable();
     QVLog::setSink(nullptr);
     QVRunLoop::main().setClock(nullptr);
-    QVHttpSession::setShared(nullptr);
+    QVQueueServiceTestBase::TearDown();
   }
 
-  // The core's items (bodies left plain) and the modules' URLs.
+  // The core's items, bodies left plain.
   void setCoreItems(QVValue items) {
     items["CompressPostMessage"] = false;
-    configurations["QVCore"] = std::make_shared<QVValue>(std::move(items));
-    QVConfigService::sharedInstance()->setConfigurations(configurations);
+    setItems("QVCore", items);
   }
-  template <typename Module = test::QVTestModule>
-  std::shared_ptr<Module> defineModule(const std::string& name) {
-    auto module = std::make_shared<Module>(name, "");
-    QVClassRegistry::shared().registerClass(name, [module] { return module; });
-    configurations[name] = std::make_shared<QVValue>(QVValue{{"PostMessageUrl", "http://c/"}});
-    QVConfigService::sharedInstance()->setConfigurations(configurations);
-    return module;
-  }
-  void post(const std::shared_ptr<QVLifecycleObject>& module, uint64_t offset) {
-    auto message = std::make_shared<QVMessage>();
-    message->setOffset(offset);
-    EXPECT_TRUE(service->postMessageForModuleWithSessionID(message, module, std::nullopt));
-  }
-  QVValue sentOffset(size_t post) const {
-    return QVValue::parse(*session->task(post).body)["sessions"][0]["messages"][0]["offset"];
-  }
+  Offsets sent(size_t post) const { return offsetsIn(body(post)); }
   void deliver(Event event) {
     app.postLifecycleEvent(event);
     QVRunLoop::main().runUntilIdle();
@@ -87,10 +65,6 @@ class QVApplicationLifecycleManagerTest : public ::testing::Test {
   }
 
   QVApplication& app = QVApplication::sharedApplication();
-  std::shared_ptr<QVQueueService> service = QVQueueService::sharedInstance();
-  std::shared_ptr<test::QVFakeHttpSession> session = std::make_shared<test::QVFakeHttpSession>();
-  test::QVTempFolder folder;
-  QVConfigService::Configurations configurations;
   std::shared_ptr<QVFakeClock> clock = std::make_shared<QVFakeClock>();
   std::shared_ptr<QVApplicationLifecycleManager> manager = QVApplicationLifecycleManager::init();
   std::vector<std::string> logged;  // written on the main thread only
@@ -159,7 +133,7 @@ TEST_F(QVApplicationLifecycleManagerTest, BackgroundQueuesAreSentWhenTheGrantedT
   EXPECT_EQ(logged, std::vector<std::string>{"Background Time:12.500000"});
   EXPECT_EQ(module->terminations, 1);
   ASSERT_EQ(session->taskCount(), 1u);
-  EXPECT_EQ(sentOffset(0), 7);
+  EXPECT_EQ(sent(0), Offsets{7});
   EXPECT_FALSE(manager->isBackgroundPostingRunning());
   EXPECT_TRUE(app.backgroundTaskNames().empty()) << "the task was ended";
 
@@ -198,7 +172,7 @@ TEST_F(QVApplicationLifecycleManagerTest, ReturningFlushesAtOnceAndBecomingActiv
   EXPECT_EQ(session->taskCount(), 1u) << "not before a second has passed";
   advance(1ms);
   ASSERT_EQ(session->taskCount(), 2u);
-  EXPECT_EQ(sentOffset(1), 2);
+  EXPECT_EQ(sent(1), Offsets{2});
   session->completeWithStatus(1, 200);
   post(module, 3);
   advance(1h);

@@ -61,17 +61,6 @@ TEST_F(QVReachabilityTest, StatusFollowsTheFlagRulesForBothTargets) {
   EXPECT_FALSE(internet->connectionRequired());
 }
 
-TEST_F(QVReachabilityTest, ConstructorsAnswerNullWhenNoTargetCanBeMade) {
-  sockaddr_un local{};
-  local.sun_family = AF_UNIX;
-  EXPECT_FALSE(QVReachability::reachabilityWithAddress(reinterpret_cast<sockaddr*>(&local)));
-  EXPECT_TRUE(QVReachability::reachabilityWithHostName("example.org"));
-  source->setFailsToCreateTargets(true);
-  EXPECT_FALSE(QVReachability::reachabilityWithHostName("example.org"));
-  EXPECT_FALSE(QVReachability::reachabilityForInternetConnection());
-  EXPECT_FALSE(QVReachability::reachabilityForLocalWiFi());
-}
-
 TEST_F(QVReachabilityTest, StartedNotifierPostsEachChangeWithItselfAsSenderUntilStopped) {
   auto reachability = QVReachability::reachabilityForInternetConnection();
   ASSERT_TRUE(reachability->startNotifier());
@@ -100,13 +89,21 @@ TEST_F(QVReachabilityTest, NotifierDoesNotKeepItsObjectAliveAndTeardownStopsIt) 
   EXPECT_TRUE(senders.empty());
 }
 
-TEST_F(QVReachabilityTest, StartNotifierFailsWhenTheTargetCannotBeScheduled) {
+TEST_F(QVReachabilityTest, NothingIsMadeOrStartedWhenTheSourceCannot) {
+  sockaddr_un local{};
+  local.sun_family = AF_UNIX;
+  EXPECT_FALSE(QVReachability::reachabilityWithAddress(reinterpret_cast<sockaddr*>(&local)));
+  EXPECT_TRUE(QVReachability::reachabilityWithHostName("example.org"));
   auto reachability = QVReachability::reachabilityForInternetConnection();
   source->setFailsToSchedule(true);
   EXPECT_FALSE(reachability->startNotifier());
   source->setFlags(0x2);
   QVRunLoop::main().runUntilIdle();
   EXPECT_TRUE(senders.empty());
+  source->setFailsToCreateTargets(true);
+  EXPECT_FALSE(QVReachability::reachabilityWithHostName("example.org"));
+  EXPECT_FALSE(QVReachability::reachabilityForInternetConnection());
+  EXPECT_FALSE(QVReachability::reachabilityForLocalWiFi());
 }
 
 }  // namespace

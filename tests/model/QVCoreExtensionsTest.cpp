@@ -15,14 +15,12 @@ QVValue dict(std::initializer_list<std::pair<const char*, QVValue>> entries) {
   return d;
 }
 
-TEST(QVCoreExtensionsTest, ToJsonIsCompactInDictionaryOrder) {
+TEST(QVCoreExtensionsTest, ToJsonIsCompactInDictionaryOrderWithSlashesPlain) {
   EXPECT_EQ(X::toJson(QVValue::object()), "{}");
   EXPECT_EQ(X::toJson(dict({{"z", 1}, {"a", QVValue::array({true, nullptr, 1.5})}})),
             R"({"z":1,"a":[true,null,1.5]})");
   EXPECT_EQ(X::toJson(dict({{"u", "\xC3\xA9"}})), "{\"u\":\"\xC3\xA9\"}");
-}
-
-TEST(QVCoreExtensionsTest, ToJsonWritesSlashesPlainAndKeepsBackslashes) {
+  // Slashes plain, backslashes kept.
   EXPECT_EQ(X::toJson(dict({{"p", "a/b"}})), R"({"p":"a/b"})");
   const std::string tricky = "a\\/b";  // a backslash, then a slash
   const std::string text = X::toJson(dict({{"p", tricky}}));
@@ -73,7 +71,7 @@ TEST(QVCoreExtensionsTest, UrlEncodedStringEscapesStrings) {
 // Numbers as toJson() writes them (without a "+" a form reader would take
 // for a space); nested values and null as their JSON text, escaped as
 // strings are, so that the URL stays one that a request can be made from.
-TEST(QVCoreExtensionsTest, UrlEncodedStringWritesOtherValuesAsText) {
+TEST(QVCoreExtensionsTest, UrlEncodedStringWritesOtherValuesAsTextAndNothingForNoPairs) {
   QVValue d = dict({{"n", 5},
                     {"neg", -3},
                     {"big", std::numeric_limits<uint64_t>::max()},
@@ -91,9 +89,6 @@ TEST(QVCoreExtensionsTest, UrlEncodedStringWritesOtherValuesAsText) {
             "n=5&neg=-3&big=18446744073709551615&f=1.5&w=2&z=0&e=1e300&nan=nan&t=1&no=0"
             "&null=null&list=%5B1,%22a%2Fb%2B%22,2,1e%2B300%5D&obj=%7B%22k%22:%22v%26w%22%7D");
   EXPECT_EQ(X::urlEncodedString(dict({{"ul", QVValue::array({"a/b"})}})), "ul=%5B%22a/b%22%5D");
-}
-
-TEST(QVCoreExtensionsTest, UrlEncodedStringIsEmptyForNoPairs) {
   EXPECT_EQ(X::urlEncodedString(QVValue::object()), "");
   EXPECT_EQ(X::urlEncodedString(QVValue::array({1, 2})), "");
   EXPECT_EQ(X::urlEncodedString(QVValue("a=b")), "");

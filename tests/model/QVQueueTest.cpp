@@ -8,16 +8,13 @@
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVQueue.h"
+#include "support/QVFieldsMessage.h"
 #include "support/QVTestModule.h"
 
 namespace qv {
 namespace {
 
-std::shared_ptr<QVMessage> messageAt(uint64_t offset) {
-  auto message = std::make_shared<QVMessage>();
-  message->setOffset(offset);
-  return message;
-}
+using test::messageWithOffset;
 
 // Offsets of the payload by session identifier, sessions in payload order.
 std::vector<std::pair<std::string, std::vector<uint64_t>>> contents(const std::string& json) {
@@ -41,7 +38,7 @@ TEST(QVQueueTest, PayloadTopLevelAndSerialNumbers) {
   EXPECT_EQ(payload["sessions"], QVValue::array());
 
   // No identifier: the core's session, the queue's first current one.
-  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(1), std::nullopt));
+  ASSERT_TRUE(queue->postMessageToSessionID(messageWithOffset(1), std::nullopt));
   EXPECT_EQ(queue->sessionForID(QVCore::sharedInstance()->currentSessionID())->messageCount(), 1u);
   queue->flush();
   queue->flush();
@@ -55,12 +52,12 @@ TEST(QVQueueTest, SessionLookupRules) {
   auto queue = std::make_shared<QVQueue>();
   const std::string core = QVCore::sharedInstance()->currentSessionID();
   EXPECT_EQ(queue->currentSessionID(), core);
-  EXPECT_FALSE(queue->postMessageToSessionID(messageAt(0), ""));
+  EXPECT_FALSE(queue->postMessageToSessionID(messageWithOffset(0), ""));
   EXPECT_FALSE(queue->postMessageToSessionID(nullptr, "S1"));
   EXPECT_EQ(queue->sessionCount(), 0u);
   EXPECT_EQ(queue->currentSessionStartTime(), 0u);
 
-  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(1), "S1"));
+  ASSERT_TRUE(queue->postMessageToSessionID(messageWithOffset(1), "S1"));
   const uint64_t s1Start = queue->sessionForID("S1")->startTime();
   EXPECT_EQ(queue->currentSessionStartTime(), s1Start);
   // So that the two sessions' start times differ.
@@ -69,11 +66,11 @@ TEST(QVQueueTest, SessionLookupRules) {
   auto s2 = queue->sessionForID("S2");
   EXPECT_EQ(queue->currentSessionID(), "S1");
   EXPECT_EQ(queue->currentSessionStartTime(), s2->startTime());
-  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(2), "S1"));
-  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(3), std::nullopt));
+  ASSERT_TRUE(queue->postMessageToSessionID(messageWithOffset(2), "S1"));
+  ASSERT_TRUE(queue->postMessageToSessionID(messageWithOffset(3), std::nullopt));
   EXPECT_EQ(queue->currentSessionStartTime(), s2->startTime());
-  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(4), "S2"));
-  ASSERT_TRUE(queue->postMessageToSessionID(messageAt(5), std::nullopt));
+  ASSERT_TRUE(queue->postMessageToSessionID(messageWithOffset(4), "S2"));
+  ASSERT_TRUE(queue->postMessageToSessionID(messageWithOffset(5), std::nullopt));
   EXPECT_EQ(queue->sessionForID("S2"), s2);
   EXPECT_EQ(queue->currentSessionID(), "S2");
 
@@ -86,7 +83,7 @@ TEST(QVQueueTest, CachedTextIsSentUnchanged) {
       std::make_shared<test::QVTestModule>("CachedModule", "");
   const std::string text = R"({"messageVersion":"6.0.0.0","serialNumber":9,"sessions":[]})";
   auto queue = QVQueue::initWithJSONAndModule(text, module);
-  queue->postMessageToSessionID(messageAt(1), "S1");
+  queue->postMessageToSessionID(messageWithOffset(1), "S1");
   EXPECT_EQ(queue->toJson(), text);
   EXPECT_EQ(queue->module(), module);
   EXPECT_EQ(QVQueue::initWithQueue(queue)->module(), module);
@@ -96,7 +93,7 @@ TEST(QVQueueTest, CachedTextIsSentUnchanged) {
 
 TEST(QVQueueTest, SnapshotSharesSessionsAndFlushClosesOnlyWhatItTook) {
   auto live = QVQueue::initForModule(nullptr);
-  live->postMessageToSessionID(messageAt(1), "S1");
+  live->postMessageToSessionID(messageWithOffset(1), "S1");
   auto shared = live->sessionForID("S1");
   auto snapshot = QVQueue::initWithQueue(live);
   EXPECT_EQ(snapshot->sessionForID("S1"), shared);
@@ -104,15 +101,15 @@ TEST(QVQueueTest, SnapshotSharesSessionsAndFlushClosesOnlyWhatItTook) {
   EXPECT_EQ(snapshot->currentSessionID(), "S1");
 
   // Between the snapshot and the flush: into the shared session, and a new one.
-  live->postMessageToSessionID(messageAt(2), "S1");
-  live->postMessageToSessionID(messageAt(3), "S2");
+  live->postMessageToSessionID(messageWithOffset(2), "S1");
+  live->postMessageToSessionID(messageWithOffset(3), "S2");
   live->flush();
   EXPECT_EQ(live->serialNumber(), 2);
   EXPECT_EQ(snapshot->serialNumber(), 1);
   EXPECT_TRUE(shared->isClosed());
 
   // A post to S1 now opens a fresh session in the live queue.
-  ASSERT_TRUE(live->postMessageToSessionID(messageAt(4), "S1"));
+  ASSERT_TRUE(live->postMessageToSessionID(messageWithOffset(4), "S1"));
   using C = decltype(contents(""));
   EXPECT_EQ(contents(snapshot->toJson()), (C{{"S1", {1, 2}}}));
   EXPECT_EQ(contents(live->toJson()), (C{{"S2", {3}}, {"S1", {4}}}));
@@ -133,7 +130,8 @@ TEST(QVQueueTest, ConcurrentPostsAreSentExactlyOnce) {
         while (flushes < static_cast<int>(i / kPostsPerFlush)) std::this_thread::yield();
         const uint64_t offset = t * 1000000000ull + i;
         const auto id = i % 4 == 0 ? std::optional<std::string>() : "S" + std::to_string(i % 40);
-        if (live->postMessageToSessionID(messageAt(offset), id)) accepted[t].push_back(offset);
+        if (live->postMessageToSessionID(messageWithOffset(offset), id))
+          accepted[t].push_back(offset);
       }
       --running;
     });

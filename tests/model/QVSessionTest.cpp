@@ -14,26 +14,18 @@
 #include "qvcore/model/QVTestingListener.h"
 #include "qvcore/platform/QVDevice.h"
 #include "qvcore/platform/QVRunLoop.h"
+#include "support/QVFieldsMessage.h"
 
 namespace qv {
 namespace {
 
-std::shared_ptr<QVMessage> messageAt(uint64_t offset) {
-  auto message = std::make_shared<QVMessage>();
-  message->setOffset(offset);
-  return message;
-}
-
-class FailingMessage : public QVMessage {
- public:
-  QVValue jsonDictionary() const override { throw std::runtime_error("no JSON"); }
-};
+using test::messageWithOffset;
 
 TEST(QVSessionTest, PayloadEntryHasItsKeysTypesAndArrivalOrder) {
   const uint64_t before = QVCoreHelper::sharedInstance()->now();
   auto session = QVSession::initWithSessionID("S1");
-  ASSERT_TRUE(session->addMessage(messageAt(7)));
-  ASSERT_TRUE(session->addMessage(messageAt(3)));
+  ASSERT_TRUE(session->addMessage(messageWithOffset(7)));
+  ASSERT_TRUE(session->addMessage(messageWithOffset(3)));
 
   const QVValue dict = session->jsonDictionary();
   std::vector<std::string> keys;
@@ -63,19 +55,6 @@ TEST(QVSessionTest, PayloadEntryHasItsKeysTypesAndArrivalOrder) {
   EXPECT_EQ(bare["messages"], QVValue::array());
 }
 
-class ValueMessage : public QVMessage {
- public:
-  explicit ValueMessage(QVValue members) : members_(std::move(members)) {}
-  QVValue jsonDictionary() const override {
-    QVValue dict = QVMessage::jsonDictionary();
-    for (const auto& [key, value] : members_.items()) dict[key] = value;
-    return dict;
-  }
-
- private:
-  QVValue members_;
-};
-
 // The streamed text is the tree's JSON text, byte for byte, whatever the
 // members hold; what JSON cannot carry is written as null and text that is
 // not UTF-8 is mended, at any depth, so one bad value never costs the
@@ -97,8 +76,8 @@ TEST(QVSessionTest, TextIsTheTreesJsonWithBadValuesMended) {
       {"nested", {{"a", QVValue::array({1.5e300, "x\ny"})}, {"b", QVValue::object()}}},
       {"empty", ""}};
   auto session = QVSession::initWithSessionID("S\"1");
-  session->addMessage(std::make_shared<ValueMessage>(members));
-  session->addMessage(std::make_shared<ValueMessage>(QVValue::object()));
+  session->addMessage(std::make_shared<test::QVFieldsMessage>(members));
+  session->addMessage(std::make_shared<test::QVFieldsMessage>(QVValue::object()));
   std::string text;
   ASSERT_TRUE(session->appendJson(text));
   QVValue expected = session->jsonDictionary();
@@ -117,8 +96,8 @@ TEST(QVSessionTest, TextIsTheTreesJsonWithBadValuesMended) {
       {{{"bad \xFF", 1}}, {{"bad \xEF\xBF\xBD", 1}}}};
   for (const auto& [bad, written] : mended) {
     auto broken = QVSession::initWithSessionID("S\xFE");
-    broken->addMessage(std::make_shared<ValueMessage>(members));
-    broken->addMessage(std::make_shared<ValueMessage>(bad));
+    broken->addMessage(std::make_shared<test::QVFieldsMessage>(members));
+    broken->addMessage(std::make_shared<test::QVFieldsMessage>(bad));
     std::string out;
     ASSERT_TRUE(broken->appendJson(out));
     const QVValue read = QVValue::parse(out);
@@ -140,7 +119,7 @@ TEST(QVSessionTest, ClientEnvironmentIsReadWhenSerialised) {
 
 TEST(QVSessionTest, FailingMessageEndsTheEntryWithoutThrowing) {
   auto session = QVSession::initWithSessionID("S1");
-  session->addMessage(std::make_shared<FailingMessage>());
+  session->addMessage(std::make_shared<test::QVFailingMessage>());
   const QVValue dict = session->jsonDictionary();
   EXPECT_TRUE(dict.contains("clientEnvironment"));
   EXPECT_FALSE(dict.contains("messages"));
@@ -155,7 +134,7 @@ TEST(QVSessionTest, AddsRacingWithCloseAreEitherKeptOrRefused) {
   for (int t = 0; t < 4; ++t) {
     adders.emplace_back([&, t] {
       for (uint64_t i = 0; i < 2000; ++i) {
-        if (session->addMessage(messageAt(t * 10000 + i))) ++accepted;
+        if (session->addMessage(messageWithOffset(t * 10000 + i))) ++accepted;
       }
     });
   }
@@ -163,7 +142,7 @@ TEST(QVSessionTest, AddsRacingWithCloseAreEitherKeptOrRefused) {
   session->close();
   const QVValue closedForm = session->jsonSerializedMessages();
   for (auto& adder : adders) adder.join();
-  EXPECT_FALSE(session->addMessage(messageAt(1)));
+  EXPECT_FALSE(session->addMessage(messageWithOffset(1)));
   EXPECT_EQ(closedForm.size(), static_cast<size_t>(accepted.load()));
   EXPECT_EQ(session->jsonSerializedMessages(), closedForm);
 }
@@ -172,9 +151,9 @@ TEST(QVSessionTest, AcceptedMessagesReachTheTestLog) {
   setenv("QV_JSON_Logging", "1", 1);
   auto listener = QVTestingListener::create();
   auto session = QVSession::initWithSessionID("S1");
-  session->addMessage(messageAt(5));
+  session->addMessage(messageWithOffset(5));
   session->close();
-  session->addMessage(messageAt(6));
+  session->addMessage(messageWithOffset(6));
   QVRunLoop::main().runUntilIdle();
   EXPECT_EQ(listener->getJsonStackWithFlush(false),
             std::vector<QVValue>{QVValue::parse(R"({"offset":5})")});

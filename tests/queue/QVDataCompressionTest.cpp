@@ -49,13 +49,6 @@ class QVDataCompressionTest : public ::testing::Test {
   void TearDown() override { QVDataCompression::load(); }
 };
 
-// Each test runs in a process of its own, so this sees the start-up state.
-TEST(QVDataCompressionStartTest, PointersAreBoundToZlibBeforeAnyCompression) {
-  EXPECT_EQ(QVDataCompression::deflateInitQVDCFunctor, &deflateInit2_);
-  EXPECT_EQ(QVDataCompression::deflateQVDCFunctor, &deflate);
-  EXPECT_EQ(QVDataCompression::deflateEndQVDCFunctor, &deflateEnd);
-}
-
 TEST_F(QVDataCompressionTest, LargeRepetitiveJsonGrowsTheBufferAndInflatesBack) {
   std::string json = "[";
   for (unsigned i = 0; json.size() < 400 * 1024; ++i) {
@@ -70,12 +63,9 @@ TEST_F(QVDataCompressionTest, LargeRepetitiveJsonGrowsTheBufferAndInflatesBack) 
   EXPECT_EQ(output->substr(3, 5), std::string(5, '\0'));  // no file name, no time stamp
 
   // Default level, deflate, gzip framing with a 32 KiB window, memory level
-  // 8, default strategy, and zlib's stream size (112 bytes on 64 bits).
+  // 8, default strategy, and zlib's stream size.
   EXPECT_EQ(calls.initArguments, (std::vector{-1, 8, 31, 8, 0, int(sizeof(z_stream))}));
   EXPECT_EQ(calls.version, "1.2.11");
-  if constexpr (sizeof(void*) == 8) {
-    EXPECT_EQ(sizeof(z_stream), 112u);
-  }
   EXPECT_EQ(calls.end, 0);  // a finished stream is ended by zlib directly
 }
 

@@ -3,8 +3,6 @@
 #include "qvcore/queue/QVQueueService.h"
 
 #include <chrono>
-#include <set>
-#include <thread>
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
@@ -89,28 +87,30 @@ TEST_F(QVQueueServiceTest, UrlEncodedQueuesPostEachMessageInSessionThenMessageOr
   EXPECT_EQ(service->completedFlushCycles(), 1u);
 }
 
+// Which form is shorter is worked out here with zlib itself; the body sent
+// must be that form, and must decode to the body given.
 TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
-  auto compressed = [&](const std::string& text) {
-    auto request = std::make_shared<QVMutableURLRequest>("http://c.test/");
-    request->setValueForHTTPHeaderField(std::to_string(text.size()), "Content-Length");
-    request->setHTTPBody(text);
-    EXPECT_EQ(service->beforeFlushingRequestForQueue(request, nullptr), request);
-    return request;
-  };
-  std::string large;
+  std::string large, noise;
   for (int i = 0; i < 100; ++i) large += R"({"screen":"Checkout","n":)" + std::to_string(i) + "},";
-  EXPECT_EQ(*compressed(large)->HTTPBody(), large) << "off";
-
-  setItems("QVCore", {{"CompressPostMessage", true}});
-  auto request = compressed(large);
-  EXPECT_EQ(test::gunzip(*request->HTTPBody()), large);
-  EXPECT_EQ(request->valueForHTTPHeaderField("Content-Length"),
-            std::to_string(request->HTTPBody()->size()));
-  EXPECT_EQ(request->valueForHTTPHeaderField("Content-Encoding"), "gzip");
-  // Gzip's framing makes a tiny body longer: nothing changes, headers included.
-  request = compressed("{}");
-  EXPECT_EQ(*request->HTTPBody(), "{}");
-  EXPECT_EQ(request->allHTTPHeaderFields().size(), 1u);
+  for (unsigned i = 0; i < 1000; ++i) noise += static_cast<char>((i * 2654435761u) >> 13);
+  for (bool on : {false, true}) {
+    setItems("QVCore", {{"CompressPostMessage", on}});
+    for (const std::string& text : {large, std::string("{}"), std::string(60, 'a'), noise}) {
+      SCOPED_TRACE(::testing::Message() << "on " << on << ", " << text.size() << " bytes");
+      auto request = std::make_shared<QVMutableURLRequest>("http://c.test/");
+      request->setValueForHTTPHeaderField(std::to_string(text.size()), "Content-Length");
+      request->setHTTPBody(text);
+      EXPECT_EQ(service->beforeFlushingRequestForQueue(request, nullptr), request);
+      const std::string sent = *request->HTTPBody();
+      const bool gzipped = on && test::gzip(text).size() < text.size();
+      EXPECT_EQ(sent.size(), gzipped ? test::gzip(text).size() : text.size());
+      EXPECT_EQ(gzipped ? test::gunzip(sent) : sent, text);
+      EXPECT_EQ(request->valueForHTTPHeaderField("Content-Encoding"),
+                gzipped ? std::optional<std::string>("gzip") : std::nullopt);
+      EXPECT_EQ(request->valueForHTTPHeaderField("Content-Length"), std::to_string(sent.size()));
+      EXPECT_EQ(request->allHTTPHeaderFields().size(), gzipped ? 2u : 1u);
+    }
+  }
 }
 
 TEST_F(QVQueueServiceTest, TheTimerRunsOnlyForIntervalPostingAndFlushesOnTheEnablingLoop) {
@@ -173,45 +173,6 @@ TEST_F(QVQueueServiceTest, QueuesAreKeyedByClassNameAndOutliveDisable) {
   service->flushQueues();
   ASSERT_EQ(session->taskCount(), 1u);
   EXPECT_EQ(offsetsIn(body(0)), (Offsets{1, 2}));
-}
-
-TEST_F(QVQueueServiceTest, PostsRacingFlushesAndOutcomesAreEachSentExactlyOnce) {
-  auto module = defineModule("Alpha");
-  ASSERT_TRUE(service->enable());
-  std::atomic<bool> stop{false};
-  std::thread completer([&] {  // the HTTP callback thread
-    for (size_t next = 0; !stop;) {
-      if (next < session->taskCount()) {
-        session->completeWithStatus(next++, 200);
-      } else {
-        std::this_thread::sleep_for(1ms);
-      }
-    }
-  });
-  std::vector<std::thread> posters;
-  for (uint64_t t = 0; t < 4; ++t) {
-    posters.emplace_back([&, t] {
-      for (uint64_t k = 1; k <= 50; ++k) post(module, t * 50 + k, std::to_string(k % 3));
-    });
-  }
-  for (int i = 0; i < 20; ++i) service->asyncFlushQueues();
-  for (auto& poster : posters) poster.join();
-  service->asyncFlushQueues();
-  std::multiset<uint64_t> sent;
-  EXPECT_TRUE(QVRunLoop::main().runUntil(
-      [&] {
-        sent.clear();
-        for (size_t i = 0; i < session->taskCount(); ++i) {
-          for (uint64_t offset : offsetsIn(body(i))) sent.insert(offset);
-        }
-        return sent.size() >= 200 && service->cachedQueues().empty();
-      },
-      60s));
-  stop = true;
-  completer.join();
-  std::multiset<uint64_t> expected;
-  for (uint64_t offset = 1; offset <= 200; ++offset) expected.insert(offset);
-  EXPECT_EQ(sent, expected);
 }
 
 }  // namespace

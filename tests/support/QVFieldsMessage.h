@@ -1,11 +1,19 @@
 #pragma once
 
+#include <memory>
+#include <stdexcept>
 #include <utility>
 
 #include "qvcore/model/QVMessage.h"
 #include "qvcore/platform/QVValue.h"
 
 namespace qv::test {
+
+inline std::shared_ptr<QVMessage> messageWithOffset(uint64_t offset) {
+  auto message = std::make_shared<QVMessage>();
+  message->setOffset(offset);
+  return message;
+}
 
 // A module's message: the base message's JSON plus fields of the test's own.
 class QVFieldsMessage : public QVMessage {
@@ -19,6 +27,12 @@ class QVFieldsMessage : public QVMessage {
 
  private:
   QVValue fields_;
+};
+
+// A message its module cannot describe.
+class QVFailingMessage : public QVMessage {
+ public:
+  QVValue jsonDictionary() const override { throw std::runtime_error("no description"); }
 };
 
 }  // namespace qv::test

@@ -17,18 +17,13 @@
 #include "qvcore/platform/QVHttpSession.h"
 #include "qvcore/queue/QVQueueService.h"
 #include "support/QVFakeHttpSession.h"
+#include "support/QVFieldsMessage.h"
 #include "support/QVTempFolder.h"
 #include "support/QVTestModule.h"
 
 namespace qv::test {
 
 using Offsets = std::vector<uint64_t>;
-
-inline std::shared_ptr<QVMessage> messageWithOffset(uint64_t offset) {
-  auto message = std::make_shared<QVMessage>();
-  message->setOffset(offset);
-  return message;
-}
 
 // The offsets of a queue payload's messages, session by session.
 inline Offsets offsetsIn(const std::string& payload) {
