@@ -63,7 +63,11 @@ std::shared_ptr<QVEnvironmentalSerivce> QVEnvironmentalSerivce::sharedInstance()
   // Never destroyed: the core and the crash hook may reach it at exit.
   static auto* instance = [] {
     auto* service = new std::shared_ptr<QVEnvironmentalSerivce>(new QVEnvironmentalSerivce);
-    (*service)->init();
+    // The orientation manager holds the service weakly, so it is made once
+    // the service is owned by its shared pointer.
+    (*service)->impl_->orientationManager = QVOrientationManager::initWithDelegate(
+        std::weak_ptr<QVOrientationManagerDelegate>(*service));
+    (*service)->impl_->networkManager = QVNetworkManager::sharedInstance();
     return service;
   }();
   return *instance;
@@ -73,26 +77,7 @@ QVEnvironmentalSerivce::QVEnvironmentalSerivce() : impl_(std::make_unique<Impl>(
 
 QVEnvironmentalSerivce::~QVEnvironmentalSerivce() { removeAsDeviceIDObserver(); }
 
-// The orientation manager holds the service weakly, so it is made once the
-// service is owned by its shared pointer.
-void QVEnvironmentalSerivce::init() {
-  impl_->orientationManager = QVOrientationManager::initWithDelegate(
-      std::weak_ptr<QVOrientationManagerDelegate>(shared_from_this()));
-  impl_->networkManager = QVNetworkManager::sharedInstance();
-}
-
-// Enabling again, from either state, rebuilds the monitoring rather than
-// adding to it: the two functions below say why.
-bool QVEnvironmentalSerivce::enable() {
-  QVNotificationCenter::defaultCenter().removeObserver(this);
-  bool enabled = restartMonitoringNetworkStatus();
-  if (enabled) enabled = startMonitoringOrientationChanges();
-  if (enabled) enabled = restartMonitoringApplicationChanges();
-  impl_->enabled = enabled;
-  impl_->sleepModeActive = false;
-  if (enabled) addAsDeviceIDObserver();
-  return enabled;
-}
+namespace {
 
 // The network manager refuses a second start while it holds a monitor, and
 // it may still hold one here: after an earlier enable, after the core slept
@@ -100,17 +85,32 @@ bool QVEnvironmentalSerivce::enable() {
 // due a second after a start, ran after a stop and made one. A refused start
 // would leave the core unable to enable again, so the monitor is stopped and
 // started afresh.
-bool QVEnvironmentalSerivce::restartMonitoringNetworkStatus() {
-  stopMonitoringNetworkStatus();
-  return startMonitoringNetworkStatus();
+bool restartMonitoringNetworkStatus(QVEnvironmentalSerivce& service) {
+  service.stopMonitoringNetworkStatus();
+  return service.startMonitoringNetworkStatus();
 }
 
 // Each start adds the lifecycle observations again; after two enables every
 // event would flush twice and termination would save every queue twice, so
 // its messages would be sent twice at the next start.
-bool QVEnvironmentalSerivce::restartMonitoringApplicationChanges() {
-  stopMonitoringApplicationChanges();
-  return startMonitoringApplicationChanges();
+bool restartMonitoringApplicationChanges(QVEnvironmentalSerivce& service) {
+  service.stopMonitoringApplicationChanges();
+  return service.startMonitoringApplicationChanges();
+}
+
+}  // namespace
+
+// Enabling again, from either state, rebuilds the monitoring rather than
+// adding to it: the two functions above say why.
+bool QVEnvironmentalSerivce::enable() {
+  QVNotificationCenter::defaultCenter().removeObserver(this);
+  bool enabled = restartMonitoringNetworkStatus(*this);
+  if (enabled) enabled = startMonitoringOrientationChanges();
+  if (enabled) enabled = restartMonitoringApplicationChanges(*this);
+  impl_->enabled = enabled;
+  impl_->sleepModeActive = false;
+  if (enabled) addAsDeviceIDObserver();
+  return enabled;
 }
 
 bool QVEnvironmentalSerivce::isEnabled() const { return impl_->enabled.load(); }

@@ -126,9 +126,6 @@ class QV_EXPORT QVEnvironmentalSerivce
 
  private:
   QVEnvironmentalSerivce();
-  void init();
-  bool restartMonitoringNetworkStatus();
-  bool restartMonitoringApplicationChanges();
 
   // Private state lives behind the pointer, so that it can change without
   // changing this class's layout.
