@@ -94,6 +94,4 @@ std::shared_ptr<const std::string> QVCore::compressData(
   return QVDataCompression::compressData(data);
 }
 
-bool QVCore::isConnectedViaWifi() const { return environment()->isConnectedViaWifi(); }
-
 }  // namespace qv

@@ -3,17 +3,19 @@
 #include <algorithm>
 #include <atomic>
 #include <exception>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "core/QVDeliveryLedger.h"
+#include "core/QVModuleRegistry.h"
+#include "core/QVPostingGate.h"
 #include "core/QVTerminationHooks.h"
 #include "platform/host/QVSwallowed.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
-#include "qvcore/environment/QVNetworkManager.h"
 #include "qvcore/model/QVMessage.h"
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVClassRegistry.h"
@@ -28,69 +30,13 @@ namespace {
 const char* const kNetworkChangeNotification =
     "kQVEnvironmentalServiceDidPostNetworkChangeNotification";
 
-// The services are never destroyed, so the posting path keeps one reference
-// to each instead of copying a shared pointer (two atomic operations on a
-// count that every posting thread shares) several times per message.
-const std::shared_ptr<QVConfigService>& configService() {
-  static const auto* service =
-      new std::shared_ptr<QVConfigService>(QVConfigService::sharedInstance());
-  return *service;
-}
-
+// The queue service is never destroyed, so the posting path keeps one
+// reference to it instead of copying a shared pointer (two atomic operations
+// on a count that every posting thread shares) on every post.
 const std::shared_ptr<QVQueueService>& queueService() {
   static const auto* service =
       new std::shared_ptr<QVQueueService>(QVQueueService::sharedInstance());
   return *service;
-}
-
-// The core as the module whose configuration holds the posting levels.
-const std::shared_ptr<QVLifecycleObject>& coreModule() {
-  static const auto* core = new std::shared_ptr<QVLifecycleObject>(QVCore::sharedInstance());
-  return *core;
-}
-
-// The environmental service answers Wi-Fi from this manager, which it never
-// replaces; the gate asks it directly.
-const QVNetworkManager& networkManager() {
-  static const auto* manager =
-      new std::shared_ptr<QVNetworkManager>(QVNetworkManager::sharedInstance());
-  return **manager;
-}
-
-// The gate's limit for one network: the raw item, not the defaulted
-// accessor, so that a missing limit is 0 and lets nothing pass (a level is
-// never below 1); an item that cannot be read lets nothing pass either.
-int64_t postingLimit(const char* key) {
-  try {
-    const auto item = configService()->getConfigItemForLifecycleObject(key, coreModule());
-    return item ? QVValues::integerValue(*item) : 0;
-  } catch (const std::exception& e) {
-    noteSwallowed(__func__, e);
-    return 0;
-  }
-}
-
-struct PostingLimits {
-  uint64_t generation = 0;  // of the configuration service; it starts at 1
-  int64_t wifi = 0;
-  int64_t cellular = 0;
-};
-
-// Each thread keeps the two limits it read last, as long as the
-// configuration service reports no change: reading them costs two locks, a
-// map lookup and a copy of each item. A configuration that is not stored is
-// not kept, so that every post tries to load it again, as a read would.
-const PostingLimits& postingLimits() {
-  thread_local PostingLimits limits;
-  const uint64_t now = configService()->generation();
-  if (limits.generation == now) return limits;
-  limits = {0, postingLimit(QVConfigKeys::kPostMessageLevelWiFi),
-            postingLimit(QVConfigKeys::kPostMessageLevelCellular)};
-  if (configService()->isConfigStored(coreModule()->className()) &&
-      configService()->generation() == now) {
-    limits.generation = now;
-  }
-  return limits;
 }
 
 // A core that will not start leaves a host with nothing but false; one line
@@ -117,7 +63,51 @@ std::string coreSettingsProblem() {
   }
   return path + " holds no readable QVCoreBasicConfig.plist or QVCoreAdvancedConfig.json";
 }
+
+// Each service starts only when the one before it started.
+bool startCoreServices() {
+  auto config = QVConfigService::sharedInstance();
+  if (!config->enable()) return enableFailed("the configuration service did not start");
+  if (!config->loadConfig(QVCore::sharedInstance())) return enableFailed(coreSettingsProblem());
+  if (!QVEnvironmentalSerivce::sharedInstance()->enable()) {
+    return enableFailed("the environmental service did not start");
+  }
+  if (!QVQueueService::sharedInstance()->enable()) {
+    return enableFailed("the queue service did not start");
+  }
+  return true;
+}
+
+// The posting path, refusals uncounted.
+bool admitMessage(const QVCore& core, const QVModuleRegistry& registry,
+                  std::shared_ptr<QVMessage> message, const std::string& name,
+                  const std::optional<std::string>& sessionID) {
+  if (!message || !QVPostingGate::admits(message.get())) return false;
+  // A registered module is used by reference: no count shared with other
+  // posting threads changes. The queue service copies it before anything
+  // that could read the registry again.
+  if (const auto* registered = registry.findOfThread(name)) {
+    if (!(*registered)->isEnabled()) return false;
+    return queueService()->postMessageForModuleWithSessionID(std::move(message), *registered,
+                                                             sessionID);
+  }
+  auto module = core.lifecycleObjectForName(name);
+  if (!module || !module->isEnabled()) return false;
+  return queueService()->postMessageForModuleWithSessionID(std::move(message), module, sessionID);
+}
 }  // namespace
+
+struct QVCore::Impl {
+  std::atomic<bool> enabled{false};
+  std::atomic<int32_t> currentLoggingLevel{0};
+  QVModuleRegistry registry;
+
+  std::mutex sessionMutex;
+  std::optional<std::string> currentSessionID;  // guarded by sessionMutex
+
+  mutable std::mutex tempConfigMutex;
+  QVValue tempConfigDict = QVValue::object();  // guarded by tempConfigMutex
+};
 
 QV_REGISTER_MODULE(QVCore);
 
@@ -128,45 +118,32 @@ std::shared_ptr<QVCore> QVCore::sharedInstance() {
   return *instance;
 }
 
-QVCore::QVCore() = default;
+QVCore::QVCore() : impl_(std::make_unique<Impl>()) {}
 QVCore::~QVCore() = default;
 
+bool QVCore::isEnabled() const { return impl_->enabled.load(); }
+
+int32_t QVCore::currentLoggingLevel() const { return impl_->currentLoggingLevel.load(); }
+
 bool QVCore::enable() {
-  publishRegistry(std::make_shared<const ModuleRegistry>());
-  enabled_ = startCoreServices();
-  observeNetworkChanges();
-  setUncaughtExceptionHandler();
-  return enabled_;
-}
-
-// Each service starts only when the one before it started.
-bool QVCore::startCoreServices() {
-  auto config = QVConfigService::sharedInstance();
-  if (!config->enable()) return enableFailed("the configuration service did not start");
-  if (!config->loadConfig(sharedInstance())) return enableFailed(coreSettingsProblem());
-  if (!QVEnvironmentalSerivce::sharedInstance()->enable()) {
-    return enableFailed("the environmental service did not start");
-  }
-  if (!QVQueueService::sharedInstance()->enable()) {
-    return enableFailed("the queue service did not start");
-  }
-  return true;
-}
-
-void QVCore::observeNetworkChanges() {
+  impl_->registry.reset(std::make_shared<const ModuleRegistry>());
+  const bool enabled = startCoreServices();
+  impl_->enabled = enabled;
   // Registered again on every enable and never removed, so repeated enables
   // deliver the change once per registration.
   QVNotificationCenter::defaultCenter().addObserver(
       this, kNetworkChangeNotification, nullptr,
       [this](const QVNotification& n) { networkConnectivityHasChanged(n); });
+  setUncaughtExceptionHandler();
+  return enabled;
 }
 
 bool QVCore::disable() {
   const bool slept = sleepSystem();
   const bool environmentStopped = QVEnvironmentalSerivce::sharedInstance()->disable();
   const bool stopped = slept && environmentStopped;
-  if (stopped) publishRegistry(nullptr);
-  enabled_ = !stopped;
+  if (stopped) impl_->registry.reset(nullptr);
+  impl_->enabled = !stopped;
   return stopped;
 }
 
@@ -209,7 +186,7 @@ bool QVCore::startModule(const std::string& name) {
   if (!module->isEnabled() && !module->enable()) return false;
   // A module without configuration is started but deliberately left out of
   // the registry: it is then not reached by sleep, wake or the crash hook.
-  if (QVConfigService::sharedInstance()->loadConfig(module)) registerModule(name, module);
+  if (QVConfigService::sharedInstance()->loadConfig(module)) impl_->registry.add(name, module);
   return true;
 }
 
@@ -219,74 +196,8 @@ bool QVCore::disableModule(const std::string& name) {
   return true;
 }
 
-void QVCore::publishRegistry(std::shared_ptr<const ModuleRegistry> registry) {
-  {
-    std::lock_guard lock(registryMutex_);
-    registry.swap(classReferences_);
-    registryGeneration_.fetch_add(1, std::memory_order_release);
-  }
-  // The registry replaced goes here, outside the lock: it may hold the last
-  // reference to a module.
-}
-
-void QVCore::registerModule(const std::string& name, std::shared_ptr<QVLifecycleObject> module) {
-  std::shared_ptr<const ModuleRegistry> replaced;
-  std::lock_guard lock(registryMutex_);
-  // Before the first enable and after a full disable there is no registry,
-  // and a started module is not recorded anywhere.
-  if (!classReferences_) return;
-  // Copied, never changed in place: threads read the registry they last
-  // saw without the lock.
-  auto registry = std::make_shared<ModuleRegistry>(*classReferences_);
-  (*registry)[name] = std::move(module);
-  replaced = std::exchange(classReferences_, std::move(registry));
-  registryGeneration_.fetch_add(1, std::memory_order_release);
-}
-
-std::shared_ptr<const QVCore::ModuleRegistry> QVCore::registry() const {
-  std::lock_guard lock(registryMutex_);
-  return classReferences_;
-}
-
-// Each thread keeps the registry it read last and takes the lock only when
-// the generation moved, so that posting threads do not share a lock or a
-// reference count. The reference is valid until the thread reads again.
-const QVCore::ModuleRegistry* QVCore::threadRegistry() const {
-  struct Seen {
-    const QVCore* core = nullptr;
-    uint64_t generation = 0;
-    std::shared_ptr<const ModuleRegistry> registry;
-  };
-  thread_local Seen seen;
-  const uint64_t now = registryGeneration_.load(std::memory_order_acquire);
-  if (seen.core != this || seen.generation != now) {
-    std::shared_ptr<const ModuleRegistry> current;
-    {
-      std::lock_guard lock(registryMutex_);
-      current = classReferences_;
-      seen.generation = registryGeneration_.load(std::memory_order_relaxed);
-    }
-    seen.core = this;
-    seen.registry.swap(current);
-  }
-  return seen.registry.get();
-}
-
-const std::shared_ptr<QVLifecycleObject>* QVCore::registeredModuleOfThread(
-    const std::string& name) const {
-  const ModuleRegistry* registry = threadRegistry();
-  if (!registry) return nullptr;
-  const auto it = registry->find(name);
-  return it == registry->end() || !it->second ? nullptr : &it->second;
-}
-
-std::shared_ptr<QVLifecycleObject> QVCore::registeredModule(const std::string& name) const {
-  const auto* module = registeredModuleOfThread(name);
-  return module ? *module : nullptr;
-}
-
 std::shared_ptr<QVLifecycleObject> QVCore::lifecycleObjectForName(const std::string& name) const {
-  if (auto module = registeredModule(name)) return module;
+  if (const auto* module = impl_->registry.findOfThread(name)) return *module;
   // Found by class name but not registered: the registry only grows through
   // startModule.
   return std::dynamic_pointer_cast<QVLifecycleObject>(
@@ -302,40 +213,13 @@ bool QVCore::postMessageForModuleNameWithSessionID(std::shared_ptr<QVMessage> me
                                                    const std::optional<std::string>& sessionID) {
   // An accepted message is counted by the queue service, which holds the
   // module's ledger at hand.
-  if (admitMessage(std::move(message), name, sessionID)) return true;
+  if (admitMessage(*this, impl_->registry, std::move(message), name, sessionID)) return true;
   QVDeliveryLedger::shared().module(name).addRefused();
   return false;
 }
 
-bool QVCore::admitMessage(std::shared_ptr<QVMessage> message, const std::string& name,
-                          const std::optional<std::string>& sessionID) {
-  if (!message || !canPostMessage(message.get())) return false;
-  // A registered module is used by reference: no count shared with other
-  // posting threads changes. The queue service copies it before anything
-  // that could read the registry again.
-  if (const auto* registered = registeredModuleOfThread(name)) {
-    if (!(*registered)->isEnabled()) return false;
-    return queueService()->postMessageForModuleWithSessionID(std::move(message), *registered,
-                                                             sessionID);
-  }
-  auto module = lifecycleObjectForName(name);
-  if (!module || !module->isEnabled()) return false;
-  return queueService()->postMessageForModuleWithSessionID(std::move(message), module, sessionID);
-}
-
 bool QVCore::canPostMessage(const QVMessage* message) const {
-  if (!message) return false;
-  try {
-    // The level is compared as an unsigned 32-bit value widened to 64 bits.
-    const auto level = static_cast<uint32_t>(message->logLevel());
-    if (level == 0) return false;
-    const bool wifi = networkManager().isConnectedViaWifi();
-    const PostingLimits& limits = postingLimits();
-    return static_cast<int64_t>(level) <= (wifi ? limits.wifi : limits.cellular);
-  } catch (const std::exception& e) {
-    noteSwallowed(__func__, e);
-    return false;
-  }
+  return QVPostingGate::admits(message);
 }
 
 void QVCore::flushQueues() { QVQueueService::sharedInstance()->asyncFlushQueues(); }
@@ -352,9 +236,9 @@ std::optional<QVLedgerCounts> QVCore::ledgerSnapshotForModuleName(const std::str
 void QVCore::resetLedger() { queueService()->resetLedger(); }
 
 std::string QVCore::currentSessionID() {
-  std::lock_guard lock(sessionMutex_);
-  if (!currentSessionID_) currentSessionID_ = generateUUID();
-  return *currentSessionID_;
+  std::lock_guard lock(impl_->sessionMutex);
+  if (!impl_->currentSessionID) impl_->currentSessionID = generateUUID();
+  return *impl_->currentSessionID;
 }
 
 std::string QVCore::generateUUID() const {
@@ -385,11 +269,11 @@ void QVCore::networkConnectivityHasChanged(const QVNotification&) {
     default:
       value = 1;
   }
-  currentLoggingLevel_ = value ? static_cast<int32_t>(QVValues::integerValue(*value)) : 1;
+  impl_->currentLoggingLevel = value ? static_cast<int32_t>(QVValues::integerValue(*value)) : 1;
 }
 
 std::optional<QVCore::ModuleRegistry> QVCore::classReferences() const {
-  const auto current = registry();
+  const auto current = impl_->registry.current();
   if (!current) return std::nullopt;
   return *current;
 }
@@ -442,8 +326,8 @@ bool QVCore::updateConfigForModuleNameWithData(const std::string& name, const QV
   }
   if (!items.is_object()) return false;
   {
-    std::lock_guard lock(tempConfigMutex_);
-    QVValues::addEntriesFromDictionary(tempConfigDict_[name], items);
+    std::lock_guard lock(impl_->tempConfigMutex);
+    QVValues::addEntriesFromDictionary(impl_->tempConfigDict[name], items);
   }
   // Kept for the module's next load all the same.
   return false;
@@ -473,19 +357,19 @@ bool QVCore::isManualPostEnabled() const {
 }
 
 QVValue QVCore::tempConfigDict() const {
-  std::lock_guard lock(tempConfigMutex_);
-  return tempConfigDict_;
+  std::lock_guard lock(impl_->tempConfigMutex);
+  return impl_->tempConfigDict;
 }
 
 void QVCore::setTempConfigDict(QVValue dict) {
-  std::lock_guard lock(tempConfigMutex_);
-  tempConfigDict_ = dict.is_object() ? std::move(dict) : QVValue::object();
+  std::lock_guard lock(impl_->tempConfigMutex);
+  impl_->tempConfigDict = dict.is_object() ? std::move(dict) : QVValue::object();
 }
 
 QVValue QVCore::takeTempConfigForModuleName(const std::string& name) {
-  std::lock_guard lock(tempConfigMutex_);
-  auto it = tempConfigDict_.find(name);
-  if (it == tempConfigDict_.end()) return QVValue::object();
+  std::lock_guard lock(impl_->tempConfigMutex);
+  auto it = impl_->tempConfigDict.find(name);
+  if (it == impl_->tempConfigDict.end()) return QVValue::object();
   QVValue pending = std::move(*it);
   *it = QVValue::object();
   return pending.is_object() ? pending : QVValue::object();

@@ -2,32 +2,13 @@
 
 #include <utility>
 
+#include "platform/runloop/QVPublished.h"
+
 namespace qv {
 
 namespace {
 
 const char* const kOtherModules = "(other)";
-
-// The entries a thread counted last, by name.
-struct RecentLedgers {
-  struct Entry {
-    std::string name;
-    QVModuleLedger* ledger = nullptr;
-  };
-  std::array<Entry, 4> entries;
-  std::size_t next = 0;
-
-  QVModuleLedger* find(const std::string& name) const {
-    for (const auto& entry : entries) {
-      if (entry.ledger && entry.name == name) return entry.ledger;
-    }
-    return nullptr;
-  }
-  void add(const std::string& name, QVModuleLedger* ledger) {
-    entries[next] = {name, ledger};
-    next = (next + 1) % entries.size();
-  }
-};
 
 }  // namespace
 
@@ -60,14 +41,16 @@ QVDeliveryLedger& QVDeliveryLedger::shared() {
 }
 
 QVModuleLedger& QVDeliveryLedger::module(const std::string& name) {
-  thread_local RecentLedgers recent;
-  if (QVModuleLedger* ledger = recent.find(name)) return *ledger;
+  // Entries are never removed and the ledger is never destroyed, so a
+  // thread keeps the ones it counted last.
+  thread_local QVRecentLookups<QVModuleLedger*> recent;
+  if (QVModuleLedger* const* found = recent.find(this, name)) return **found;
   QVModuleLedger* ledger = nullptr;
   {
     std::lock_guard lock(mutex_);
     ledger = &lockedModule(name);
   }
-  recent.add(name, ledger);
+  recent.add(this, name, ledger);
   return *ledger;
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <exception>
 
+#include "environment/QVEnvironmentalSerivceImpl.h"
 #include "platform/host/QVSwallowed.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/platform/QVInterfaceAddressSource.h"
@@ -60,9 +61,9 @@ std::optional<QVValue> QVEnvironmentalSerivce::getIPAddressesDict() const {
 // "Unknown" is not kept, so the next call looks again.
 std::string QVEnvironmentalSerivce::networkIPAddress() {
   {
-    std::lock_guard lock(mutex_);
-    if (networkIPAddressStr_ && *networkIPAddressStr_ != kUnknownAddress) {
-      return *networkIPAddressStr_;
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->networkIPAddressStr && *impl_->networkIPAddressStr != kUnknownAddress) {
+      return *impl_->networkIPAddressStr;
     }
   }
   std::string found = kUnknownAddress;
@@ -75,8 +76,8 @@ std::string QVEnvironmentalSerivce::networkIPAddress() {
       }
     }
   }
-  std::lock_guard lock(mutex_);
-  networkIPAddressStr_ = found;
+  std::lock_guard lock(impl_->mutex);
+  impl_->networkIPAddressStr = found;
   return found;
 }
 

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <exception>
 
+#include "environment/QVEnvironmentalSerivceImpl.h"
 #include "platform/host/QVSwallowed.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVApplicationLifecycleManager.h"
@@ -62,36 +63,21 @@ std::shared_ptr<QVEnvironmentalSerivce> QVEnvironmentalSerivce::sharedInstance()
   // Never destroyed: the core and the crash hook may reach it at exit.
   static auto* instance = [] {
     auto* service = new std::shared_ptr<QVEnvironmentalSerivce>(new QVEnvironmentalSerivce);
-    (*service)->init();
+    // The orientation manager holds the service weakly, so it is made once
+    // the service is owned by its shared pointer.
+    (*service)->impl_->orientationManager = QVOrientationManager::initWithDelegate(
+        std::weak_ptr<QVOrientationManagerDelegate>(*service));
+    (*service)->impl_->networkManager = QVNetworkManager::sharedInstance();
     return service;
   }();
   return *instance;
 }
 
-QVEnvironmentalSerivce::QVEnvironmentalSerivce() = default;
+QVEnvironmentalSerivce::QVEnvironmentalSerivce() : impl_(std::make_unique<Impl>()) {}
 
 QVEnvironmentalSerivce::~QVEnvironmentalSerivce() { removeAsDeviceIDObserver(); }
 
-// The orientation manager holds the service weakly, so it is made once the
-// service is owned by its shared pointer.
-void QVEnvironmentalSerivce::init() {
-  orientationManager_ = QVOrientationManager::initWithDelegate(
-      std::weak_ptr<QVOrientationManagerDelegate>(shared_from_this()));
-  networkManager_ = QVNetworkManager::sharedInstance();
-}
-
-// Enabling again, from either state, rebuilds the monitoring rather than
-// adding to it: the two functions below say why.
-bool QVEnvironmentalSerivce::enable() {
-  QVNotificationCenter::defaultCenter().removeObserver(this);
-  bool enabled = restartMonitoringNetworkStatus();
-  if (enabled) enabled = startMonitoringOrientationChanges();
-  if (enabled) enabled = restartMonitoringApplicationChanges();
-  enabled_ = enabled;
-  sleepModeActive_ = false;
-  if (enabled) addAsDeviceIDObserver();
-  return enabled;
-}
+namespace {
 
 // The network manager refuses a second start while it holds a monitor, and
 // it may still hold one here: after an earlier enable, after the core slept
@@ -99,22 +85,41 @@ bool QVEnvironmentalSerivce::enable() {
 // due a second after a start, ran after a stop and made one. A refused start
 // would leave the core unable to enable again, so the monitor is stopped and
 // started afresh.
-bool QVEnvironmentalSerivce::restartMonitoringNetworkStatus() {
-  stopMonitoringNetworkStatus();
-  return startMonitoringNetworkStatus();
+bool restartMonitoringNetworkStatus(QVEnvironmentalSerivce& service) {
+  service.stopMonitoringNetworkStatus();
+  return service.startMonitoringNetworkStatus();
 }
 
 // Each start adds the lifecycle observations again; after two enables every
 // event would flush twice and termination would save every queue twice, so
 // its messages would be sent twice at the next start.
-bool QVEnvironmentalSerivce::restartMonitoringApplicationChanges() {
-  stopMonitoringApplicationChanges();
-  return startMonitoringApplicationChanges();
+bool restartMonitoringApplicationChanges(QVEnvironmentalSerivce& service) {
+  service.stopMonitoringApplicationChanges();
+  return service.startMonitoringApplicationChanges();
 }
+
+}  // namespace
+
+// Enabling again, from either state, rebuilds the monitoring rather than
+// adding to it: the two functions above say why.
+bool QVEnvironmentalSerivce::enable() {
+  QVNotificationCenter::defaultCenter().removeObserver(this);
+  bool enabled = restartMonitoringNetworkStatus(*this);
+  if (enabled) enabled = startMonitoringOrientationChanges();
+  if (enabled) enabled = restartMonitoringApplicationChanges(*this);
+  impl_->enabled = enabled;
+  impl_->sleepModeActive = false;
+  if (enabled) addAsDeviceIDObserver();
+  return enabled;
+}
+
+bool QVEnvironmentalSerivce::isEnabled() const { return impl_->enabled.load(); }
+
+bool QVEnvironmentalSerivce::isSleepModeActive() const { return impl_->sleepModeActive.load(); }
 
 bool QVEnvironmentalSerivce::disable() {
   const bool stopped = sleepSystem();
-  enabled_ = !stopped;
+  impl_->enabled = !stopped;
   return stopped;
 }
 
@@ -123,7 +128,7 @@ bool QVEnvironmentalSerivce::sleepSystem() {
   // orientation monitoring stops in every case.
   const bool stopped = stopMonitoringNetworkStatus() && stopMonitoringApplicationChanges();
   stopMonitoringOrientationChanges();
-  sleepModeActive_ = true;
+  impl_->sleepModeActive = true;
   removeAsDeviceIDObserver();
   return stopped;
 }
@@ -131,7 +136,7 @@ bool QVEnvironmentalSerivce::sleepSystem() {
 // Device identity
 
 std::string QVEnvironmentalSerivce::deviceID() {
-  std::lock_guard lock(deviceIDMutex_);
+  std::lock_guard lock(impl_->deviceIDMutex);
   if (auto id = currentDeviceID()) return *id;
   return generateDeviceId();
 }
@@ -177,18 +182,18 @@ void QVEnvironmentalSerivce::deviceIDChanged(const QVNotification& notification)
   if (it == notification.userInfo->end() || !it->is_string()) return;
   auto id = it->get<std::string>();
   if (id.empty()) return;
-  std::lock_guard lock(deviceIDMutex_);
+  std::lock_guard lock(impl_->deviceIDMutex);
   setCurrentDeviceID(std::move(id));
 }
 
 std::optional<std::string> QVEnvironmentalSerivce::currentDeviceID() const {
-  std::lock_guard lock(mutex_);
-  return currentDeviceID_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->currentDeviceID;
 }
 
 void QVEnvironmentalSerivce::setCurrentDeviceID(std::optional<std::string> deviceID) {
-  std::lock_guard lock(mutex_);
-  currentDeviceID_ = std::move(deviceID);
+  std::lock_guard lock(impl_->mutex);
+  impl_->currentDeviceID = std::move(deviceID);
 }
 
 // Application facts
@@ -246,21 +251,21 @@ float QVEnvironmentalSerivce::getCurrentBatteryLevel() const {
 // User agent and advertising identifier
 
 std::string QVEnvironmentalSerivce::setUserAgentFromBrowser() {
-  std::lock_guard lock(mutex_);
-  if (userAgentFromBrowser_.empty()) {
-    userAgentFromBrowser_ = QVApplication::sharedApplication().userAgent();
+  std::lock_guard lock(impl_->mutex);
+  if (impl_->userAgentFromBrowser.empty()) {
+    impl_->userAgentFromBrowser = QVApplication::sharedApplication().userAgent();
   }
-  return userAgentFromBrowser_;
+  return impl_->userAgentFromBrowser;
 }
 
 std::string QVEnvironmentalSerivce::userAgentFromBrowser() const {
-  std::lock_guard lock(mutex_);
-  return userAgentFromBrowser_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->userAgentFromBrowser;
 }
 
 void QVEnvironmentalSerivce::setUserAgentFromBrowser(std::string userAgent) {
-  std::lock_guard lock(mutex_);
-  userAgentFromBrowser_ = std::move(userAgent);
+  std::lock_guard lock(impl_->mutex);
+  impl_->userAgentFromBrowser = std::move(userAgent);
 }
 
 bool QVEnvironmentalSerivce::setQVAdvertisingId(std::optional<std::string> advertisingId) {
@@ -269,14 +274,14 @@ bool QVEnvironmentalSerivce::setQVAdvertisingId(std::optional<std::string> adver
 }
 
 std::optional<std::string> QVEnvironmentalSerivce::vepAdvertisingIdFromCustomer() const {
-  std::lock_guard lock(mutex_);
-  return vepAdvertisingIdFromCustomer_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->vepAdvertisingIdFromCustomer;
 }
 
 void QVEnvironmentalSerivce::setVepAdvertisingIdFromCustomer(
     std::optional<std::string> advertisingId) {
-  std::lock_guard lock(mutex_);
-  vepAdvertisingIdFromCustomer_ = std::move(advertisingId);
+  std::lock_guard lock(impl_->mutex);
+  impl_->vepAdvertisingIdFromCustomer = std::move(advertisingId);
 }
 
 bool QVEnvironmentalSerivce::postNotificationForKeyValueName(const std::string& key,
@@ -291,31 +296,31 @@ bool QVEnvironmentalSerivce::postNotificationForKeyValueName(const std::string& 
 // Orientation
 
 bool QVEnvironmentalSerivce::startMonitoringOrientationChanges() {
-  return orientationManager_->startMonitoringOrientationChanges();
+  return impl_->orientationManager->startMonitoringOrientationChanges();
 }
 
 bool QVEnvironmentalSerivce::stopMonitoringOrientationChanges() {
-  return orientationManager_->stopMonitoringOrientationChanges();
+  return impl_->orientationManager->stopMonitoringOrientationChanges();
 }
 
 int64_t QVEnvironmentalSerivce::currentUIOrientation() const {
-  return orientationManager_->currentUIOrientation();
+  return impl_->orientationManager->currentUIOrientation();
 }
 
 int64_t QVEnvironmentalSerivce::currentUIOrientationInDegrees() const {
-  return orientationManager_->currentUIOrientationInDegrees();
+  return impl_->orientationManager->currentUIOrientationInDegrees();
 }
 
 int64_t QVEnvironmentalSerivce::currentDeviceOrientation() const {
-  return orientationManager_->currentDeviceOrientation();
+  return impl_->orientationManager->currentDeviceOrientation();
 }
 
 int64_t QVEnvironmentalSerivce::currentDeviceOrientationInDegrees() const {
-  return orientationManager_->currentDeviceOrientationInDegrees();
+  return impl_->orientationManager->currentDeviceOrientationInDegrees();
 }
 
 std::pair<double, double> QVEnvironmentalSerivce::currentScreenDimensions() const {
-  return orientationManager_->currentScreenDimensions();
+  return impl_->orientationManager->currentScreenDimensions();
 }
 
 std::string QVEnvironmentalSerivce::currentOrientationName() const {
@@ -342,47 +347,47 @@ bool QVEnvironmentalSerivce::qvOrientationChanged(int64_t deviceOrientation) {
 // Network status
 
 bool QVEnvironmentalSerivce::startMonitoringNetworkStatus() {
-  return networkManager_->startNetworkMonitoring();
+  return impl_->networkManager->startNetworkMonitoring();
 }
 
 bool QVEnvironmentalSerivce::stopMonitoringNetworkStatus() {
-  return networkManager_->stopNetworkMonitoring();
+  return impl_->networkManager->stopNetworkMonitoring();
 }
 
 std::string QVEnvironmentalSerivce::stringForNetworkStatus(int64_t status) const {
-  return networkManager_->stringForNetworkStatus(status);
+  return impl_->networkManager->stringForNetworkStatus(status);
 }
 
 bool QVEnvironmentalSerivce::isConnectedViaWifi() const {
-  return networkManager_->isConnectedViaWifi();
+  return impl_->networkManager->isConnectedViaWifi();
 }
 
 uint64_t QVEnvironmentalSerivce::currentNetworkStatus() const {
-  return networkManager_->currentNetworkStatus();
+  return impl_->networkManager->currentNetworkStatus();
 }
 
 std::string QVEnvironmentalSerivce::currentNetworkReachabilityName() const {
-  return networkManager_->currentNetworkReachabilityName();
+  return impl_->networkManager->currentNetworkReachabilityName();
 }
 
 std::string QVEnvironmentalSerivce::currentConnectionType() const {
-  return networkManager_->currentConnectionType();
+  return impl_->networkManager->currentConnectionType();
 }
 
 // Application lifecycle: the lifecycle manager joins the service with the
 // queue service, which it flushes; until then there is nothing to watch.
 bool QVEnvironmentalSerivce::startMonitoringApplicationChanges() {
-  auto manager = applicationManager_.load();
+  auto manager = impl_->applicationManager.load();
   if (!manager) {
     // Two first starts at once keep the one manager that was stored first.
     auto made = QVApplicationLifecycleManager::init();
-    manager = applicationManager_.compare_exchange_strong(manager, made) ? made : manager;
+    manager = impl_->applicationManager.compare_exchange_strong(manager, made) ? made : manager;
   }
   return manager->startMonitoringApplicationChanges();
 }
 
 bool QVEnvironmentalSerivce::stopMonitoringApplicationChanges() {
-  auto manager = applicationManager_.load();
+  auto manager = impl_->applicationManager.load();
   return manager ? manager->stopMonitoringApplicationChanges() : true;
 }
 

@@ -1,9 +1,12 @@
 #include "qvcore/environment/QVNetworkManager.h"
 
+#include <atomic>
 #include <chrono>
+#include <mutex>
 #include <optional>
 #include <string_view>
 
+#include "platform/runloop/QVPublished.h"
 #include "qvcore/environment/QVReachability.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVReachabilitySource.h"
@@ -43,6 +46,26 @@ std::string cellularConnectionType() {
 
 }  // namespace
 
+struct QVNetworkManager::Impl {
+  // Read on every post, through each thread's copy.
+  QVPublished<QVReachability> monitor;
+
+  // The status is read without a lock; it changes only together with the
+  // name, under statusMutex, so that a change is posted once.
+  std::atomic<uint64_t> currentNetStatus{0};
+  mutable std::mutex statusMutex;
+  std::string currentNetworkReachName = "UNKNOWN";  // guarded by statusMutex
+  std::string currentConnectType = "N/A";           // guarded by statusMutex
+
+  void setConnectType(std::string type) {
+    std::lock_guard lock(statusMutex);
+    currentConnectType = std::move(type);
+  }
+};
+
+QVNetworkManager::QVNetworkManager() : impl_(std::make_unique<Impl>()) {}
+QVNetworkManager::~QVNetworkManager() = default;
+
 std::shared_ptr<QVNetworkManager> QVNetworkManager::sharedInstance() {
   // Never destroyed: the delayed evaluation and observers may reach it while
   // the process exits.
@@ -52,20 +75,22 @@ std::shared_ptr<QVNetworkManager> QVNetworkManager::sharedInstance() {
 
 bool QVNetworkManager::startNetworkMonitoring() {
   std::weak_ptr<QVNetworkManager> weak = weak_from_this();
+  bool refused = false;
   bool ok = false;
-  {
-    std::lock_guard lock(monitorMutex_);
-    if (networkMonitor_) return false;
+  impl_->monitor.update([&](const std::shared_ptr<QVReachability>& current) {
+    refused = current != nullptr;
+    if (refused) return current;
     QVNotificationCenter::defaultCenter().addObserver(this, kQVReachabilityChangedNotification,
                                                       nullptr,
                                                       [weak](const QVNotification& notification) {
                                                         if (auto self = weak.lock())
                                                           self->reachabilityChanged(&notification);
                                                       });
-    networkMonitor_ = QVReachability::reachabilityForInternetConnection();
-    monitorGeneration_.fetch_add(1, std::memory_order_release);
-    ok = networkMonitor_ && networkMonitor_->startNotifier();
-  }
+    auto monitor = QVReachability::reachabilityForInternetConnection();
+    ok = monitor && monitor->startNotifier();
+    return monitor;
+  });
+  if (refused) return false;
   if (ok) {
     QVRunLoop::main().postAfter(
         kFirstEvaluationDelay, [self = shared_from_this()] { self->reachabilityChanged(nullptr); });
@@ -78,24 +103,26 @@ bool QVNetworkManager::startNetworkMonitoring() {
 }
 
 bool QVNetworkManager::stopNetworkMonitoring() {
-  std::lock_guard lock(monitorMutex_);
-  if (!networkMonitor_) return true;
-  const bool stopped = networkMonitor_->stopNotifier();
-  networkMonitor_.reset();
-  monitorGeneration_.fetch_add(1, std::memory_order_release);
+  bool stopped = true;
+  // The monitor dropped goes outside the lock: its destructor stops its
+  // notifier.
+  impl_->monitor.update([&stopped](const std::shared_ptr<QVReachability>& current) {
+    if (current) stopped = current->stopNotifier();
+    return std::shared_ptr<QVReachability>();
+  });
   return stopped;
 }
 
-uint64_t QVNetworkManager::currentNetworkStatus() const { return currentNetStatus_.load(); }
+uint64_t QVNetworkManager::currentNetworkStatus() const { return impl_->currentNetStatus.load(); }
 
 std::string QVNetworkManager::currentNetworkReachabilityName() const {
-  std::lock_guard lock(statusMutex_);
-  return currentNetworkReachName_;
+  std::lock_guard lock(impl_->statusMutex);
+  return impl_->currentNetworkReachName;
 }
 
 std::string QVNetworkManager::currentConnectionType() const {
-  std::lock_guard lock(statusMutex_);
-  return currentConnectType_;
+  std::lock_guard lock(impl_->statusMutex);
+  return impl_->currentConnectType;
 }
 
 std::string QVNetworkManager::stringForNetworkStatus(int64_t status) {
@@ -111,80 +138,43 @@ std::string QVNetworkManager::stringForNetworkStatus(int64_t status) {
   }
 }
 
+// The gate asks for Wi-Fi on every post: each thread reads the monitor from
+// its own copy, so that posting threads share neither the lock nor the
+// monitor's reference count.
 bool QVNetworkManager::isConnectedViaWifi() const {
-  const QVReachability* monitor = monitorOfThread();
+  const QVReachability* monitor = impl_->monitor.ofThread();
   return monitor && monitor->publishedReachabilityStatus() == QVReachability::ReachableViaWiFi;
 }
 
-// The gate asks for Wi-Fi on every post: each thread keeps the monitor it
-// read last and takes the lock only when the generation moved, so that
-// posting threads share neither the lock nor the monitor's reference count.
-// The pointer is valid until the thread reads again.
-const QVReachability* QVNetworkManager::monitorOfThread() const {
-  struct Seen {
-    const QVNetworkManager* manager = nullptr;
-    uint64_t generation = 0;
-    std::shared_ptr<QVReachability> monitor;
-  };
-  thread_local Seen seen;
-  const uint64_t now = monitorGeneration_.load(std::memory_order_acquire);
-  if (seen.manager != this || seen.generation != now) {
-    std::shared_ptr<QVReachability> current;
-    {
-      std::lock_guard lock(monitorMutex_);
-      current = networkMonitor_;
-      seen.generation = monitorGeneration_.load(std::memory_order_relaxed);
-    }
-    seen.manager = this;
-    // The monitor replaced is let go outside the lock: its destructor stops
-    // its notifier.
-    seen.monitor.swap(current);
-  }
-  return seen.monitor.get();
-}
-
 std::shared_ptr<QVReachability> QVNetworkManager::networkMonitor() const {
-  std::lock_guard lock(monitorMutex_);
-  return networkMonitor_;
-}
-
-std::shared_ptr<QVReachability> QVNetworkManager::monitorMadeIfMissing() {
-  std::lock_guard lock(monitorMutex_);
-  if (!networkMonitor_) {
-    networkMonitor_ = QVReachability::reachabilityForInternetConnection();
-    monitorGeneration_.fetch_add(1, std::memory_order_release);
-  }
-  return networkMonitor_;
-}
-
-void QVNetworkManager::setConnectType(std::string type) {
-  std::lock_guard lock(statusMutex_);
-  currentConnectType_ = std::move(type);
+  return impl_->monitor.current();
 }
 
 void QVNetworkManager::reachabilityChanged(const QVNotification*) {
-  const auto monitor = monitorMadeIfMissing();
+  const auto monitor = impl_->monitor.update([](const std::shared_ptr<QVReachability>& current) {
+    return current ? current : QVReachability::reachabilityForInternetConnection();
+  });
   const int64_t status =
       monitor ? monitor->currentReachabilityStatus() : QVReachability::NotReachable;
   uint64_t managerStatus = 1;
   if (status == QVReachability::ReachableViaWiFi) {
-    setConnectType("Wifi");
+    impl_->setConnectType("Wifi");
     managerStatus = 2;
   } else if (status == QVReachability::ReachableViaWWAN) {
-    setConnectType(cellularConnectionType());
+    impl_->setConnectType(cellularConnectionType());
     managerStatus = 3;
   } else {
-    setConnectType("N/A");
+    impl_->setConnectType("N/A");
   }
   std::optional<QVValue> userInfo;
   {
-    std::lock_guard lock(statusMutex_);
+    std::lock_guard lock(impl_->statusMutex);
     // An unchanged status posts nothing; the type above stays updated.
-    if (managerStatus == currentNetStatus_.load()) return;
-    currentNetStatus_.store(managerStatus);
-    currentNetworkReachName_ = stringForNetworkStatus(status);
-    userInfo = QVValue::object(
-        {{kKeyVQNetworkStatus, managerStatus}, {kKeyQVConnectionType, currentNetworkReachName_}});
+    if (managerStatus == impl_->currentNetStatus.load()) return;
+    impl_->currentNetStatus.store(managerStatus);
+    impl_->currentNetworkReachName = stringForNetworkStatus(status);
+    userInfo = QVValue::object({{kKeyVQNetworkStatus, managerStatus},
+                                {kKeyQVConnectionType, impl_->currentNetworkReachName}});
   }
   postNotificationWithDataForNotificationName(
       *userInfo, kQVEnvironmentalServiceDidPostNetworkChangeNotification);

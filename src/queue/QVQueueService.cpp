@@ -7,6 +7,7 @@
 #include "core/QVDeliveryLedger.h"
 #include "platform/host/QVApplicationIdentifier.h"
 #include "platform/host/QVSwallowed.h"
+#include "platform/runloop/QVPublished.h"
 #include "queue/QVQueueFileCache.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/model/QVQueue.h"
@@ -28,28 +29,16 @@ class RecentQueues {
   using Found = std::pair<QVQueue*, QVModuleLedger*>;
 
   Found find(const QVQueueService* service, const std::string& name) const {
-    for (const auto& entry : entries_) {
-      if (entry.queue && entry.service == service && entry.name == name) {
-        return {entry.queue, entry.ledger};
-      }
-    }
-    return {nullptr, nullptr};
+    const Found* found = lookups_.find(service, name);
+    return found ? *found : Found{nullptr, nullptr};
   }
 
   void add(const QVQueueService* service, const std::string& name, Found found) {
-    entries_[next_] = {service, name, found.first, found.second};
-    next_ = (next_ + 1) % entries_.size();
+    lookups_.add(service, name, found);
   }
 
  private:
-  struct Entry {
-    const QVQueueService* service = nullptr;
-    std::string name;
-    QVQueue* queue = nullptr;
-    QVModuleLedger* ledger = nullptr;
-  };
-  std::array<Entry, 4> entries_;
-  std::size_t next_ = 0;
+  QVRecentLookups<Found> lookups_;
 };
 
 thread_local RecentQueues recentQueues;

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -33,7 +31,7 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   std::string className() const override { return "QVCore"; }
   bool enable() override;
   bool disable() override;
-  bool isEnabled() const override { return enabled_.load(); }
+  bool isEnabled() const override;
   std::string settingsBundlePath() const override;
 
   bool sleepSystem();
@@ -106,7 +104,7 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   // A snapshot of the registry of started modules; none before the first
   // enable and after a successful disable.
   std::optional<ModuleRegistry> classReferences() const;
-  int32_t currentLoggingLevel() const { return currentLoggingLevel_.load(); }
+  int32_t currentLoggingLevel() const;
   std::string frameworkVersion() const { return "2.0.0.81"; }
 
   // Configuration of modules by name. Reads of a module that cannot be found
@@ -175,36 +173,10 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
  private:
   QVCore();
 
-  // The posting path, refusals uncounted.
-  bool admitMessage(std::shared_ptr<QVMessage> message, const std::string& name,
-                    const std::optional<std::string>& sessionID);
-  std::shared_ptr<QVLifecycleObject> registeredModule(const std::string& name) const;
-  // The module as registered in the calling thread's copy of the registry;
-  // valid until that thread reads the registry again.
-  const std::shared_ptr<QVLifecycleObject>* registeredModuleOfThread(const std::string& name) const;
-  const ModuleRegistry* threadRegistry() const;
-  std::shared_ptr<const ModuleRegistry> registry() const;
-  void publishRegistry(std::shared_ptr<const ModuleRegistry> registry);
-  void registerModule(const std::string& name, std::shared_ptr<QVLifecycleObject> module);
-  bool startCoreServices();
-  bool isConnectedViaWifi() const;
-  void observeNetworkChanges();
-
-  std::atomic<bool> enabled_{false};
-  std::atomic<int32_t> currentLoggingLevel_{0};
-
-  // The registry is replaced, never changed in place; each change moves the
-  // generation, which posting threads read on every post (on a line of its
-  // own, away from the lock).
-  mutable std::mutex registryMutex_;
-  std::shared_ptr<const ModuleRegistry> classReferences_;  // guarded by registryMutex_
-  alignas(64) std::atomic<uint64_t> registryGeneration_{1};
-
-  std::mutex sessionMutex_;
-  std::optional<std::string> currentSessionID_;
-
-  mutable std::mutex tempConfigMutex_;
-  QVValue tempConfigDict_ = QVValue::object();
+  // Private state lives behind the pointer, so that it can change without
+  // changing this class's layout.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

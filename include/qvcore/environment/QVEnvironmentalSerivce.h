@@ -1,9 +1,7 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -41,10 +39,10 @@ class QV_EXPORT QVEnvironmentalSerivce
   // A successful stop leaves the service disabled; a failed one leaves it
   // enabled.
   bool disable() override;
-  bool isEnabled() const override { return enabled_.load(); }
+  bool isEnabled() const override;
   std::string settingsBundlePath() const override { return ""; }
   bool sleepSystem();
-  bool isSleepModeActive() const { return sleepModeActive_.load(); }
+  bool isSleepModeActive() const;
 
   // Device identity. The identifier is the lower-case hex MD5 of the
   // installation's UUID ("Brevant.UDID" in the user defaults) followed by the
@@ -128,25 +126,11 @@ class QV_EXPORT QVEnvironmentalSerivce
 
  private:
   QVEnvironmentalSerivce();
-  void init();
-  bool restartMonitoringNetworkStatus();
-  bool restartMonitoringApplicationChanges();
 
-  std::atomic<bool> sleepModeActive_{false};
-  std::atomic<bool> enabled_{false};
-  std::shared_ptr<QVOrientationManager> orientationManager_;
-  std::shared_ptr<QVNetworkManager> networkManager_;
-  // Null until the first start of application monitoring; set once.
-  std::atomic<std::shared_ptr<QVApplicationLifecycleManager>> applicationManager_;
-
-  // Guards the strings below; never held while other code runs.
-  mutable std::mutex mutex_;
-  std::optional<std::string> networkIPAddressStr_;
-  std::string userAgentFromBrowser_;
-  std::optional<std::string> vepAdvertisingIdFromCustomer_ = "N/A";
-  std::optional<std::string> currentDeviceID_;
-  // Serialises the first generation of the identifier with a module's change.
-  std::mutex deviceIDMutex_;
+  // Private state lives behind the pointer, so that it can change without
+  // changing this class's layout.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "qvcore/QVExport.h"
@@ -56,7 +54,10 @@ class QV_EXPORT QVNetworkManager : public std::enable_shared_from_this<QVNetwork
   // "ReachableViaWWAN", anything else "UNKNOWN".
   static std::string stringForNetworkStatus(int64_t status);
 
-  // Whether monitoring is on and the internet is reachable over Wi-Fi now.
+  // Whether monitoring is on and the internet is reachable over Wi-Fi, as
+  // the source last published it: the posting gate reads this on every post,
+  // so it makes no system call and takes no lock. The monitor's
+  // awaitPublished() tells when a change the kernel reported is in it.
   bool isConnectedViaWifi() const;
 
   // Evaluates the network: sets the connection type, and on a change of
@@ -74,26 +75,15 @@ class QV_EXPORT QVNetworkManager : public std::enable_shared_from_this<QVNetwork
 
   QVNetworkManager(const QVNetworkManager&) = delete;
   QVNetworkManager& operator=(const QVNetworkManager&) = delete;
+  ~QVNetworkManager();
 
  private:
-  QVNetworkManager() = default;
+  QVNetworkManager();
 
-  std::shared_ptr<QVReachability> monitorMadeIfMissing();
-  const QVReachability* monitorOfThread() const;
-  void setConnectType(std::string type);
-
-  mutable std::mutex monitorMutex_;
-  std::shared_ptr<QVReachability> networkMonitor_;  // guarded by monitorMutex_
-  // Moves with every change of networkMonitor_, under monitorMutex_; read
-  // on every post, so on a line of its own.
-  alignas(64) std::atomic<uint64_t> monitorGeneration_{1};
-
-  // The status is read without a lock; it changes only together with the
-  // name, under statusMutex_, so that a change is posted once.
-  std::atomic<uint64_t> currentNetStatus_{0};
-  mutable std::mutex statusMutex_;
-  std::string currentNetworkReachName_ = "UNKNOWN";  // guarded by statusMutex_
-  std::string currentConnectType_ = "N/A";           // guarded by statusMutex_
+  // Private state lives behind the pointer, so that it can change without
+  // changing this class's layout.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv
