@@ -127,7 +127,20 @@ class QV_EXPORT QVQueue {
   // there is one; refused when there is no usable identifier.
   Filing fileInKnownSession(const std::shared_ptr<QVMessage>& message,
                             const std::optional<std::string>& sessionID);
+  // Files the message through the lane this thread kept for the current
+  // session, when the queue has not changed its current session (or been
+  // flushed) since; no lock of the queue's is taken.
+  bool fileThroughKeptLane(const std::shared_ptr<QVMessage>& message,
+                           const std::optional<std::string>& sessionID) const;
+  // Keeps the lane the thread filed into; mutex_ held.
+  void keepLaneLocked(std::shared_ptr<QVSession::Lane> lane) const;
+  // A change of the current session or of the sessions; mutex_ held.
+  void movedLocked() { moves_.fetch_add(1, std::memory_order_release); }
 
+  // Names the queue in the posting threads' kept lanes.
+  const uint64_t id_;
+  // Moves whenever a kept lane may no longer be the current session's.
+  std::atomic<uint64_t> moves_{0};
   const std::optional<std::string> jsonPayload_;
   const std::size_t carriedMessages_;  // by jsonPayload_
   static constexpr std::size_t kNoPayloadYet = static_cast<std::size_t>(-1);
