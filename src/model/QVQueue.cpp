@@ -271,20 +271,36 @@ QVValue QVQueue::jsonDictionary() const {
   return dict;
 }
 
-std::string QVQueue::toJson() const {
+std::string QVQueue::toJson() const { return toJson(nullptr); }
+
+std::string QVQueue::toJson(QVSession::TextWatcher* watcher) const {
   // A queue read back from the cache is sent again exactly as it was stored.
   if (jsonPayload_) return *jsonPayload_;
+  {
+    std::lock_guard lock(mutex_);
+    if (keptPayload_) {
+      std::string text = std::move(*keptPayload_);
+      keptPayload_.reset();
+      return text;
+    }
+  }
   try {
     std::size_t written = 0;
-    std::string text = writeJson(written);
+    std::string text = writeJson(written, watcher);
     messagesInPayload_.store(written, std::memory_order_relaxed);
     return text;
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
     // Out of memory: still a payload, never an empty body.
+    if (watcher) watcher->cut(0);
     messagesInPayload_.store(0, std::memory_order_relaxed);
     return emptyPayload(serialNumber());
   }
+}
+
+void QVQueue::keepPayload(std::string text) {
+  std::lock_guard lock(mutex_);
+  keptPayload_ = std::move(text);
 }
 
 std::string QVQueue::emptyPayload(int32_t serial) {
@@ -300,7 +316,7 @@ std::string QVQueue::emptyPayload(int32_t serial) {
 // The text of jsonDictionary(), written session by session instead of from
 // one tree: a queue of many messages would otherwise be built whole, then
 // written, then freed, which costs several times the writing itself.
-std::string QVQueue::writeJson(std::size_t& written) const {
+std::string QVQueue::writeJson(std::size_t& written, QVSession::TextWatcher* watcher) const {
   // Read before the sessions, in the order jsonDictionary() reads them.
   const int32_t serial = serialNumber();
   std::vector<std::shared_ptr<QVSession>> sessions;
@@ -319,11 +335,12 @@ std::string QVQueue::writeJson(std::size_t& written) const {
     const std::size_t before = out.size();
     if (!first) out += ',';
     std::size_t messages = 0;
-    if (session->appendJson(out, &messages)) {
+    if (session->appendJson(out, &messages, watcher)) {
       written += messages;
       first = false;
     } else {
       out.resize(before);
+      if (watcher) watcher->cut(before);
     }
   }
   out += "]}";

@@ -98,10 +98,17 @@ class alignas(64) QVSession::Lane {
 // is not UTF-8 is mended, so that one module's bad value never empties the
 // payload that carries every other message.
 struct QVSession::Writer {
-  explicit Writer(std::string& text) : out(text), json(text, QVJsonWriter::Unwritable::kNull) {}
+  Writer(std::string& text, TextWatcher* textWatcher)
+      : out(text), json(text, QVJsonWriter::Unwritable::kNull), watcher(textWatcher) {}
+
+  void cutTo(std::size_t size) {
+    out.resize(size);
+    if (watcher) watcher->cut(size);
+  }
 
   std::string& out;
   QVJsonWriter json;
+  TextWatcher* watcher;
   // How many messages the text holds once written.
   std::size_t messages = 0;
 };
@@ -241,10 +248,11 @@ QVValue QVSession::jsonDictionary() const {
 
 std::string QVSession::toJson() const { return QVCoreExtensions::toJson(jsonDictionary()); }
 
-bool QVSession::appendJson(std::string& out, std::size_t* messagesWritten) const {
+bool QVSession::appendJson(std::string& out, std::size_t* messagesWritten,
+                           TextWatcher* watcher) const {
   const std::size_t start = out.size();
   try {
-    Writer writer(out);
+    Writer writer(out, watcher);
     writeMembers(writer);
     if (messagesWritten) *messagesWritten = writer.messages;
     return true;
@@ -252,6 +260,7 @@ bool QVSession::appendJson(std::string& out, std::size_t* messagesWritten) const
     noteSwallowed(__func__);
     // Out of memory: the session is left out, the text as it was.
     out.resize(start);
+    if (watcher) watcher->cut(start);
     return false;
   }
 }
@@ -290,7 +299,7 @@ void QVSession::writeMembers(Writer& writer) const {
   const std::size_t beforeMessages = out.size();
   writeKey(out, first, "messages");
   if (!writeMessages(writer)) {
-    out.resize(beforeMessages);
+    writer.cutTo(beforeMessages);
     out += '}';
     return;
   }
@@ -326,6 +335,7 @@ bool QVSession::writeMessages(Writer& writer) const {
     }
     out += ',';
     writer.json.value(dict);
+    if (writer.watcher) writer.watcher->grew(out);
   }
   out += ']';
   writer.messages = list->size();

@@ -83,7 +83,20 @@ class QV_EXPORT QVSession {
   // itself, not the payload. False, with out as it was, only when memory
   // runs out. messagesWritten, when given, receives how many messages the
   // text holds: none when a message's jsonDictionary() threw.
-  bool appendJson(std::string& out, std::size_t* messagesWritten = nullptr) const;
+  //
+  // A watcher, when given, is shown the text after each message and told of
+  // every cut back, so that it can take finished stretches (to compress
+  // them) while the rest is still being written.
+  class TextWatcher {
+   public:
+    virtual ~TextWatcher() = default;
+    // out has grown; text before out.size() stays unless cut() says so.
+    virtual void grew(const std::string& out) = 0;
+    // out was cut back to size, dropping what was written after it.
+    virtual void cut(std::size_t size) = 0;
+  };
+  bool appendJson(std::string& out, std::size_t* messagesWritten = nullptr,
+                  TextWatcher* watcher = nullptr) const;
 
   std::optional<std::string> coreSessionID() const;
   void setCoreSessionID(std::optional<std::string> coreSessionID);
