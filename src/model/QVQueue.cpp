@@ -274,8 +274,6 @@ QVValue QVQueue::jsonDictionary() const {
 std::string QVQueue::toJson() const { return toJson(nullptr); }
 
 std::string QVQueue::toJson(QVSession::TextWatcher* watcher) const {
-  // A queue read back from the cache is sent again exactly as it was stored.
-  if (jsonPayload_) return *jsonPayload_;
   {
     std::lock_guard lock(mutex_);
     if (keptPayload_) {
@@ -284,6 +282,8 @@ std::string QVQueue::toJson(QVSession::TextWatcher* watcher) const {
       return text;
     }
   }
+  // A queue read back from the cache is sent again exactly as it was stored.
+  if (jsonPayload_) return *jsonPayload_;
   try {
     std::size_t written = 0;
     std::string text = writeJson(written, watcher);
