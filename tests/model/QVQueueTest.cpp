@@ -173,7 +173,7 @@ TEST(QVQueueTest, ConcurrentPostsAreSentExactlyOnce) {
 // as the URL-encoded path does) carry them once each, in posting order.
 TEST(QVQueueTest, TurnTakingPostsKeepTheirOrderAcrossFlushes) {
   auto live = std::make_shared<QVQueue>();
-  constexpr uint64_t kPosts = 20000;
+  constexpr uint64_t kPosts = 4000;
   std::atomic<uint64_t> next{0};
   std::atomic<bool> refused{false};
   std::vector<std::thread> posters;
