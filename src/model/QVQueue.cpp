@@ -1,6 +1,7 @@
 #include "qvcore/model/QVQueue.h"
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <iterator>
 
@@ -17,13 +18,31 @@ namespace {
 // always lands; the bound keeps a post from chasing a storm of flushes.
 constexpr int kPostAttempts = 3;
 
+std::atomic<uint64_t> queueNumbers{0};
+
+// The lanes a posting thread filed into last, by queue: while the queue's
+// current session stays, a post goes straight to the lane and writes
+// nothing that another posting thread reads or writes.
+struct KeptLane {
+  uint64_t queue = 0;
+  uint64_t moves = 0;
+  std::string sessionID;
+  std::shared_ptr<QVSession::Lane> lane;
+};
+struct KeptLanes {
+  std::array<KeptLane, 4> entries;
+  std::size_t next = 0;
+};
+thread_local KeptLanes keptLanes;
+
 }  // namespace
 
 QVQueue::QVQueue() : QVQueue(std::nullopt, QVCore::sharedInstance()->currentSessionID()) {}
 
 QVQueue::QVQueue(std::optional<std::string> jsonPayload, std::string currentSessionID,
                  std::size_t carriedMessages)
-    : jsonPayload_(std::move(jsonPayload)),
+    : id_(queueNumbers.fetch_add(1, std::memory_order_relaxed) + 1),
+      jsonPayload_(std::move(jsonPayload)),
       carriedMessages_(carriedMessages),
       currentSessionID_(std::move(currentSessionID)) {}
 
@@ -71,6 +90,10 @@ bool QVQueue::postMessageToSessionID(std::shared_ptr<QVMessage> message,
                                      std::optional<std::string> sessionID) {
   if (!message) return false;
   try {
+    if (fileThroughKeptLane(message, sessionID)) {
+      QVSession::logAdded(std::move(message));
+      return true;
+    }
     for (int attempt = 0; attempt < kPostAttempts; ++attempt) {
       const Filing filing = fileInKnownSession(message, sessionID);
       if (filing == Filing::filed) {
@@ -111,9 +134,41 @@ QVQueue::Filing QVQueue::fileInKnownSession(const std::shared_ptr<QVMessage>& me
     if (!found) return Filing::noSession;
     if (!isCurrent) currentSessionID_ = wanted;
     currentSession_ = std::move(found);
+    movedLocked();
     session = currentSession_.get();
   }
-  return session->fileMessage(message) ? Filing::filed : Filing::closed;
+  auto lane = session->laneForThisThread();
+  if (!lane || !QVSession::fileInLane(*lane, message)) return Filing::closed;
+  keepLaneLocked(std::move(lane));
+  return Filing::filed;
+}
+
+bool QVQueue::fileThroughKeptLane(const std::shared_ptr<QVMessage>& message,
+                                  const std::optional<std::string>& sessionID) const {
+  for (const KeptLane& kept : keptLanes.entries) {
+    if (kept.queue != id_ || !kept.lane) continue;
+    // Read before the lane is used: a flush or a change of the current
+    // session moves it first, and a lane closed meanwhile refuses the add.
+    if (kept.moves != moves_.load(std::memory_order_acquire)) return false;
+    if (sessionID && *sessionID != kept.sessionID) return false;
+    return QVSession::fileInLane(*kept.lane, message);
+  }
+  return false;
+}
+
+void QVQueue::keepLaneLocked(std::shared_ptr<QVSession::Lane> lane) const {
+  KeptLane* slot = nullptr;
+  for (KeptLane& kept : keptLanes.entries) {
+    if (kept.queue == id_) slot = &kept;
+  }
+  if (!slot) {
+    slot = &keptLanes.entries[keptLanes.next];
+    keptLanes.next = (keptLanes.next + 1) % keptLanes.entries.size();
+  }
+  slot->queue = id_;
+  slot->moves = moves_.load(std::memory_order_relaxed);
+  slot->sessionID = currentSessionID_;
+  slot->lane = std::move(lane);
 }
 
 std::shared_ptr<QVSession> QVQueue::sessionForID(const std::optional<std::string>& sessionID) {
@@ -153,8 +208,10 @@ std::shared_ptr<QVSession> QVQueue::lookUp(const std::optional<std::string>& ses
   if (makeCurrent) {
     if (id != currentSessionID_) currentSessionID_ = id;
     currentSession_ = session;
+    movedLocked();
   } else if (id == currentSessionID_) {
     currentSession_ = session;
+    movedLocked();
   }
   return session;
 }
@@ -185,6 +242,7 @@ void QVQueue::reindexLocked() {
   for (const auto& [id, session] : sessions_) index_.emplace(id, session);
   auto it = index_.find(currentSessionID_);
   currentSession_ = it == index_.end() ? nullptr : it->second;
+  movedLocked();
 }
 
 QVValue QVQueue::jsonSerializedSessions() const {
@@ -213,20 +271,36 @@ QVValue QVQueue::jsonDictionary() const {
   return dict;
 }
 
-std::string QVQueue::toJson() const {
+std::string QVQueue::toJson() const { return toJson(nullptr); }
+
+std::string QVQueue::toJson(QVSession::TextWatcher* watcher) const {
+  {
+    std::lock_guard lock(mutex_);
+    if (keptPayload_) {
+      std::string text = std::move(*keptPayload_);
+      keptPayload_.reset();
+      return text;
+    }
+  }
   // A queue read back from the cache is sent again exactly as it was stored.
   if (jsonPayload_) return *jsonPayload_;
   try {
     std::size_t written = 0;
-    std::string text = writeJson(written);
+    std::string text = writeJson(written, watcher);
     messagesInPayload_.store(written, std::memory_order_relaxed);
     return text;
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
     // Out of memory: still a payload, never an empty body.
+    if (watcher) watcher->cut(0);
     messagesInPayload_.store(0, std::memory_order_relaxed);
     return emptyPayload(serialNumber());
   }
+}
+
+void QVQueue::keepPayload(std::string text) {
+  std::lock_guard lock(mutex_);
+  keptPayload_ = std::move(text);
 }
 
 std::string QVQueue::emptyPayload(int32_t serial) {
@@ -242,7 +316,7 @@ std::string QVQueue::emptyPayload(int32_t serial) {
 // The text of jsonDictionary(), written session by session instead of from
 // one tree: a queue of many messages would otherwise be built whole, then
 // written, then freed, which costs several times the writing itself.
-std::string QVQueue::writeJson(std::size_t& written) const {
+std::string QVQueue::writeJson(std::size_t& written, QVSession::TextWatcher* watcher) const {
   // Read before the sessions, in the order jsonDictionary() reads them.
   const int32_t serial = serialNumber();
   std::vector<std::shared_ptr<QVSession>> sessions;
@@ -261,11 +335,12 @@ std::string QVQueue::writeJson(std::size_t& written) const {
     const std::size_t before = out.size();
     if (!first) out += ',';
     std::size_t messages = 0;
-    if (session->appendJson(out, &messages)) {
+    if (session->appendJson(out, &messages, watcher)) {
       written += messages;
       first = false;
     } else {
       out.resize(before);
+      if (watcher) watcher->cut(before);
     }
   }
   out += "]}";
@@ -288,6 +363,7 @@ void QVQueue::flush() {
     }
     snapshotCut_.reset();
     if (currentSession_ && !index_.contains(currentSessionID_)) currentSession_.reset();
+    movedLocked();
     serialNumber_.fetch_add(1, std::memory_order_relaxed);
   }
   // Closed outside the queue's lock; an add that slips in before its

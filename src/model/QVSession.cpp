@@ -1,7 +1,9 @@
 #include "qvcore/model/QVSession.h"
 
+#include <algorithm>
 #include <exception>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "model/QVJsonWriter.h"
@@ -34,14 +36,79 @@ void reserveFor(std::string& out, std::size_t perMessage, std::size_t messages) 
 
 }  // namespace
 
+// One thread's adds to one session. A run is a stretch of messages whose
+// numbers follow one another, so a lane that no other thread interleaves
+// with holds one run, and merging costs a sort of the runs only. Lanes are
+// shared with the posting threads that keep them, and outlive their session
+// closed and empty: a closed lane never reads the session again.
+class alignas(64) QVSession::Lane {
+ public:
+  Lane(std::thread::id owner, std::atomic<uint64_t>& sequence)
+      : owner_(owner), sequence_(&sequence) {}
+
+  std::thread::id owner() const { return owner_; }
+
+  bool add(const std::shared_ptr<QVMessage>& message) {
+    std::lock_guard lock(mutex_);
+    if (closed_) return false;
+    const uint64_t number = sequence_->fetch_add(1, std::memory_order_relaxed);
+    if (runs_.empty() || number != last_ + 1) runs_.push_back({number, messages_.size()});
+    last_ = number;
+    messages_.push_back(message);
+    return true;
+  }
+
+  // A stretch of consecutively numbered messages, for the merge.
+  struct Run {
+    uint64_t first;
+    const std::shared_ptr<QVMessage>* begin;
+    const std::shared_ptr<QVMessage>* end;
+  };
+  // The caller holds mutex().
+  void appendRuns(std::vector<Run>& runs) const {
+    const auto* base = messages_.data();
+    for (std::size_t i = 0; i < runs_.size(); ++i) {
+      const std::size_t end = i + 1 < runs_.size() ? runs_[i + 1].index : messages_.size();
+      runs.push_back({runs_[i].first, base + runs_[i].index, base + end});
+    }
+  }
+  std::size_t sizeLocked() const { return messages_.size(); }
+  void closeLocked() { closed_ = true; }
+  void clearLocked() {
+    MessageList().swap(messages_);
+    std::vector<Start>().swap(runs_);
+  }
+  std::mutex& mutex() const { return mutex_; }
+
+ private:
+  struct Start {
+    uint64_t first;
+    std::size_t index;
+  };
+  const std::thread::id owner_;
+  std::atomic<uint64_t>* const sequence_;  // read only while open
+  mutable std::mutex mutex_;
+  bool closed_ = false;
+  uint64_t last_ = 0;
+  MessageList messages_;
+  std::vector<Start> runs_;
+};
+
 // The payload's writer: a value JSON cannot carry becomes null and text that
 // is not UTF-8 is mended, so that one module's bad value never empties the
 // payload that carries every other message.
 struct QVSession::Writer {
-  explicit Writer(std::string& text) : out(text), json(text, QVJsonWriter::Unwritable::kNull) {}
+  Writer(std::string& text, TextWatcher* textWatcher)
+      : out(text), json(text, QVJsonWriter::Unwritable::kNull), watcher(textWatcher) {}
+
+  void cutTo(std::size_t size) {
+    out.resize(size);
+    if (watcher) watcher->cut(size);
+  }
 
   std::string& out;
   QVJsonWriter json;
+  TextWatcher* watcher;
   // How many messages the text holds once written.
   std::size_t messages = 0;
 };
@@ -56,7 +123,11 @@ std::shared_ptr<QVSession> QVSession::initWithSessionID(std::string sessionID) {
   return std::make_shared<QVSession>(std::move(sessionID));
 }
 
-QVSession::~QVSession() = default;
+QVSession::~QVSession() {
+  // Lanes kept by posting threads must not reach the counter any more.
+  std::lock_guard lock(mutex_);
+  closeLanesLocked();
+}
 
 bool QVSession::addMessage(std::shared_ptr<QVMessage> message) {
   if (!message || !fileMessage(message)) return false;
@@ -69,10 +140,22 @@ bool QVSession::addMessage(std::shared_ptr<QVMessage> message) {
 
 bool QVSession::fileMessage(const std::shared_ptr<QVMessage>& message) {
   if (!message) return false;
+  const std::shared_ptr<Lane> lane = laneForThisThread();
+  return lane && lane->add(message);
+}
+
+std::shared_ptr<QVSession::Lane> QVSession::laneForThisThread() {
+  const std::thread::id self = std::this_thread::get_id();
   std::lock_guard lock(mutex_);
-  if (closed_.load(std::memory_order_relaxed)) return false;
-  messages_.push_back(message);
-  return true;
+  if (closed_.load(std::memory_order_relaxed)) return nullptr;
+  for (const auto& lane : lanes_) {
+    if (lane->owner() == self) return lane;
+  }
+  return lanes_.emplace_back(std::make_shared<Lane>(self, sequence_));
+}
+
+bool QVSession::fileInLane(Lane& lane, const std::shared_ptr<QVMessage>& message) {
+  return message && lane.add(message);
 }
 
 void QVSession::logAdded(std::shared_ptr<QVMessage> message) {
@@ -81,7 +164,45 @@ void QVSession::logAdded(std::shared_ptr<QVMessage> message) {
 
 void QVSession::close() {
   std::lock_guard lock(mutex_);
+  if (closed_.load(std::memory_order_relaxed)) return;
+  closeLanesLocked();
+  messages_ = mergedLocked();
+  for (const auto& lane : lanes_) {
+    std::lock_guard laneLock(lane->mutex());
+    lane->clearLocked();
+  }
+  lanes_.clear();
   closed_.store(true, std::memory_order_release);
+}
+
+void QVSession::closeLanesLocked() {
+  for (const auto& lane : lanes_) lane->mutex().lock();
+  for (const auto& lane : lanes_) lane->closeLocked();
+  for (const auto& lane : lanes_) lane->mutex().unlock();
+}
+
+// Every lane is locked while its runs are read, so that the copy is one
+// moment of the session: an add either is in it or began after it.
+QVSession::MessageList QVSession::mergedLocked() const {
+  for (const auto& lane : lanes_) lane->mutex().lock();
+  struct Unlock {
+    const std::vector<std::shared_ptr<Lane>>& lanes;
+    ~Unlock() {
+      for (const auto& lane : lanes) lane->mutex().unlock();
+    }
+  } unlock{lanes_};
+  std::vector<Lane::Run> runs;
+  std::size_t total = 0;
+  for (const auto& lane : lanes_) {
+    lane->appendRuns(runs);
+    total += lane->sizeLocked();
+  }
+  std::sort(runs.begin(), runs.end(),
+            [](const Lane::Run& a, const Lane::Run& b) { return a.first < b.first; });
+  MessageList merged;
+  merged.reserve(total);
+  for (const auto& run : runs) merged.insert(merged.end(), run.begin, run.end);
+  return merged;
 }
 
 bool QVSession::isClosed() const { return closed_.load(std::memory_order_acquire); }
@@ -91,7 +212,7 @@ bool QVSession::isClosed() const { return closed_.load(std::memory_order_acquire
 const QVSession::MessageList& QVSession::messagesToWrite(MessageList& copy) const {
   std::lock_guard lock(mutex_);
   if (closed_.load(std::memory_order_relaxed)) return messages_;
-  copy = messages_;
+  copy = mergedLocked();
   return copy;
 }
 
@@ -127,10 +248,11 @@ QVValue QVSession::jsonDictionary() const {
 
 std::string QVSession::toJson() const { return QVCoreExtensions::toJson(jsonDictionary()); }
 
-bool QVSession::appendJson(std::string& out, std::size_t* messagesWritten) const {
+bool QVSession::appendJson(std::string& out, std::size_t* messagesWritten,
+                           TextWatcher* watcher) const {
   const std::size_t start = out.size();
   try {
-    Writer writer(out);
+    Writer writer(out, watcher);
     writeMembers(writer);
     if (messagesWritten) *messagesWritten = writer.messages;
     return true;
@@ -138,6 +260,7 @@ bool QVSession::appendJson(std::string& out, std::size_t* messagesWritten) const
     noteSwallowed(__func__);
     // Out of memory: the session is left out, the text as it was.
     out.resize(start);
+    if (watcher) watcher->cut(start);
     return false;
   }
 }
@@ -176,7 +299,7 @@ void QVSession::writeMembers(Writer& writer) const {
   const std::size_t beforeMessages = out.size();
   writeKey(out, first, "messages");
   if (!writeMessages(writer)) {
-    out.resize(beforeMessages);
+    writer.cutTo(beforeMessages);
     out += '}';
     return;
   }
@@ -212,6 +335,7 @@ bool QVSession::writeMessages(Writer& writer) const {
     }
     out += ',';
     writer.json.value(dict);
+    if (writer.watcher) writer.watcher->grew(out);
   }
   out += ']';
   writer.messages = list->size();
@@ -240,12 +364,19 @@ void QVSession::setSessionID(std::optional<std::string> sessionID) {
 
 QVSession::MessageList QVSession::messages() const {
   std::lock_guard lock(mutex_);
-  return messages_;
+  if (closed_.load(std::memory_order_relaxed)) return messages_;
+  return mergedLocked();
 }
 
 std::size_t QVSession::messageCount() const {
   std::lock_guard lock(mutex_);
-  return messages_.size();
+  if (closed_.load(std::memory_order_relaxed)) return messages_.size();
+  std::size_t count = 0;
+  for (const auto& lane : lanes_) {
+    std::lock_guard laneLock(lane->mutex());
+    count += lane->sizeLocked();
+  }
+  return count;
 }
 
 }  // namespace qv

@@ -139,8 +139,13 @@ TEST(QVQueueTest, ConcurrentPostsAreSentExactlyOnce) {
   std::multiset<uint64_t> seen;
   auto collect = [&](const QVQueue& queue) {
     for (const auto& [id, session] : queue.sessions()) {
+      // Each thread's messages keep its order within a session.
+      std::vector<uint64_t> last(kThreads, 0);
       for (const auto& message : session->jsonSerializedMessages()) {
-        seen.insert(message.at("offset").get<uint64_t>());
+        const auto offset = message.at("offset").get<uint64_t>();
+        ASSERT_LE(last[offset / 1000000000ull], offset);
+        last[offset / 1000000000ull] = offset + 1;
+        seen.insert(offset);
       }
     }
   };
@@ -158,6 +163,48 @@ TEST(QVQueueTest, ConcurrentPostsAreSentExactlyOnce) {
   for (const auto& offsets : accepted) expected.insert(offsets.begin(), offsets.end());
   EXPECT_EQ(seen, expected);
   EXPECT_EQ(expected.size(), static_cast<size_t>(kThreads * kPosts));
+}
+
+// Two threads take turns, each post starting only after the other's has
+// returned, while flushes cut the queue: whatever lane each message went
+// into, the payloads (read through toJson and through the sessions' lists,
+// as the URL-encoded path does) carry them once each, in posting order.
+TEST(QVQueueTest, TurnTakingPostsKeepTheirOrderAcrossFlushes) {
+  auto live = std::make_shared<QVQueue>();
+  constexpr uint64_t kPosts = 4000;
+  std::atomic<uint64_t> next{0};
+  std::atomic<bool> refused{false};
+  std::vector<std::thread> posters;
+  for (uint64_t t = 0; t < 2; ++t) {
+    posters.emplace_back([&, t] {
+      for (uint64_t k = t; k < kPosts; k += 2) {
+        while (next.load() != k) std::this_thread::yield();
+        if (!live->postMessageToSessionID(messageWithOffset(k), "S")) refused = true;
+        next.store(k + 1);
+      }
+    });
+  }
+  std::vector<uint64_t> sent;
+  auto collect = [&](const QVQueue& queue, bool asPayload) {
+    if (asPayload) {
+      for (const auto& [id, offsets] : contents(queue.toJson()))
+        sent.insert(sent.end(), offsets.begin(), offsets.end());
+      return;
+    }
+    for (const auto& [id, session] : queue.sessions())
+      for (const auto& message : session->messages()) sent.push_back(message->offset());
+  };
+  for (int flushes = 0; next.load() < kPosts; ++flushes) {
+    auto snapshot = QVQueue::initWithQueue(live);
+    live->flush();
+    collect(*snapshot, flushes % 2 == 0);
+  }
+  for (auto& poster : posters) poster.join();
+  collect(*live, true);
+
+  EXPECT_FALSE(refused);
+  ASSERT_EQ(sent.size(), kPosts);
+  for (uint64_t k = 0; k < kPosts; ++k) ASSERT_EQ(sent[k], k) << "message " << k;
 }
 
 }  // namespace

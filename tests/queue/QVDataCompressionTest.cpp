@@ -3,6 +3,11 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <random>
+
+#include "queue/QVDataCompressionStream.h"
+#include "qvcore/model/QVQueue.h"
+#include "support/QVFieldsMessage.h"
 #include "support/QVGzip.h"
 
 namespace qv {
@@ -90,6 +95,82 @@ TEST_F(QVDataCompressionTest, FailuresGiveTheInputItselfAndEndWhatWasStarted) {
   calls.deflateResult = Z_STREAM_ERROR;
   EXPECT_EQ(QVDataCompression::compressData(input), input);
   EXPECT_EQ(calls.deflate, 1);
+  EXPECT_EQ(calls.end, 1);
+}
+
+// Text that is written in uneven steps, some of it random (deflate's
+// hardest case, stored blocks), some of it repetitive.
+std::string mixedText(std::size_t size, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string text;
+  while (text.size() < size) {
+    if (random() % 3 == 0) {
+      for (int i = 0; i < 3000; ++i) text += static_cast<char>(random());
+    } else {
+      text += R"({"offset":)" + std::to_string(random() % 1000) + R"(,"name":"screen/view"},)";
+    }
+  }
+  text.resize(size);
+  return text;
+}
+
+// Feeds text to the stream as a writer would, in steps of 1 to 9,000 bytes.
+Bytes streamed(const std::string& text, unsigned seed) {
+  std::mt19937 random(seed);
+  QVDataCompressionStream stream;
+  std::string out;
+  while (out.size() < text.size()) {
+    out.append(text, out.size(), 1 + random() % 9000);
+    stream.grew(out);
+  }
+  return stream.finish(text);
+}
+
+// The body sent is the one compressData gives for the whole text, whatever
+// the size (under one stretch, on a stretch's edge, many stretches), the
+// content, or how the writer's steps fall; a writer that cuts back text
+// already handed over gets the whole text compressed anew.
+TEST_F(QVDataCompressionTest, CompressingWhileWritingGivesTheSameBytes) {
+  const std::size_t sizes[] = {1,
+                               QVDataCompressionStream::kChunk - 1,
+                               QVDataCompressionStream::kChunk,
+                               QVDataCompressionStream::kChunk + 1,
+                               3 * QVDataCompressionStream::kChunk + 17,
+                               1200000};
+  unsigned seed = 1;
+  for (const std::size_t size : sizes) {
+    const std::string text = mixedText(size, ++seed);
+    const Bytes whileWritten = streamed(text, ++seed);
+    EXPECT_EQ(*whileWritten, *QVDataCompression::compressData(bytes(text))) << size << " bytes";
+  }
+
+  auto queue = std::make_shared<QVQueue>();
+  for (uint64_t i = 0; i < 3000; ++i)
+    queue->postMessageToSessionID(
+        std::make_shared<test::QVFieldsMessage>(
+            QVValue{{"n", i}, {"screen", "home/" + std::to_string(i % 7)}, {"x", i * 0.25}}),
+        "S" + std::to_string(i % 3));
+  QVDataCompressionStream stream;
+  const std::string payload = queue->toJson(&stream);
+  ASSERT_GT(payload.size(), 2 * QVDataCompressionStream::kChunk);
+  const Bytes whileWritten = stream.finish(payload);
+  EXPECT_EQ(*whileWritten, *QVDataCompression::compressData(bytes(payload)));
+
+  QVDataCompressionStream cutBack;
+  std::string out = mixedText(2 * QVDataCompressionStream::kChunk, 7);
+  cutBack.grew(out);
+  out.resize(100);
+  cutBack.cut(100);
+  out += mixedText(2 * QVDataCompressionStream::kChunk, 8);
+  cutBack.grew(out);
+  const Bytes afterCut = cutBack.finish(out);
+  EXPECT_EQ(*afterCut, *QVDataCompression::compressData(bytes(out)));
+}
+
+TEST_F(QVDataCompressionTest, AStreamThatFailsGivesTheTextBack) {
+  const std::string text = mixedText(5 * QVDataCompressionStream::kChunk, 3);
+  calls.deflateResult = Z_STREAM_ERROR;
+  EXPECT_EQ(*streamed(text, 4), text);
   EXPECT_EQ(calls.end, 1);
 }
 

@@ -11,6 +11,7 @@
 #include "qvcore/platform/QVRepeatingTimer.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
+#include "qvcore/queue/QVDataCompression.h"
 #include "qvcore/queue/QVServerConnection.h"
 #include "support/QVGzip.h"
 #include "support/QVQueueServiceTestSupport.h"
@@ -111,6 +112,20 @@ TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
       EXPECT_EQ(request->allHTTPHeaderFields().size(), gzipped ? 2u : 1u);
     }
   }
+
+  // A flushed payload of many stretches, compressed while it is written:
+  // the very bytes that compressing the finished text gives.
+  auto module = defineModule("Alpha");
+  ASSERT_TRUE(service->enable());
+  for (uint64_t i = 0; i < 20000; ++i) post(module, i);
+  service->flushQueues();
+  ASSERT_EQ(session->taskCount(), 1u);
+  const auto sent = session->task(0).body;
+  const std::string text = test::gunzip(*sent).value_or("");
+  EXPECT_GT(text.size(), 4 * 65536u);
+  EXPECT_EQ(*sent, *QVDataCompression::compressData(std::make_shared<const std::string>(text)));
+  EXPECT_EQ(session->task(0).request.valueForHTTPHeaderField("Content-Length"),
+            std::to_string(sent->size()));
 }
 
 TEST_F(QVQueueServiceTest, TheTimerRunsOnlyForIntervalPostingAndFlushesOnTheEnablingLoop) {

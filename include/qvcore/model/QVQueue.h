@@ -78,6 +78,14 @@ class QV_EXPORT QVQueue {
   // is not UTF-8 has each bad sequence replaced by U+FFFD, so one module's
   // bad value never empties the body that carries every other message.
   std::string toJson() const;
+  // The same, the writing of the payload shown to watcher (see
+  // QVSession::appendJson); a cached text is answered without it.
+  std::string toJson(QVSession::TextWatcher* watcher) const;
+
+  // Keeps text as the answer of the next toJson(), once, after which the
+  // payload is written anew: the flush writes a payload while compressing
+  // it and hands the connection that very text.
+  void keepPayload(std::string text);
 
   // Drops the sessions that the last initWithQueue took (all of them when
   // none was taken since the previous flush), closes them, and adds 1 to the
@@ -117,7 +125,7 @@ class QV_EXPORT QVQueue {
   void insertLocked(const std::string& id, std::shared_ptr<QVSession> session);
   void reindexLocked();
   // The payload, and how many messages it holds.
-  std::string writeJson(std::size_t& written) const;
+  std::string writeJson(std::size_t& written, QVSession::TextWatcher* watcher) const;
   // The payload of a queue without sessions.
   static std::string emptyPayload(int32_t serial);
   std::shared_ptr<QVSession> lookUp(const std::optional<std::string>& sessionID, bool makeCurrent);
@@ -127,7 +135,20 @@ class QV_EXPORT QVQueue {
   // there is one; refused when there is no usable identifier.
   Filing fileInKnownSession(const std::shared_ptr<QVMessage>& message,
                             const std::optional<std::string>& sessionID);
+  // Files the message through the lane this thread kept for the current
+  // session, when the queue has not changed its current session (or been
+  // flushed) since; no lock of the queue's is taken.
+  bool fileThroughKeptLane(const std::shared_ptr<QVMessage>& message,
+                           const std::optional<std::string>& sessionID) const;
+  // Keeps the lane the thread filed into; mutex_ held.
+  void keepLaneLocked(std::shared_ptr<QVSession::Lane> lane) const;
+  // A change of the current session or of the sessions; mutex_ held.
+  void movedLocked() { moves_.fetch_add(1, std::memory_order_release); }
 
+  // Names the queue in the posting threads' kept lanes.
+  const uint64_t id_;
+  // Moves whenever a kept lane may no longer be the current session's.
+  std::atomic<uint64_t> moves_{0};
   const std::optional<std::string> jsonPayload_;
   const std::size_t carriedMessages_;  // by jsonPayload_
   static constexpr std::size_t kNoPayloadYet = static_cast<std::size_t>(-1);
@@ -142,6 +163,7 @@ class QV_EXPORT QVQueue {
   // How many of the first sessions the last snapshot took, until a flush.
   std::optional<std::size_t> snapshotCut_;
   std::string currentSessionID_;
+  mutable std::optional<std::string> keptPayload_;
   // index_[currentSessionID_] when that was last looked up; spares the hot
   // path a hash of the identifier.
   std::shared_ptr<QVSession> currentSession_;

@@ -26,9 +26,18 @@ namespace qv {
 // before the close, and is sent with the snapshot, or answers false. Nothing
 // can add to a session that is being destroyed, since adding needs a
 // reference that keeps it alive; closing is what stands for destruction.
+//
+// While open, each posting thread files into a lane of its own, so that
+// threads posting to one session share no lock and no list; a number drawn
+// from the session's counter at each add orders the lanes' messages, and
+// every reader (and the close, once for all) sees them merged in that
+// order: each thread's own order, and an add that began after another had
+// returned comes after it.
 class QV_EXPORT QVSession {
  public:
   using MessageList = std::vector<std::shared_ptr<QVMessage>>;
+  // One posting thread's messages in one session; defined in the source.
+  class Lane;
 
   // init: starts now, records the core's current session identifier, has no
   // identifier of its own.
@@ -49,6 +58,11 @@ class QV_EXPORT QVSession {
   // held, hands it to the JSON test log.
   bool fileMessage(const std::shared_ptr<QVMessage>& message);
   static void logAdded(std::shared_ptr<QVMessage> message);
+  // The calling thread's lane, made on its first add; null once closed. A
+  // poster may keep it and file through it without asking the session
+  // again: fileInLane() answers false once the session has been closed.
+  std::shared_ptr<Lane> laneForThisThread();
+  static bool fileInLane(Lane& lane, const std::shared_ptr<QVMessage>& message);
 
   // Refuses every later add; the messages stay. Closing twice is harmless.
   void close();
@@ -69,7 +83,20 @@ class QV_EXPORT QVSession {
   // itself, not the payload. False, with out as it was, only when memory
   // runs out. messagesWritten, when given, receives how many messages the
   // text holds: none when a message's jsonDictionary() threw.
-  bool appendJson(std::string& out, std::size_t* messagesWritten = nullptr) const;
+  //
+  // A watcher, when given, is shown the text after each message and told of
+  // every cut back, so that it can take finished stretches (to compress
+  // them) while the rest is still being written.
+  class TextWatcher {
+   public:
+    virtual ~TextWatcher() = default;
+    // out has grown; text before out.size() stays unless cut() says so.
+    virtual void grew(const std::string& out) = 0;
+    // out was cut back to size, dropping what was written after it.
+    virtual void cut(std::size_t size) = 0;
+  };
+  bool appendJson(std::string& out, std::size_t* messagesWritten = nullptr,
+                  TextWatcher* watcher = nullptr) const;
 
   std::optional<std::string> coreSessionID() const;
   void setCoreSessionID(std::optional<std::string> coreSessionID);
@@ -88,6 +115,11 @@ class QV_EXPORT QVSession {
   bool writeMessages(Writer& writer) const;
   // The messages to serialise: the list itself once closed, else a copy.
   const MessageList& messagesToWrite(MessageList& copy) const;
+  // The lanes' messages in the order of their numbers; mutex_ held.
+  MessageList mergedLocked() const;
+  // Marks every lane closed, all at once, so that no add lands in one lane
+  // after another's was refused; mutex_ held.
+  void closeLanesLocked();
 
   const uint64_t startTime_;
   mutable std::mutex mutex_;
@@ -95,7 +127,12 @@ class QV_EXPORT QVSession {
   // the queue's lookups. Once set, messages_ no longer changes, so readers
   // may walk it without the lock.
   std::atomic<bool> closed_{false};
+  // The merged messages, filled by close().
   MessageList messages_;
+  // The open session's lanes, one per thread that added.
+  std::vector<std::shared_ptr<Lane>> lanes_;
+  // Numbers the adds in every lane; the lanes' runs are merged by it.
+  alignas(64) std::atomic<uint64_t> sequence_{0};
   std::optional<std::string> coreSessionID_;
   std::optional<std::string> sessionID_;
 };

@@ -268,6 +268,14 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // Hands the queue to the connection; false when it was not handed over
   // (no URL, no connection, a failure before the post).
   bool postHead(const std::shared_ptr<QVQueue>& queue);
+  // With compression on, writes the queue's JSON body while compressing it
+  // on a second thread, and keeps both for the request the connection is
+  // about to build (see beforeFlushingRequestForQueue).
+  void prepareCompressedBody(const std::shared_ptr<QVQueue>& queue);
+  // The compressed form kept for this body of this queue, taken; null when
+  // none was kept for it.
+  std::shared_ptr<const std::string> takeCompressedBody(const std::shared_ptr<QVQueue>& queue,
+                                                        const std::string& body);
   void releaseOffer();
   // One step of continueFlush: posts the head, or reports the end of the
   // cycle when the list is empty.
@@ -301,6 +309,17 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // Makes snapshot-and-flush of a module queue one step, for the terminate
   // path's flush that may run beside the dispatch queue's.
   std::mutex cutMutex_;
+  // The body prepareCompressedBody wrote, known by its queue and by the
+  // address and length of its bytes, which the connection moves into the
+  // request unchanged; and its compressed form.
+  struct CompressedBody {
+    const QVQueue* queue = nullptr;
+    const char* bytes = nullptr;
+    std::size_t size = 0;
+    std::shared_ptr<const std::string> compressed;
+  };
+  std::mutex compressedMutex_;
+  CompressedBody compressed_;
   const std::unique_ptr<QVQueueFileCache> fileCache_;
 };
 
