@@ -1,6 +1,8 @@
 #include "qvcore/config/QVConfigService.h"
 
+#include <atomic>
 #include <condition_variable>
+#include <mutex>
 #include <thread>
 #include <unordered_map>
 
@@ -95,16 +97,34 @@ std::shared_ptr<QVConfigService> QVConfigService::sharedInstance() {
   return instance;
 }
 
-QVConfigService::QVConfigService() = default;
+struct QVConfigService::Impl {
+  std::atomic<bool> enabled_{false};
+
+  // Guards configurations_ and the contents of the dictionaries in it. A
+  // leaf lock: nothing outside the service runs while it is held.
+  mutable std::mutex dataMutex_;
+  Configurations configurations_;
+  // Read on every post; on a line of its own, away from the mutex that
+  // writers take.
+  alignas(64) std::atomic<uint64_t> generation_{1};
+
+  // The re-entrant lock of the two writers that persist; it is held while
+  // the module saves, so that saves of one configuration do not interleave.
+  std::recursive_mutex configurationsLock_;
+};
+
+QVConfigService::QVConfigService() : impl_(std::make_unique<Impl>()) {}
 QVConfigService::~QVConfigService() = default;
 
+bool QVConfigService::isEnabled() const { return impl_->enabled_.load(); }
+
 bool QVConfigService::enable() {
-  enabled_ = true;
+  impl_->enabled_ = true;
   return true;
 }
 
 bool QVConfigService::disable() {
-  enabled_ = false;
+  impl_->enabled_ = false;
   return true;
 }
 
@@ -148,25 +168,25 @@ QVValue QVConfigService::mergedFileConfig(const std::string& path) const {
 
 bool QVConfigService::storeLoadedConfig(const std::string& name, QVValue merged,
                                         const QVValue& pending) {
-  std::lock_guard lock(dataMutex_);
+  std::lock_guard lock(impl_->dataMutex_);
   changedLocked();
-  auto it = configurations_.find(name);
-  if (it != configurations_.end() && it->second) {
+  auto it = impl_->configurations_.find(name);
+  if (it != impl_->configurations_.end() && it->second) {
     // A load on another thread stored the same files first; the pending
     // items went to this load alone, so they are applied to that dictionary.
     mergeEntries(*it->second, pending);
     return true;
   }
-  configurations_[name] = std::make_shared<QVValue>(std::move(merged));
+  impl_->configurations_[name] = std::make_shared<QVValue>(std::move(merged));
   return true;
 }
 
 void QVConfigService::unloadConfig(const ModuleRef& module) {
   if (!module) return;
   const std::string name = module->className();
-  std::lock_guard lock(dataMutex_);
+  std::lock_guard lock(impl_->dataMutex_);
   changedLocked();
-  configurations_.erase(name);
+  impl_->configurations_.erase(name);
 }
 
 std::string QVConfigService::configFilePath(const std::string& path, const char* baseName) const {
@@ -224,30 +244,30 @@ bool QVConfigService::fileExistsAtFullPath(const std::string& path) const {
 }
 
 QVConfigService::Configurations QVConfigService::configurations() const {
-  std::lock_guard lock(dataMutex_);
-  return configurations_;
+  std::lock_guard lock(impl_->dataMutex_);
+  return impl_->configurations_;
 }
 
 void QVConfigService::setConfigurations(Configurations configurations) {
-  std::lock_guard lock(dataMutex_);
+  std::lock_guard lock(impl_->dataMutex_);
   changedLocked();
-  configurations_ = std::move(configurations);
+  impl_->configurations_ = std::move(configurations);
 }
 
 // ---- reading and changing items ----------------------------------------------
 
 QVDictionaryRef QVConfigService::storedConfig(const std::string& name) const {
-  std::lock_guard lock(dataMutex_);
-  auto it = configurations_.find(name);
-  return it == configurations_.end() ? nullptr : it->second;
+  std::lock_guard lock(impl_->dataMutex_);
+  auto it = impl_->configurations_.find(name);
+  return it == impl_->configurations_.end() ? nullptr : it->second;
 }
 
-uint64_t QVConfigService::generation() const { return generation_.load(std::memory_order_acquire); }
+uint64_t QVConfigService::generation() const { return impl_->generation_.load(std::memory_order_acquire); }
 
 // Bumped before the change it announces, under the same lock: a reader
 // that finds the new number and then reads under the lock sees the change,
 // and one that read before it finds the number moved on its next check.
-void QVConfigService::changedLocked() { generation_.fetch_add(1, std::memory_order_acq_rel); }
+void QVConfigService::changedLocked() { impl_->generation_.fetch_add(1, std::memory_order_acq_rel); }
 
 bool QVConfigService::isConfigStored(const std::string& name) const {
   return storedConfig(name) != nullptr;
@@ -271,7 +291,7 @@ std::optional<QVValue> QVConfigService::getConfigItemForLifecycleObject(const st
   try {
     QVDictionaryRef config = getConfig(module);
     if (!config) return std::nullopt;
-    std::lock_guard lock(dataMutex_);
+    std::lock_guard lock(impl_->dataMutex_);
     std::optional<QVValue> item = QVValues::objectForKey(*config, key);
     if (!item || item->is_null()) return std::nullopt;
     return item;
@@ -287,7 +307,7 @@ bool QVConfigService::updateConfigWithData(const ModuleRef& module, const QVValu
   if (items.is_null()) return true;  // No dictionary: nothing to add.
   if (!items.is_object()) return false;
   try {
-    std::lock_guard lock(dataMutex_);
+    std::lock_guard lock(impl_->dataMutex_);
     changedLocked();
     mergeEntries(*config, items);
     return true;
@@ -301,12 +321,12 @@ bool QVConfigService::setConfigItemForKeyWithValueForModule(const std::string& k
                                                             const std::optional<QVValue>& value,
                                                             const ModuleRef& module) {
   try {
-    std::lock_guard persisting(configurationsLock_);
+    std::lock_guard persisting(impl_->configurationsLock_);
     QVDictionaryRef config = getConfig(module);
     if (key.empty() || !config || !value) return false;
     if (!QVValues::isString(*value) && !QVValues::isNumber(*value)) return false;
     {
-      std::lock_guard lock(dataMutex_);
+      std::lock_guard lock(impl_->dataMutex_);
       changedLocked();
       QVValues::setValueForKey(*config, key, *value);
     }
@@ -328,12 +348,12 @@ bool QVConfigService::saveCurrentConfigurableItemsForLifeCycleObject(const QVDic
   if (!saver || !items || !items->is_object()) return false;
   try {
     const std::string name = module->className();
-    std::lock_guard persisting(configurationsLock_);
+    std::lock_guard persisting(impl_->configurationsLock_);
     QVValue snapshot;
     {
-      std::lock_guard lock(dataMutex_);
+      std::lock_guard lock(impl_->dataMutex_);
       changedLocked();
-      configurations_[name] = items;
+      impl_->configurations_[name] = items;
       snapshot = *items;
     }
     // The module saves a copy, so that updates on other threads cannot
