@@ -4,7 +4,6 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
-#include <unordered_map>
 
 #include "config/QVConfigJSONReader.h"
 #include "platform/QVSwallowed.h"
@@ -45,24 +44,6 @@ void markComplete(ServiceSingleton& s) {
   std::lock_guard lock(s.mutex);
   s.complete.store(true, std::memory_order_release);
   s.completed.notify_all();
-}
-
-// Copies every entry of from into to, replacing same-named keys. The ordered
-// dictionary finds keys by a linear scan, so large merges go through an index.
-void mergeEntries(QVValue& to, const QVValue& from) {
-  if (!from.is_object() || from.empty() || !to.is_object()) return;
-  auto& entries = static_cast<QVValue::object_t::Container&>(to.get_ref<QVValue::object_t&>());
-  std::unordered_map<std::string, std::size_t> position;
-  position.reserve(entries.size() + from.size());
-  for (std::size_t i = 0; i < entries.size(); ++i) position.emplace(entries[i].first, i);
-  for (auto it = from.begin(); it != from.end(); ++it) {
-    auto [found, added] = position.emplace(it.key(), entries.size());
-    if (added) {
-      entries.emplace_back(it.key(), it.value());
-    } else {
-      entries[found->second].second = it.value();
-    }
-  }
 }
 
 bool endsWith(const std::string& text, std::string_view suffix) {
@@ -141,7 +122,7 @@ bool QVConfigService::loadConfig(const ModuleRef& module) {
     if (storedConfig(name)) return true;
     QVValue merged = mergedFileConfig(module->settingsBundlePath());
     const QVValue pending = QVCore::sharedInstance()->takeTempConfigForModuleName(name);
-    mergeEntries(merged, pending);
+    QVValues::addEntriesFromDictionary(merged, pending);
     if (merged.empty()) return false;
     return storeLoadedConfig(name, std::move(merged), pending);
   } catch (const std::exception& e) {
@@ -161,7 +142,7 @@ QVValue QVConfigService::mergedFileConfig(const std::string& path) const {
   const std::optional<QVValue> sources[] = {basicPlistFileConfig(path), jsonConfigForBundle(path),
                                             layoutJsonConfigForBundle(path)};
   for (const std::optional<QVValue>& source : sources) {
-    if (source && source->is_object()) mergeEntries(merged, *source);
+    if (source && source->is_object()) QVValues::addEntriesFromDictionary(merged, *source);
   }
   return merged;
 }
@@ -174,7 +155,7 @@ bool QVConfigService::storeLoadedConfig(const std::string& name, QVValue merged,
   if (it != impl_->configurations_.end() && it->second) {
     // A load on another thread stored the same files first; the pending
     // items went to this load alone, so they are applied to that dictionary.
-    mergeEntries(*it->second, pending);
+    QVValues::addEntriesFromDictionary(*it->second, pending);
     return true;
   }
   impl_->configurations_[name] = std::make_shared<QVValue>(std::move(merged));
@@ -262,12 +243,16 @@ QVDictionaryRef QVConfigService::storedConfig(const std::string& name) const {
   return it == impl_->configurations_.end() ? nullptr : it->second;
 }
 
-uint64_t QVConfigService::generation() const { return impl_->generation_.load(std::memory_order_acquire); }
+uint64_t QVConfigService::generation() const {
+  return impl_->generation_.load(std::memory_order_acquire);
+}
 
 // Bumped before the change it announces, under the same lock: a reader
 // that finds the new number and then reads under the lock sees the change,
 // and one that read before it finds the number moved on its next check.
-void QVConfigService::changedLocked() { impl_->generation_.fetch_add(1, std::memory_order_acq_rel); }
+void QVConfigService::changedLocked() {
+  impl_->generation_.fetch_add(1, std::memory_order_acq_rel);
+}
 
 bool QVConfigService::isConfigStored(const std::string& name) const {
   return storedConfig(name) != nullptr;
@@ -309,7 +294,7 @@ bool QVConfigService::updateConfigWithData(const ModuleRef& module, const QVValu
   try {
     std::lock_guard lock(impl_->dataMutex_);
     changedLocked();
-    mergeEntries(*config, items);
+    QVValues::addEntriesFromDictionary(*config, items);
     return true;
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);

@@ -58,8 +58,7 @@ std::shared_ptr<QVApplicationLifecycleManager> QVApplicationLifecycleManager::in
   return std::shared_ptr<QVApplicationLifecycleManager>(new QVApplicationLifecycleManager);
 }
 
-QVApplicationLifecycleManager::QVApplicationLifecycleManager()
-    : impl_(std::make_unique<Impl>()) {}
+QVApplicationLifecycleManager::QVApplicationLifecycleManager() : impl_(std::make_unique<Impl>()) {}
 
 QVApplicationLifecycleManager::~QVApplicationLifecycleManager() {
   // The registrations are keyed by this address; a later object at the same

@@ -122,7 +122,8 @@ bool QVOrientationManager::stopMonitoringOrientationChanges() {
 }
 
 bool QVOrientationManager::orientationMonitoringRunning() const {
-  return QVDevice::currentDevice().isGeneratingDeviceOrientationNotifications() && impl_->started_.load();
+  return QVDevice::currentDevice().isGeneratingDeviceOrientationNotifications() &&
+         impl_->started_.load();
 }
 
 void QVOrientationManager::resetOrientationValues() {
@@ -202,8 +203,9 @@ void QVOrientationManager::storeReadings(int64_t deviceOrientation, int64_t uiOr
   impl_->currentUIOrientation_.store(uiOrientation);
   impl_->currentDeviceOrientationInDegrees_.store(
       getAdjustedDeviceOrientationAndUIOrientation(deviceOrientation, uiOrientation));
-  impl_->currentUIOrientationInDegrees_.store(getAdjustedUIOrientationForDeviceOrientationAndUIOrientation(
-      deviceOrientation, uiOrientation));
+  impl_->currentUIOrientationInDegrees_.store(
+      getAdjustedUIOrientationForDeviceOrientationAndUIOrientation(deviceOrientation,
+                                                                   uiOrientation));
 }
 
 }  // namespace qv

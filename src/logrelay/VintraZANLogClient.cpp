@@ -303,7 +303,9 @@ void VintraZANLogClient::setTheInStream(std::shared_ptr<QVInputStream> stream) {
   impl_->theInStream_ = std::move(stream);
 }
 
-bool VintraZANLogClient::bFirstPost() const { return impl_->bFirstPost_.load(std::memory_order_relaxed); }
+bool VintraZANLogClient::bFirstPost() const {
+  return impl_->bFirstPost_.load(std::memory_order_relaxed);
+}
 
 void VintraZANLogClient::setBFirstPost(bool firstPost) {
   impl_->bFirstPost_.store(firstPost, std::memory_order_relaxed);

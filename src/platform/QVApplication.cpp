@@ -6,6 +6,7 @@
 
 #include "QVBackgroundTaskList.h"
 #include "QVLinuxSystem.h"
+#include "core/QVCoreFrameworkVersion.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
 
@@ -19,14 +20,25 @@ constexpr int64_t kStateActive = 0;
 constexpr int64_t kStateInactive = 1;
 constexpr int64_t kStateBackground = 2;
 
-// The framework's version; a test holds it equal to QVCore's.
-constexpr char kProductToken[] = "QVCore/2.0.0.81";
-
 std::string linuxUserAgent() {
   const QVLinuxSystem::Uname& system = QVLinuxSystem::uname();
   std::string platform = system.sysname.empty() ? "Linux" : system.sysname;
   if (!system.machine.empty()) platform += " " + system.machine;
-  return "Mozilla/5.0 (X11; " + platform + ") " + kProductToken;
+  return "Mozilla/5.0 (X11; " + platform + ") QVCore/" + kQVCoreFrameworkVersion;
+}
+
+const char* notificationNameForLifecycleEvent(QVApplication::LifecycleEvent event) {
+  switch (event) {
+    case QVApplication::LifecycleEvent::kDidEnterBackground:
+      return UIApplicationDidEnterBackgroundNotification;
+    case QVApplication::LifecycleEvent::kWillEnterForeground:
+      return UIApplicationWillEnterForegroundNotification;
+    case QVApplication::LifecycleEvent::kDidBecomeActive:
+      return UIApplicationDidBecomeActiveNotification;
+    case QVApplication::LifecycleEvent::kWillTerminate:
+      return UIApplicationWillTerminateNotification;
+  }
+  return "";
 }
 
 }  // namespace
@@ -87,20 +99,6 @@ void QVApplication::setUserAgent(std::string userAgent) {
 }
 
 // Lifecycle events
-
-const char* QVApplication::notificationNameForLifecycleEvent(LifecycleEvent event) {
-  switch (event) {
-    case LifecycleEvent::kDidEnterBackground:
-      return UIApplicationDidEnterBackgroundNotification;
-    case LifecycleEvent::kWillEnterForeground:
-      return UIApplicationWillEnterForegroundNotification;
-    case LifecycleEvent::kDidBecomeActive:
-      return UIApplicationDidBecomeActiveNotification;
-    case LifecycleEvent::kWillTerminate:
-      return UIApplicationWillTerminateNotification;
-  }
-  return "";
-}
 
 void QVApplication::postLifecycleEvent(LifecycleEvent event) {
   // The state moves before the notification is delivered, so an observer

@@ -16,16 +16,6 @@ void QVClassRegistry::registerClass(const std::string& name, InstanceFactory sha
   classes_[name] = std::move(sharedInstance);
 }
 
-void QVClassRegistry::unregisterClass(const std::string& name) {
-  std::unique_lock lock(mutex_);
-  classes_.erase(name);
-}
-
-bool QVClassRegistry::hasClass(const std::string& name) const {
-  std::shared_lock lock(mutex_);
-  return classes_.count(name) != 0;
-}
-
 std::shared_ptr<QVObject> QVClassRegistry::sharedInstanceOfClass(const std::string& name) const {
   InstanceFactory factory;
   {

@@ -64,7 +64,9 @@ bool QVDevice::isGeneratingDeviceOrientationNotifications() const {
   return impl_->generatingNotifications_.load() > 0;
 }
 
-void QVDevice::beginGeneratingDeviceOrientationNotifications() { ++impl_->generatingNotifications_; }
+void QVDevice::beginGeneratingDeviceOrientationNotifications() {
+  ++impl_->generatingNotifications_;
+}
 
 void QVDevice::endGeneratingDeviceOrientationNotifications() {
   // An unmatched end is ignored rather than owed by the next begin.

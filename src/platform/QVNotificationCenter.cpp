@@ -118,7 +118,8 @@ std::vector<RegistrationRef> QVNotificationCenter::Impl::matchingRegistrations(
   return matching;
 }
 
-void QVNotificationCenter::Impl::deliver(Registration& registration, const QVNotification& notification) {
+void QVNotificationCenter::Impl::deliver(Registration& registration,
+                                         const QVNotification& notification) {
   // An earlier callback of this post may have removed this registration.
   if (!beginCall(registration)) return;
   struct CallEnd {
@@ -143,8 +144,9 @@ void QVNotificationCenter::Impl::endCall(Registration& registration) {
   if (registration.removed) idle_.notify_all();
 }
 
-std::vector<RegistrationRef> QVNotificationCenter::Impl::detachMatching(
-    const void* observer, const std::string& name, const void* sender) {
+std::vector<RegistrationRef> QVNotificationCenter::Impl::detachMatching(const void* observer,
+                                                                        const std::string& name,
+                                                                        const void* sender) {
   std::vector<RegistrationRef> detached;
   std::erase_if(registrations_, [&](const RegistrationRef& registration) {
     if (!registration->selectedBy(observer, name, sender)) return false;
@@ -156,7 +158,7 @@ std::vector<RegistrationRef> QVNotificationCenter::Impl::detachMatching(
 }
 
 void QVNotificationCenter::Impl::removeMatching(const void* observer, const std::string& name,
-                                          const void* sender) {
+                                                const void* sender) {
   // Declared before the lock so that callbacks are destroyed after it is let
   // go: their captures may reach back into the center.
   std::vector<Callback> released;

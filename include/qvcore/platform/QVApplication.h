@@ -70,10 +70,6 @@ class QV_EXPORT QVApplication {
   // run there and see the new state. Each call is an event, repeats included.
   void postLifecycleEvent(LifecycleEvent event);
   void didEnterBackground() { postLifecycleEvent(LifecycleEvent::kDidEnterBackground); }
-  void willEnterForeground() { postLifecycleEvent(LifecycleEvent::kWillEnterForeground); }
-  void didBecomeActive() { postLifecycleEvent(LifecycleEvent::kDidBecomeActive); }
-  void willTerminate() { postLifecycleEvent(LifecycleEvent::kWillTerminate); }
-  static const char* notificationNameForLifecycleEvent(LifecycleEvent event);
 
   // ---- background tasks -----------------------------------------------------
 

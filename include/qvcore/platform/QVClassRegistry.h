@@ -21,8 +21,6 @@ class QV_EXPORT QVClassRegistry {
 
   // Registers (or replaces) the class called name.
   void registerClass(const std::string& name, InstanceFactory sharedInstance);
-  void unregisterClass(const std::string& name);
-  bool hasClass(const std::string& name) const;
 
   // The single instance of the class called exactly name, or null when no
   // such class is registered.

@@ -19,13 +19,11 @@ namespace qv {
 // Thread-safe; never throws.
 class QV_EXPORT QVUserDefaults {
  public:
-  // The application's defaults, in standardUserDefaultsPath(). The path is
-  // looked up at every access, so after QVFileSystem::setHomeDirectory the
-  // next access reads and writes the file of the new home. Never destroyed.
+  // The application's defaults, in "<home>/Library/Preferences/<application
+  // identifier>.plist". The path is looked up at every access, so after
+  // QVFileSystem::setHomeDirectory the next access reads and writes the file
+  // of the new home. Never destroyed.
   static QVUserDefaults& standardUserDefaults();
-  // "<home>/Library/Preferences/<application identifier>.plist"; empty
-  // when there is no home folder.
-  static std::string standardUserDefaultsPath();
 
   // Defaults kept in the file at path.
   explicit QVUserDefaults(std::string path);
@@ -47,6 +45,9 @@ class QV_EXPORT QVUserDefaults {
   bool removeObjectForKey(const std::string& key);
 
  private:
+  // The standard file of the current home; empty when there is no home folder.
+  static std::string standardUserDefaultsPath();
+
   struct FollowHome {};
   explicit QVUserDefaults(FollowHome);
 
