@@ -1,9 +1,7 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
-#include <shared_mutex>
 #include <string>
 
 #include "qvcore/QVExport.h"
@@ -27,8 +25,12 @@ class QV_EXPORT QVClassRegistry {
   std::shared_ptr<QVObject> sharedInstanceOfClass(const std::string& name) const;
 
  private:
-  mutable std::shared_mutex mutex_;
-  std::map<std::string, InstanceFactory, std::less<>> classes_;
+  struct Impl;
+
+  QVClassRegistry();
+  ~QVClassRegistry();
+
+  const std::unique_ptr<Impl> impl_;
 };
 
 namespace detail {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -29,6 +29,7 @@ class QV_EXPORT QVUserDefaults {
   explicit QVUserDefaults(std::string path);
   QVUserDefaults(const QVUserDefaults&) = delete;
   QVUserDefaults& operator=(const QVUserDefaults&) = delete;
+  ~QVUserDefaults();
 
   // The file that the next access uses.
   std::string path() const;
@@ -57,11 +58,8 @@ class QV_EXPORT QVUserDefaults {
   // Makes values the current contents and saves them; the caller holds mutex_.
   bool saveLocked(QVValue values);
 
-  const bool followsHome_;
-  const std::string fixedPath_;
-  mutable std::mutex mutex_;
-  mutable std::optional<std::string> loadedPath_;
-  mutable QVValue values_ = QVValue::object();
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv
