@@ -19,7 +19,14 @@ add_library(qvcore_public_deps INTERFACE)
 target_link_libraries(qvcore_public_deps INTERFACE nlohmann_json::nlohmann_json Threads::Threads)
 
 add_library(qvcore_private_deps INTERFACE)
-target_compile_definitions(qvcore_private_deps INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
+# Asio chooses aligned_alloc or aligned operator new for its recycled blocks
+# from a macro of the standard library's configuration, which is only set
+# once some standard header was included. Files that included Asio first
+# chose differently from the others, and a block allocated by one was freed
+# by the other. Fixing the choice here makes every file agree, whatever it
+# includes first.
+target_compile_definitions(qvcore_private_deps INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED
+                           ASIO_DISABLE_STD_ALIGNED_ALLOC)
 target_link_libraries(qvcore_private_deps INTERFACE PkgConfig::PLIST PkgConfig::UUID ZLIB::ZLIB
                       OpenSSL::Crypto PkgConfig::ICU)
 target_link_libraries(qvcore_private_deps INTERFACE CURL::libcurl)

@@ -1,8 +1,9 @@
 #include "qvcore/config/QVConfigService.h"
 
+#include <atomic>
 #include <condition_variable>
+#include <mutex>
 #include <thread>
-#include <unordered_map>
 
 #include "config/QVConfigJSONReader.h"
 #include "platform/host/QVSwallowed.h"
@@ -45,24 +46,6 @@ void markComplete(ServiceSingleton& s) {
   s.completed.notify_all();
 }
 
-// Copies every entry of from into to, replacing same-named keys. The ordered
-// dictionary finds keys by a linear scan, so large merges go through an index.
-void mergeEntries(QVValue& to, const QVValue& from) {
-  if (!from.is_object() || from.empty() || !to.is_object()) return;
-  auto& entries = static_cast<QVValue::object_t::Container&>(to.get_ref<QVValue::object_t&>());
-  std::unordered_map<std::string, std::size_t> position;
-  position.reserve(entries.size() + from.size());
-  for (std::size_t i = 0; i < entries.size(); ++i) position.emplace(entries[i].first, i);
-  for (auto it = from.begin(); it != from.end(); ++it) {
-    auto [found, added] = position.emplace(it.key(), entries.size());
-    if (added) {
-      entries.emplace_back(it.key(), it.value());
-    } else {
-      entries[found->second].second = it.value();
-    }
-  }
-}
-
 bool endsWith(const std::string& text, std::string_view suffix) {
   return text.size() >= suffix.size() &&
          text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
@@ -95,16 +78,34 @@ std::shared_ptr<QVConfigService> QVConfigService::sharedInstance() {
   return instance;
 }
 
-QVConfigService::QVConfigService() = default;
+struct QVConfigService::Impl {
+  std::atomic<bool> enabled_{false};
+
+  // Guards configurations_ and the contents of the dictionaries in it. A
+  // leaf lock: nothing outside the service runs while it is held.
+  mutable std::mutex dataMutex_;
+  Configurations configurations_;
+  // Read on every post; on a line of its own, away from the mutex that
+  // writers take.
+  alignas(64) std::atomic<uint64_t> generation_{1};
+
+  // The re-entrant lock of the two writers that persist; it is held while
+  // the module saves, so that saves of one configuration do not interleave.
+  std::recursive_mutex configurationsLock_;
+};
+
+QVConfigService::QVConfigService() : impl_(std::make_unique<Impl>()) {}
 QVConfigService::~QVConfigService() = default;
 
+bool QVConfigService::isEnabled() const { return impl_->enabled_.load(); }
+
 bool QVConfigService::enable() {
-  enabled_ = true;
+  impl_->enabled_ = true;
   return true;
 }
 
 bool QVConfigService::disable() {
-  enabled_ = false;
+  impl_->enabled_ = false;
   return true;
 }
 
@@ -121,7 +122,7 @@ bool QVConfigService::loadConfig(const ModuleRef& module) {
     if (storedConfig(name)) return true;
     QVValue merged = mergedFileConfig(module->settingsBundlePath());
     const QVValue pending = QVCore::sharedInstance()->takeTempConfigForModuleName(name);
-    mergeEntries(merged, pending);
+    QVValues::addEntriesFromDictionary(merged, pending);
     if (merged.empty()) return false;
     return storeLoadedConfig(name, std::move(merged), pending);
   } catch (const std::exception& e) {
@@ -141,32 +142,32 @@ QVValue QVConfigService::mergedFileConfig(const std::string& path) const {
   const std::optional<QVValue> sources[] = {basicPlistFileConfig(path), jsonConfigForBundle(path),
                                             layoutJsonConfigForBundle(path)};
   for (const std::optional<QVValue>& source : sources) {
-    if (source && source->is_object()) mergeEntries(merged, *source);
+    if (source && source->is_object()) QVValues::addEntriesFromDictionary(merged, *source);
   }
   return merged;
 }
 
 bool QVConfigService::storeLoadedConfig(const std::string& name, QVValue merged,
                                         const QVValue& pending) {
-  std::lock_guard lock(dataMutex_);
+  std::lock_guard lock(impl_->dataMutex_);
   changedLocked();
-  auto it = configurations_.find(name);
-  if (it != configurations_.end() && it->second) {
+  auto it = impl_->configurations_.find(name);
+  if (it != impl_->configurations_.end() && it->second) {
     // A load on another thread stored the same files first; the pending
     // items went to this load alone, so they are applied to that dictionary.
-    mergeEntries(*it->second, pending);
+    QVValues::addEntriesFromDictionary(*it->second, pending);
     return true;
   }
-  configurations_[name] = std::make_shared<QVValue>(std::move(merged));
+  impl_->configurations_[name] = std::make_shared<QVValue>(std::move(merged));
   return true;
 }
 
 void QVConfigService::unloadConfig(const ModuleRef& module) {
   if (!module) return;
   const std::string name = module->className();
-  std::lock_guard lock(dataMutex_);
+  std::lock_guard lock(impl_->dataMutex_);
   changedLocked();
-  configurations_.erase(name);
+  impl_->configurations_.erase(name);
 }
 
 std::string QVConfigService::configFilePath(const std::string& path, const char* baseName) const {
@@ -224,30 +225,34 @@ bool QVConfigService::fileExistsAtFullPath(const std::string& path) const {
 }
 
 QVConfigService::Configurations QVConfigService::configurations() const {
-  std::lock_guard lock(dataMutex_);
-  return configurations_;
+  std::lock_guard lock(impl_->dataMutex_);
+  return impl_->configurations_;
 }
 
 void QVConfigService::setConfigurations(Configurations configurations) {
-  std::lock_guard lock(dataMutex_);
+  std::lock_guard lock(impl_->dataMutex_);
   changedLocked();
-  configurations_ = std::move(configurations);
+  impl_->configurations_ = std::move(configurations);
 }
 
 // ---- reading and changing items ----------------------------------------------
 
 QVDictionaryRef QVConfigService::storedConfig(const std::string& name) const {
-  std::lock_guard lock(dataMutex_);
-  auto it = configurations_.find(name);
-  return it == configurations_.end() ? nullptr : it->second;
+  std::lock_guard lock(impl_->dataMutex_);
+  auto it = impl_->configurations_.find(name);
+  return it == impl_->configurations_.end() ? nullptr : it->second;
 }
 
-uint64_t QVConfigService::generation() const { return generation_.load(std::memory_order_acquire); }
+uint64_t QVConfigService::generation() const {
+  return impl_->generation_.load(std::memory_order_acquire);
+}
 
 // Bumped before the change it announces, under the same lock: a reader
 // that finds the new number and then reads under the lock sees the change,
 // and one that read before it finds the number moved on its next check.
-void QVConfigService::changedLocked() { generation_.fetch_add(1, std::memory_order_acq_rel); }
+void QVConfigService::changedLocked() {
+  impl_->generation_.fetch_add(1, std::memory_order_acq_rel);
+}
 
 bool QVConfigService::isConfigStored(const std::string& name) const {
   return storedConfig(name) != nullptr;
@@ -271,7 +276,7 @@ std::optional<QVValue> QVConfigService::getConfigItemForLifecycleObject(const st
   try {
     QVDictionaryRef config = getConfig(module);
     if (!config) return std::nullopt;
-    std::lock_guard lock(dataMutex_);
+    std::lock_guard lock(impl_->dataMutex_);
     std::optional<QVValue> item = QVValues::objectForKey(*config, key);
     if (!item || item->is_null()) return std::nullopt;
     return item;
@@ -287,9 +292,9 @@ bool QVConfigService::updateConfigWithData(const ModuleRef& module, const QVValu
   if (items.is_null()) return true;  // No dictionary: nothing to add.
   if (!items.is_object()) return false;
   try {
-    std::lock_guard lock(dataMutex_);
+    std::lock_guard lock(impl_->dataMutex_);
     changedLocked();
-    mergeEntries(*config, items);
+    QVValues::addEntriesFromDictionary(*config, items);
     return true;
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
@@ -301,12 +306,12 @@ bool QVConfigService::setConfigItemForKeyWithValueForModule(const std::string& k
                                                             const std::optional<QVValue>& value,
                                                             const ModuleRef& module) {
   try {
-    std::lock_guard persisting(configurationsLock_);
+    std::lock_guard persisting(impl_->configurationsLock_);
     QVDictionaryRef config = getConfig(module);
     if (key.empty() || !config || !value) return false;
     if (!QVValues::isString(*value) && !QVValues::isNumber(*value)) return false;
     {
-      std::lock_guard lock(dataMutex_);
+      std::lock_guard lock(impl_->dataMutex_);
       changedLocked();
       QVValues::setValueForKey(*config, key, *value);
     }
@@ -328,12 +333,12 @@ bool QVConfigService::saveCurrentConfigurableItemsForLifeCycleObject(const QVDic
   if (!saver || !items || !items->is_object()) return false;
   try {
     const std::string name = module->className();
-    std::lock_guard persisting(configurationsLock_);
+    std::lock_guard persisting(impl_->configurationsLock_);
     QVValue snapshot;
     {
-      std::lock_guard lock(dataMutex_);
+      std::lock_guard lock(impl_->dataMutex_);
       changedLocked();
-      configurations_[name] = items;
+      impl_->configurations_[name] = items;
       snapshot = *items;
     }
     // The module saves a copy, so that updates on other threads cannot

@@ -1,5 +1,6 @@
 #include "qvcore/environment/QVApplicationLifecycleManager.h"
 
+#include <atomic>
 #include <chrono>
 #include <exception>
 
@@ -33,16 +34,44 @@ bool coreFlag(const char* key) {
   }
 }
 
+void backgroundTimeExpired(QVApplicationLifecycleManager& manager,
+                           std::atomic<QVBackgroundTaskIdentifier>& task) {
+  QVApplication& application = QVApplication::sharedApplication();
+  QVLog::logFormat("Background Time:%f", application.backgroundTimeRemaining());
+  QVQueueService::sharedInstance()->flushBRVApplicationWillTerminateQueues();
+  application.endBackgroundTask(task.load());
+  task.store(kUIBackgroundTaskInvalid);
+  // The second end, of the invalid identifier, does nothing and is
+  // deliberate.
+  application.endBackgroundTask(task.load());
+  task.store(kUIBackgroundTaskInvalid);
+  manager.setIsBackgroundPostingRunning(false);
+}
+
 }  // namespace
+
+struct QVApplicationLifecycleManager::Impl {
+  std::atomic<bool> isBackgroundPostingRunning_{false};
+};
 
 std::shared_ptr<QVApplicationLifecycleManager> QVApplicationLifecycleManager::init() {
   return std::shared_ptr<QVApplicationLifecycleManager>(new QVApplicationLifecycleManager);
 }
 
+QVApplicationLifecycleManager::QVApplicationLifecycleManager() : impl_(std::make_unique<Impl>()) {}
+
 QVApplicationLifecycleManager::~QVApplicationLifecycleManager() {
   // The registrations are keyed by this address; a later object at the same
   // address must not inherit them.
   QVNotificationCenter::defaultCenter().removeObserver(this);
+}
+
+bool QVApplicationLifecycleManager::isBackgroundPostingRunning() const {
+  return impl_->isBackgroundPostingRunning_.load();
+}
+
+void QVApplicationLifecycleManager::setIsBackgroundPostingRunning(bool running) {
+  impl_->isBackgroundPostingRunning_.store(running);
 }
 
 bool QVApplicationLifecycleManager::startMonitoringApplicationChanges() {
@@ -64,7 +93,7 @@ bool QVApplicationLifecycleManager::startMonitoringApplicationChanges() {
     observe(UIApplicationWillTerminateNotification,
             &QVApplicationLifecycleManager::brvApplicationWillTerminate);
   }
-  isBackgroundPostingRunning_.store(false);
+  impl_->isBackgroundPostingRunning_.store(false);
   return true;
 }
 
@@ -85,36 +114,22 @@ bool QVApplicationLifecycleManager::stopMonitoringApplicationChanges() {
     center.removeObserver(this, name, nullptr);
   }
   center.removeObserver(this);
-  isBackgroundPostingRunning_.store(false);
+  impl_->isBackgroundPostingRunning_.store(false);
   return true;
 }
 
 void QVApplicationLifecycleManager::brvApplicationDidEnterBackground(const QVNotification&) {
   if (!coreFlag(QVConfigKeys::kDoPostAppGoesToBackground)) return;
-  isBackgroundPostingRunning_.store(true);
+  impl_->isBackgroundPostingRunning_.store(true);
   // The expiration handler reads and changes the identifier, and holds the
   // manager until it has run, as the task may outlive every other owner.
   auto task = std::make_shared<std::atomic<QVBackgroundTaskIdentifier>>(kUIBackgroundTaskInvalid);
   task->store(QVApplication::sharedApplication().beginBackgroundTaskWithNameExpirationHandler(
       kBackgroundTaskName,
-      [self = shared_from_this(), task] { self->backgroundTimeExpired(*task); }));
+      [self = shared_from_this(), task] { backgroundTimeExpired(*self, *task); }));
   // Nothing is sent here: the queues go when the granted time runs out. The
   // empty unit of work on the global queue is deliberate and stays.
   QVGlobalQueue::async([] {});
-}
-
-void QVApplicationLifecycleManager::backgroundTimeExpired(
-    std::atomic<QVBackgroundTaskIdentifier>& task) {
-  QVApplication& application = QVApplication::sharedApplication();
-  QVLog::logFormat("Background Time:%f", application.backgroundTimeRemaining());
-  QVQueueService::sharedInstance()->flushBRVApplicationWillTerminateQueues();
-  application.endBackgroundTask(task.load());
-  task.store(kUIBackgroundTaskInvalid);
-  // The second end, of the invalid identifier, does nothing and is
-  // deliberate.
-  application.endBackgroundTask(task.load());
-  task.store(kUIBackgroundTaskInvalid);
-  isBackgroundPostingRunning_.store(false);
 }
 
 void QVApplicationLifecycleManager::brvApplicationWillEnterForeground(const QVNotification&) {

@@ -1,5 +1,8 @@
 #include "qvcore/environment/QVOrientationManager.h"
 
+#include <atomic>
+#include <mutex>
+
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/platform/QVApplication.h"
 #include "qvcore/platform/QVDevice.h"
@@ -54,8 +57,24 @@ std::shared_ptr<QVOrientationManager> QVOrientationManager::initWithDelegate(
   return manager;
 }
 
+struct QVOrientationManager::Impl {
+  explicit Impl(std::weak_ptr<QVOrientationManagerDelegate> delegate)
+      : delegate_(std::move(delegate)) {}
+
+  // The last device orientation accepted by orientationDidChange; 0 after a
+  // reset.
+  std::atomic<int64_t> previousOrientation_{0};
+  std::atomic<bool> started_{false};
+  mutable std::mutex delegateMutex_;
+  std::weak_ptr<QVOrientationManagerDelegate> delegate_;
+  std::atomic<int64_t> currentDeviceOrientation_{0};
+  std::atomic<int64_t> currentUIOrientation_{0};
+  std::atomic<int64_t> currentUIOrientationInDegrees_{0};
+  std::atomic<int64_t> currentDeviceOrientationInDegrees_{0};
+};
+
 QVOrientationManager::QVOrientationManager(std::weak_ptr<QVOrientationManagerDelegate> delegate)
-    : delegate_(std::move(delegate)) {}
+    : impl_(std::make_unique<Impl>(std::move(delegate))) {}
 
 QVOrientationManager::~QVOrientationManager() {
   // The registration is keyed by this address; a later object at the same
@@ -64,13 +83,13 @@ QVOrientationManager::~QVOrientationManager() {
 }
 
 std::weak_ptr<QVOrientationManagerDelegate> QVOrientationManager::delegate() const {
-  std::lock_guard lock(delegateMutex_);
-  return delegate_;
+  std::lock_guard lock(impl_->delegateMutex_);
+  return impl_->delegate_;
 }
 
 void QVOrientationManager::setDelegate(std::weak_ptr<QVOrientationManagerDelegate> delegate) {
-  std::lock_guard lock(delegateMutex_);
-  delegate_ = std::move(delegate);
+  std::lock_guard lock(impl_->delegateMutex_);
+  impl_->delegate_ = std::move(delegate);
 }
 
 bool QVOrientationManager::startMonitoringOrientationChanges() {
@@ -80,7 +99,7 @@ bool QVOrientationManager::startMonitoringOrientationChanges() {
   }
   resetOrientationValues();
   startListeningToOrientationNotifications();
-  started_.store(true);
+  impl_->started_.store(true);
   return true;
 }
 
@@ -98,29 +117,30 @@ void QVOrientationManager::startListeningToOrientationNotifications() {
 bool QVOrientationManager::stopMonitoringOrientationChanges() {
   QVNotificationCenter::defaultCenter().removeObserver(
       this, UIDeviceOrientationDidChangeNotification, nullptr);
-  started_.store(false);
+  impl_->started_.store(false);
   return true;
 }
 
 bool QVOrientationManager::orientationMonitoringRunning() const {
-  return QVDevice::currentDevice().isGeneratingDeviceOrientationNotifications() && started_.load();
+  return QVDevice::currentDevice().isGeneratingDeviceOrientationNotifications() &&
+         impl_->started_.load();
 }
 
 void QVOrientationManager::resetOrientationValues() {
   storeReadings(QVDevice::currentDevice().orientation(),
                 QVApplication::sharedApplication().statusBarOrientation());
-  previousOrientation_.store(0);
+  impl_->previousOrientation_.store(0);
 }
 
 void QVOrientationManager::orientationDidChange() {
   if (QVConfigService::sharedInstance()->turnOffCorrectOrientationUpdates()) return;
   const int64_t orientation = QVDevice::currentDevice().orientation();
-  if (orientation == previousOrientation_.load()) return;
+  if (orientation == impl_->previousOrientation_.load()) return;
   // Not remembered either: turning back after lying flat is no change.
   if (saysNothingAboutTheView(orientation)) return;
-  previousOrientation_.store(orientation);
+  impl_->previousOrientation_.store(orientation);
   storeReadings(orientation, QVApplication::sharedApplication().statusBarOrientation());
-  notifyDeviceOrienationChanged(currentDeviceOrientation_.load());
+  notifyDeviceOrienationChanged(impl_->currentDeviceOrientation_.load());
 }
 
 void QVOrientationManager::notifyDeviceOrienationChanged(int64_t deviceOrientation) {
@@ -162,13 +182,30 @@ int64_t QVOrientationManager::getAdjustedUIOrientationForDeviceOrientationAndUIO
   return degreesFor(kUIDegrees, deviceOrientation, uiOrientation);
 }
 
+int64_t QVOrientationManager::currentDeviceOrientation() const {
+  return impl_->currentDeviceOrientation_.load();
+}
+
+int64_t QVOrientationManager::currentUIOrientation() const {
+  return impl_->currentUIOrientation_.load();
+}
+
+int64_t QVOrientationManager::currentDeviceOrientationInDegrees() const {
+  return impl_->currentDeviceOrientationInDegrees_.load();
+}
+
+int64_t QVOrientationManager::currentUIOrientationInDegrees() const {
+  return impl_->currentUIOrientationInDegrees_.load();
+}
+
 void QVOrientationManager::storeReadings(int64_t deviceOrientation, int64_t uiOrientation) {
-  currentDeviceOrientation_.store(deviceOrientation);
-  currentUIOrientation_.store(uiOrientation);
-  currentDeviceOrientationInDegrees_.store(
+  impl_->currentDeviceOrientation_.store(deviceOrientation);
+  impl_->currentUIOrientation_.store(uiOrientation);
+  impl_->currentDeviceOrientationInDegrees_.store(
       getAdjustedDeviceOrientationAndUIOrientation(deviceOrientation, uiOrientation));
-  currentUIOrientationInDegrees_.store(getAdjustedUIOrientationForDeviceOrientationAndUIOrientation(
-      deviceOrientation, uiOrientation));
+  impl_->currentUIOrientationInDegrees_.store(
+      getAdjustedUIOrientationForDeviceOrientationAndUIOrientation(deviceOrientation,
+                                                                   uiOrientation));
 }
 
 }  // namespace qv

@@ -4,10 +4,12 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <mutex>
 
 #include "logrelay/QVLogRelayBuffer.h"
 #include "qvcore/platform/QVBundle.h"
@@ -64,7 +66,36 @@ std::string applicationName() {
   return found->is_string() ? found->get<std::string>() : found->dump();
 }
 
+std::string runHeader() {
+  return "ZAN_SDK_START_NEW_RUN_FOR_APP\t" + applicationName() + "\t" + formattedNow() + "\n";
+}
+
+bool canWriteNow(const QVOutputStream& stream) {
+  // Opening, or open without room: the stream's next event brings the
+  // writer back, so the main loop never waits on the tool. In any other
+  // state the write is tried, so that the stream raises and says why.
+  switch (stream.streamStatus()) {
+    case QVByteStream::kStatusOpening:
+      return false;
+    case QVByteStream::kStatusOpen:
+      return stream.hasSpaceAvailable();
+    default:
+      return true;
+  }
+}
+
 }  // namespace
+
+struct VintraZANLogClient::Impl {
+  mutable std::mutex mutex_;
+  std::shared_ptr<QVNetServiceBrowser> theServiceBrowser_;
+  std::shared_ptr<QVNetService> theService_;
+  std::shared_ptr<QVOutputStream> theOutStream_;
+  std::shared_ptr<QVInputStream> theInStream_;
+  std::atomic<bool> bFirstPost_{false};
+  // Touched only on the main run loop.
+  QVLogRelayBuffer pending_;
+};
 
 std::shared_ptr<VintraZANLogClient> VintraZANLogClient::onlyVintraZANLogClient() {
   // Made once and never destroyed: a module may still post while the
@@ -92,11 +123,7 @@ void VintraZANLogClient::postToZANVintraSDKTool(const std::string& text) {
   });
 }
 
-std::string VintraZANLogClient::runHeader() {
-  return "ZAN_SDK_START_NEW_RUN_FOR_APP\t" + applicationName() + "\t" + formattedNow() + "\n";
-}
-
-VintraZANLogClient::VintraZANLogClient() : pending_(std::make_unique<QVLogRelayBuffer>()) {}
+VintraZANLogClient::VintraZANLogClient() : impl_(std::make_unique<Impl>()) {}
 
 VintraZANLogClient::~VintraZANLogClient() = default;
 
@@ -123,33 +150,22 @@ void VintraZANLogClient::write(const std::string& text) {
     return;
   }
   if (text.empty()) return;
-  pending_->add(text);
+  impl_->pending_.add(text);
   writePending(*stream);
-}
-
-bool VintraZANLogClient::canWriteNow(const QVOutputStream& stream) {
-  // Opening, or open without room: the stream's next event brings the
-  // writer back, so the main loop never waits on the tool. In any other
-  // state the write is tried, so that the stream raises and says why.
-  switch (stream.streamStatus()) {
-    case QVByteStream::kStatusOpening:
-      return false;
-    case QVByteStream::kStatusOpen:
-      return stream.hasSpaceAvailable();
-    default:
-      return true;
-  }
 }
 
 void VintraZANLogClient::writePending(QVOutputStream& stream) {
   try {
-    while (pending_->size() > 0 && canWriteNow(stream)) {
-      // A stream that cannot take bytes raises, so the count is used as it is.
-      const ptrdiff_t written = stream.write(pending_->data(), pending_->size());
-      pending_->consume(static_cast<size_t>(written));
+    QVLogRelayBuffer& pending = impl_->pending_;
+    while (pending.size() > 0 && canWriteNow(stream)) {
+      // A stream that takes nothing now tells when it has room; what it did
+      // not take waits in the bounded buffer until then.
+      const ptrdiff_t written = stream.write(pending.data(), pending.size());
+      if (written <= 0) break;
+      pending.consume(static_cast<size_t>(written));
     }
   } catch (const std::exception& caught) {
-    pending_->clear();
+    impl_->pending_.clear();
     QVLog::log(std::string("Caught: ") + caught.what());
   }
 }
@@ -248,49 +264,51 @@ void VintraZANLogClient::streamHandleEvent(const std::shared_ptr<QVByteStream>& 
 }
 
 std::shared_ptr<QVNetServiceBrowser> VintraZANLogClient::theServiceBrowser() const {
-  std::lock_guard lock(mutex_);
-  return theServiceBrowser_;
+  std::lock_guard lock(impl_->mutex_);
+  return impl_->theServiceBrowser_;
 }
 
 void VintraZANLogClient::setTheServiceBrowser(std::shared_ptr<QVNetServiceBrowser> browser) {
-  std::lock_guard lock(mutex_);
-  theServiceBrowser_ = std::move(browser);
+  std::lock_guard lock(impl_->mutex_);
+  impl_->theServiceBrowser_ = std::move(browser);
 }
 
 std::shared_ptr<QVNetService> VintraZANLogClient::theService() const {
-  std::lock_guard lock(mutex_);
-  return theService_;
+  std::lock_guard lock(impl_->mutex_);
+  return impl_->theService_;
 }
 
 void VintraZANLogClient::setTheService(std::shared_ptr<QVNetService> service) {
-  std::lock_guard lock(mutex_);
-  theService_ = std::move(service);
+  std::lock_guard lock(impl_->mutex_);
+  impl_->theService_ = std::move(service);
 }
 
 std::shared_ptr<QVOutputStream> VintraZANLogClient::theOutStream() const {
-  std::lock_guard lock(mutex_);
-  return theOutStream_;
+  std::lock_guard lock(impl_->mutex_);
+  return impl_->theOutStream_;
 }
 
 void VintraZANLogClient::setTheOutStream(std::shared_ptr<QVOutputStream> stream) {
-  std::lock_guard lock(mutex_);
-  theOutStream_ = std::move(stream);
+  std::lock_guard lock(impl_->mutex_);
+  impl_->theOutStream_ = std::move(stream);
 }
 
 std::shared_ptr<QVInputStream> VintraZANLogClient::theInStream() const {
-  std::lock_guard lock(mutex_);
-  return theInStream_;
+  std::lock_guard lock(impl_->mutex_);
+  return impl_->theInStream_;
 }
 
 void VintraZANLogClient::setTheInStream(std::shared_ptr<QVInputStream> stream) {
-  std::lock_guard lock(mutex_);
-  theInStream_ = std::move(stream);
+  std::lock_guard lock(impl_->mutex_);
+  impl_->theInStream_ = std::move(stream);
 }
 
-bool VintraZANLogClient::bFirstPost() const { return bFirstPost_.load(std::memory_order_relaxed); }
+bool VintraZANLogClient::bFirstPost() const {
+  return impl_->bFirstPost_.load(std::memory_order_relaxed);
+}
 
 void VintraZANLogClient::setBFirstPost(bool firstPost) {
-  bFirstPost_.store(firstPost, std::memory_order_relaxed);
+  impl_->bFirstPost_.store(firstPost, std::memory_order_relaxed);
 }
 
 }  // namespace qv

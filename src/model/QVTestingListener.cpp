@@ -1,5 +1,6 @@
 #include "qvcore/model/QVTestingListener.h"
 
+#include <mutex>
 #include <utility>
 
 #include "qvcore/model/QVTestingHelper.h"
@@ -7,7 +8,12 @@
 
 namespace qv {
 
-QVTestingListener::QVTestingListener() {
+struct QVTestingListener::Impl {
+  mutable std::mutex mutex_;
+  std::vector<QVValue> jsonMessages_;
+};
+
+QVTestingListener::QVTestingListener() : impl_(std::make_unique<Impl>()) {
   QVNotificationCenter::defaultCenter().addObserver(
       this, QVTestingHelper::kJsonLoggingName, nullptr,
       [this](const QVNotification& notification) { handleJsonNotification(notification); });
@@ -25,24 +31,24 @@ QVTestingListener::~QVTestingListener() {
 void QVTestingListener::handleJsonNotification(const QVNotification& notification) {
   const auto dictionary = QVTestingHelper::jsonDictionaryOfNotification(notification);
   if (!dictionary) return;
-  std::lock_guard lock(mutex_);
-  jsonMessages_.push_back(*dictionary);
+  std::lock_guard lock(impl_->mutex_);
+  impl_->jsonMessages_.push_back(*dictionary);
 }
 
 std::vector<QVValue> QVTestingListener::getJsonStackWithFlush(bool flush) {
-  std::lock_guard lock(mutex_);
-  if (flush) return std::exchange(jsonMessages_, {});
-  return jsonMessages_;
+  std::lock_guard lock(impl_->mutex_);
+  if (flush) return std::exchange(impl_->jsonMessages_, {});
+  return impl_->jsonMessages_;
 }
 
 std::vector<QVValue> QVTestingListener::jsonMessages() const {
-  std::lock_guard lock(mutex_);
-  return jsonMessages_;
+  std::lock_guard lock(impl_->mutex_);
+  return impl_->jsonMessages_;
 }
 
 void QVTestingListener::setJsonMessages(std::vector<QVValue> jsonMessages) {
-  std::lock_guard lock(mutex_);
-  jsonMessages_ = std::move(jsonMessages);
+  std::lock_guard lock(impl_->mutex_);
+  impl_->jsonMessages_ = std::move(jsonMessages);
 }
 
 }  // namespace qv

@@ -4,6 +4,7 @@
 
 #include "model/QVJsonWriter.h"
 #include "platform/host/QVSwallowed.h"
+#include "platform/value/QVJsonParse.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCookieProvider.h"
 #include "qvcore/core/QVCore.h"
@@ -46,26 +47,10 @@ std::optional<std::string> headerText(const QVValue& value) {
   }
 }
 
-struct TooDeep {};
-
 // The payload as a dictionary; discarded when it is not JSON. A nested
 // value is written into the query recursively, so text nested deeper than
 // any message (a damaged cache file) is refused as a whole here.
-QVValue payloadOf(const std::string& json) {
-  const auto limitDepth = [](int depth, QVValue::parse_event_t event, QVValue&) {
-    if ((event == QVValue::parse_event_t::object_start ||
-         event == QVValue::parse_event_t::array_start) &&
-        depth >= QVPropertyList::kMaxNestingDepth) {
-      throw TooDeep{};
-    }
-    return true;
-  };
-  try {
-    return QVValue::parse(json, limitDepth, false);
-  } catch (const TooDeep&) {
-    return QVValue(QVValue::value_t::discarded);
-  }
-}
+QVValue payloadOf(const std::string& json) { return QVJsonParse::withDepthLimit<QVValue>(json); }
 
 // The query string a URL-encoded post carries; none, with the reason in
 // problem, when the payload itself rules one out. Such a payload never

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <atomic>
 #include <cstring>
@@ -82,6 +83,17 @@ class Peer {
   }
   // Reads until text has arrived, the peer's end, or 10 s without data.
   std::string receiveUntil(const std::string& text) { return test::receiveUntil(accepted_, text); }
+  // Exactly count bytes, which the kernel already holds for this end.
+  std::string receive(size_t count) {
+    std::string got;
+    char buffer[65536];
+    while (got.size() < count) {
+      const ssize_t n = ::recv(accepted_, buffer, std::min(sizeof buffer, count - got.size()), 0);
+      if (n <= 0) break;
+      got.append(buffer, static_cast<size_t>(n));
+    }
+    return got;
+  }
   void send(const std::string& text) { test::sendAll(accepted_, text); }
   // True once the other side has ended the connection.
   bool seesEnd() {
@@ -185,6 +197,25 @@ TEST_F(QVLogRelaySocketStreamTest, AClosedStreamSaysNothingMoreAndTakesNothing) 
   loop_.runUntilIdle();
   EXPECT_TRUE(log_->events.empty()) << "events of closed streams are dropped";
   EXPECT_THROW(write(*output_, "x"), QVStreamException);
+}
+
+// A peer that stops reading fills the connection: a write then takes
+// nothing at once, leaving the stream open, and the stream says when it has
+// room again.
+TEST_F(QVLogRelaySocketStreamTest, AFullConnectionTakesNothingAtOnceAndTellsWhenItHasRoom) {
+  Peer peer(4096);
+  open(peer.address());
+  ASSERT_TRUE(peer.accept());
+  ASSERT_TRUE(await(output_, QVByteStream::kEventOpenCompleted));
+  const std::string chunk(64 * 1024, '.');
+  ptrdiff_t taken = 1;
+  size_t total = 0;
+  for (int n = 0; n < 1000 && taken > 0; ++n) total += (taken = write(*output_, chunk));
+  EXPECT_EQ(taken, 0) << "the full connection took nothing, without waiting for room";
+  EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusOpen);
+  log_->events.clear();
+  EXPECT_EQ(peer.receive(total).size(), total);
+  EXPECT_TRUE(await(output_, QVByteStream::kEventHasSpaceAvailable));
 }
 
 // The relay itself in front of a tool that stops reading: its writes never

@@ -8,14 +8,14 @@
 #include "QVCollectorPayloadCheck.h"
 #include "QVCollectorQuery.h"
 
+#include "platform/value/QVText.h"
+
 namespace qv::collector {
 
 namespace {
 
-std::string trimmedLower(std::string text) {
-  const auto space = [](unsigned char c) { return std::isspace(c) != 0; };
-  text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), space));
-  text.erase(std::find_if_not(text.rbegin(), text.rend(), space).base(), text.end());
+std::string trimmedLower(std::string_view blanked) {
+  std::string text(QVText::trimmed(blanked, " \t\n\v\f\r"));
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return text;

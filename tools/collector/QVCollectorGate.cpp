@@ -1,21 +1,17 @@
 #include "QVCollectorGate.h"
 
-#include <strings.h>
-
 #include <algorithm>
+
+#include "platform/value/QVText.h"
 
 namespace qv::collector {
 
 namespace {
 
-bool sameText(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && ::strcasecmp(a.c_str(), b.c_str()) == 0;
-}
-
 std::vector<std::string> valuesOf(const QVCollectorRequest::Headers& headers, const char* name) {
   std::vector<std::string> values;
   for (const auto& [key, value] : headers) {
-    if (sameText(key, name)) values.push_back(value);
+    if (QVText::equalsIgnoringCase(key, name)) values.push_back(value);
   }
   return values;
 }
@@ -77,13 +73,15 @@ bool QVCollectorGate::isThisCollector(const std::string& host) const {
   const std::string name = hasPort ? host.substr(0, colon) : host;
   const std::string port = hasPort ? host.substr(colon + 1) : "80";
   if (port != std::to_string(port_)) return false;
-  return std::any_of(names_.begin(), names_.end(),
-                     [&name](const std::string& each) { return sameText(each, name); });
+  return std::any_of(names_.begin(), names_.end(), [&name](const std::string& each) {
+    return QVText::equalsIgnoringCase(each, name);
+  });
 }
 
 bool QVCollectorGate::isOwnOrigin(const std::string& origin) const {
   constexpr std::string_view kScheme = "http://";
-  if (origin.size() <= kScheme.size() || !sameText(origin.substr(0, kScheme.size()), "http://")) {
+  if (origin.size() <= kScheme.size() ||
+      !QVText::equalsIgnoringCase(origin.substr(0, kScheme.size()), "http://")) {
     return false;
   }
   return isThisCollector(origin.substr(kScheme.size()));

@@ -10,19 +10,14 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/value/QVText.h"
+
 namespace qv::collector {
 
 namespace {
 
 // A bound on a head kept, past what cpp-httplib itself accepts.
 constexpr size_t kHeadLimit = 1 << 20;
-
-std::string trimmed(std::string_view text) {
-  const size_t first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return "";
-  const size_t last = text.find_last_not_of(" \t\r");
-  return std::string(text.substr(first, last - first + 1));
-}
 
 void addressOf(const sockaddr_storage& address, std::string& ip, int& port) {
   char text[INET6_ADDRSTRLEN] = {};
@@ -72,7 +67,8 @@ QVCollectorRequest::Headers QVCollectorSocketStream::headers() const {
         start + 1, end == std::string::npos ? std::string::npos : end - start - 1);
     const size_t colon = line.find(':');
     if (colon != std::string_view::npos) {
-      headers.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
+      headers.emplace_back(QVText::trimmed(line.substr(0, colon), " \t\r"),
+                           QVText::trimmed(line.substr(colon + 1), " \t\r"));
     }
     start = end;
   }

@@ -2,15 +2,14 @@
 
 #include <cctype>
 
+#include "platform/value/QVText.h"
+
 namespace qv::shell {
 namespace {
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-std::string trimRight(std::string s) {
-  while (!s.empty() && isBlank(s.back())) s.pop_back();
-  return s;
-}
+std::string trimRight(std::string_view s) { return std::string(QVText::trimmedRight(s)); }
 
 // Reads a quoted text starting at the opening quote; advances pos past the
 // closing quote.

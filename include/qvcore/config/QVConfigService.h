@@ -1,10 +1,8 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -44,7 +42,7 @@ class QV_EXPORT QVConfigService : public QVLifecycleObject {
   std::string className() const override { return "QVConfigService"; }
   bool enable() override;
   bool disable() override;
-  bool isEnabled() const override { return enabled_.load(); }
+  bool isEnabled() const override;
   // The core's settings bundle (QVBundle::coreSettingsBundlePath).
   std::string settingsBundlePath() const override;
 
@@ -158,6 +156,8 @@ class QV_EXPORT QVConfigService : public QVLifecycleObject {
   ~QVConfigService() override;
 
  private:
+  struct Impl;
+
   QVConfigService();
 
   QVDictionaryRef storedConfig(const std::string& name) const;
@@ -171,19 +171,7 @@ class QV_EXPORT QVConfigService : public QVLifecycleObject {
   bool coreBool(const char* key, bool defaultValue);
   QVValue coreNumber(const char* key, const QVValue& defaultValue);
 
-  std::atomic<bool> enabled_{false};
-
-  // Guards configurations_ and the contents of the dictionaries in it. A
-  // leaf lock: nothing outside this class runs while it is held.
-  mutable std::mutex dataMutex_;
-  Configurations configurations_;
-  // Read on every post; on a line of its own, away from the mutex that
-  // writers take.
-  alignas(64) std::atomic<uint64_t> generation_{1};
-
-  // The re-entrant lock of the two writers that persist; it is held while
-  // the module saves, so that saves of one configuration do not interleave.
-  std::recursive_mutex configurationsLock_;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

@@ -105,7 +105,7 @@ class QV_EXPORT QVCore : public QVLifecycleObject {
   // enable and after a successful disable.
   std::optional<ModuleRegistry> classReferences() const;
   int32_t currentLoggingLevel() const;
-  std::string frameworkVersion() const { return "2.0.0.81"; }
+  std::string frameworkVersion() const;
 
   // Configuration of modules by name. Reads of a module that cannot be found
   // give none (or the default); see QVApplicationHelper for the checked front.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 
 #include "qvcore/QVExport.h"
@@ -39,8 +38,8 @@ class QV_EXPORT QVApplicationLifecycleManager
   // True from the moment a background task is requested until its expiration
   // handler has run; every start and stop of monitoring clears it. A refused
   // task never expires, so the flag then stays set until that clearing.
-  bool isBackgroundPostingRunning() const { return isBackgroundPostingRunning_.load(); }
-  void setIsBackgroundPostingRunning(bool running) { isBackgroundPostingRunning_.store(running); }
+  bool isBackgroundPostingRunning() const;
+  void setIsBackgroundPostingRunning(bool running);
 
   void brvApplicationDidEnterBackground(const QVNotification& notification);
   void brvApplicationWillEnterForeground(const QVNotification& notification);
@@ -51,13 +50,14 @@ class QV_EXPORT QVApplicationLifecycleManager
   QVApplicationLifecycleManager& operator=(const QVApplicationLifecycleManager&) = delete;
 
  private:
-  QVApplicationLifecycleManager() = default;
+  struct Impl;
+
+  QVApplicationLifecycleManager();
 
   using Handler = void (QVApplicationLifecycleManager::*)(const QVNotification&);
   void observe(const char* name, Handler handler);
-  void backgroundTimeExpired(std::atomic<QVBackgroundTaskIdentifier>& task);
 
-  std::atomic<bool> isBackgroundPostingRunning_{false};
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

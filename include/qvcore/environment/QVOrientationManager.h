@@ -1,9 +1,7 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -19,7 +17,7 @@ namespace qv {
 //
 // Device orientation events come as QVDevice notifications on the main run
 // loop, where the manager handles them. The readers may be called from any
-// thread: the fields are atomics, read one at a time.
+// thread: each reading is an atomic, read one at a time.
 class QV_EXPORT QVOrientationManager : public std::enable_shared_from_this<QVOrientationManager> {
  public:
   // A stopped manager holding the orientations of this moment.
@@ -63,31 +61,22 @@ class QV_EXPORT QVOrientationManager : public std::enable_shared_from_this<QVOri
   static int64_t getAdjustedUIOrientationForDeviceOrientationAndUIOrientation(
       int64_t deviceOrientation, int64_t uiOrientation);
 
-  int64_t currentDeviceOrientation() const { return currentDeviceOrientation_.load(); }
-  int64_t currentUIOrientation() const { return currentUIOrientation_.load(); }
-  int64_t currentDeviceOrientationInDegrees() const {
-    return currentDeviceOrientationInDegrees_.load();
-  }
-  int64_t currentUIOrientationInDegrees() const { return currentUIOrientationInDegrees_.load(); }
+  int64_t currentDeviceOrientation() const;
+  int64_t currentUIOrientation() const;
+  int64_t currentDeviceOrientationInDegrees() const;
+  int64_t currentUIOrientationInDegrees() const;
 
   QVOrientationManager(const QVOrientationManager&) = delete;
   QVOrientationManager& operator=(const QVOrientationManager&) = delete;
 
  private:
+  struct Impl;
+
   explicit QVOrientationManager(std::weak_ptr<QVOrientationManagerDelegate> delegate);
 
   void storeReadings(int64_t deviceOrientation, int64_t uiOrientation);
 
-  // The last device orientation accepted by orientationDidChange; 0 after a
-  // reset.
-  std::atomic<int64_t> previousOrientation_{0};
-  std::atomic<bool> started_{false};
-  mutable std::mutex delegateMutex_;
-  std::weak_ptr<QVOrientationManagerDelegate> delegate_;
-  std::atomic<int64_t> currentDeviceOrientation_{0};
-  std::atomic<int64_t> currentUIOrientation_{0};
-  std::atomic<int64_t> currentUIOrientationInDegrees_{0};
-  std::atomic<int64_t> currentDeviceOrientationInDegrees_{0};
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,7 +15,6 @@
 namespace qv {
 
 class QVInputStream;
-class QVLogRelayBuffer;
 class QVNetService;
 class QVNetServiceBrowser;
 class QVOutputStream;
@@ -95,19 +92,12 @@ class QV_EXPORT VintraZANLogClient : public QVObject,
   void setBFirstPost(bool firstPost);
 
  private:
-  static std::string runHeader();
-  static bool canWriteNow(const QVOutputStream& stream);
+  struct Impl;
+
   void write(const std::string& text);
   void writePending(QVOutputStream& stream);
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<QVNetServiceBrowser> theServiceBrowser_;
-  std::shared_ptr<QVNetService> theService_;
-  std::shared_ptr<QVOutputStream> theOutStream_;
-  std::shared_ptr<QVInputStream> theInStream_;
-  std::atomic<bool> bFirstPost_{false};
-  // Touched only on the main run loop.
-  std::unique_ptr<QVLogRelayBuffer> pending_;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

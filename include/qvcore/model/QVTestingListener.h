@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "qvcore/QVExport.h"
@@ -36,8 +35,8 @@ class QV_EXPORT QVTestingListener {
   void setJsonMessages(std::vector<QVValue> jsonMessages);
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<QVValue> jsonMessages_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,8 +10,6 @@
 #include "qvcore/QVExport.h"
 
 namespace qv {
-
-class QVBackgroundTaskList;
 
 // Posted on the main run loop, with the application as sender, for each
 // lifecycle event the host reports.
@@ -74,10 +70,6 @@ class QV_EXPORT QVApplication {
   // run there and see the new state. Each call is an event, repeats included.
   void postLifecycleEvent(LifecycleEvent event);
   void didEnterBackground() { postLifecycleEvent(LifecycleEvent::kDidEnterBackground); }
-  void willEnterForeground() { postLifecycleEvent(LifecycleEvent::kWillEnterForeground); }
-  void didBecomeActive() { postLifecycleEvent(LifecycleEvent::kDidBecomeActive); }
-  void willTerminate() { postLifecycleEvent(LifecycleEvent::kWillTerminate); }
-  static const char* notificationNameForLifecycleEvent(LifecycleEvent event);
 
   // ---- background tasks -----------------------------------------------------
 
@@ -115,19 +107,12 @@ class QV_EXPORT QVApplication {
   QVApplication& operator=(const QVApplication&) = delete;
 
  private:
+  struct Impl;
+
   QVApplication();
   ~QVApplication();
 
-  std::atomic<int64_t> statusBarOrientation_{0};
-  std::atomic<bool> refusesBackgroundTasks_{false};
-  // Shared with the expiry tasks posted on the main loop.
-  const std::shared_ptr<QVBackgroundTaskList> backgroundTasks_;
-
-  // Guards the fields below.
-  mutable std::mutex mutex_;
-  std::optional<int64_t> applicationState_ = 0;
-  std::string userAgent_;
-  std::optional<double> backgroundTimeRemaining_;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

@@ -56,11 +56,11 @@ class QV_EXPORT QVBundle {
   static void addSearchPath(const std::string& path);
   static void clearSearchPaths();
 
+ private:
   // Full path of the file that holds this library's code: the shared
   // library, or the executable into which it was linked.
   static std::string libraryPath();
 
- private:
   std::string bundlePath_;
   std::vector<std::string> resourceFolders_;
 };

@@ -57,7 +57,6 @@ class QV_EXPORT QVByteStream : public std::enable_shared_from_this<QVByteStream>
 
   // Events go to loop from now on; loop must outlive the scheduling.
   void scheduleInRunLoop(QVRunLoop& loop);
-  void removeFromRunLoop(QVRunLoop& loop);
 
   // "<ClassName: 0x...>", for log lines.
   virtual std::string description() const;

@@ -1,9 +1,7 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
-#include <shared_mutex>
 #include <string>
 
 #include "qvcore/QVExport.h"
@@ -21,16 +19,18 @@ class QV_EXPORT QVClassRegistry {
 
   // Registers (or replaces) the class called name.
   void registerClass(const std::string& name, InstanceFactory sharedInstance);
-  void unregisterClass(const std::string& name);
-  bool hasClass(const std::string& name) const;
 
   // The single instance of the class called exactly name, or null when no
   // such class is registered.
   std::shared_ptr<QVObject> sharedInstanceOfClass(const std::string& name) const;
 
  private:
-  mutable std::shared_mutex mutex_;
-  std::map<std::string, InstanceFactory, std::less<>> classes_;
+  struct Impl;
+
+  QVClassRegistry();
+  ~QVClassRegistry();
+
+  const std::unique_ptr<Impl> impl_;
 };
 
 namespace detail {

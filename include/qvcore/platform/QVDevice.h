@@ -1,8 +1,7 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -74,22 +73,14 @@ class QV_EXPORT QVDevice {
   QVDevice& operator=(const QVDevice&) = delete;
 
  private:
-  QVDevice() = default;
+  struct Impl;
+
+  QVDevice();
+  ~QVDevice();
 
   void postOrientationDidChange();
 
-  std::atomic<int64_t> orientation_{0};
-  std::atomic<int64_t> generatingNotifications_{0};
-  std::atomic<float> batteryLevel_{-1.0f};
-  std::atomic<uint64_t> physicalMemory_{0};
-  std::atomic<uint64_t> userMemory_{0};
-
-  // Guards the host's texts below.
-  mutable std::mutex mutex_;
-  std::string systemName_;
-  std::string systemVersion_;
-  std::string model_;
-  std::vector<std::string> preferredLanguages_;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

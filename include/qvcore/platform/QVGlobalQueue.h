@@ -9,7 +9,7 @@ namespace qv {
 
 // The process's shared concurrent queue of default priority: tasks submitted
 // from any thread run on a small pool of worker threads, several at a time
-// and in no promised order. The pool grows on demand up to maxWorkers() and
+// and in no promised order. The pool grows on demand (up to 8 threads) and
 // lives as long as the process. An exception that escapes a task ends the
 // process through std::terminate, as it would on a serial queue.
 class QV_EXPORT QVGlobalQueue {
@@ -17,7 +17,6 @@ class QV_EXPORT QVGlobalQueue {
   using Task = std::function<void()>;
 
   static void async(Task task);
-  static size_t maxWorkers();
 };
 
 }  // namespace qv

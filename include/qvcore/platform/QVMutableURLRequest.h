@@ -33,7 +33,6 @@ class QV_EXPORT QVMutableURLRequest {
   static bool isValidURL(const std::string& url);
 
   const std::string& URL() const { return url_; }
-  void setURL(std::string url) { url_ = std::move(url); }
 
   // "GET" unless set.
   const std::string& HTTPMethod() const { return method_; }
@@ -42,7 +41,6 @@ class QV_EXPORT QVMutableURLRequest {
   const std::vector<Header>& allHTTPHeaderFields() const { return headers_; }
   std::optional<std::string> valueForHTTPHeaderField(const std::string& field) const;
   void setValueForHTTPHeaderField(const std::string& value, const std::string& field);
-  void removeValueForHTTPHeaderField(const std::string& field);
 
   // Null when the request has no body. The bytes are shared, not copied,
   // with copies of the request and with the tasks that send them.

@@ -1,15 +1,13 @@
 #pragma once
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "qvcore/QVExport.h"
 #include "qvcore/platform/QVNotification.h"
+#include "qvcore/platform/QVValue.h"
 
 namespace qv {
 
@@ -22,6 +20,10 @@ class QV_EXPORT QVNotificationCenter {
   using Callback = std::function<void(const QVNotification&)>;
 
   static QVNotificationCenter& defaultCenter();
+
+  // A center of its own, apart from the default one.
+  QVNotificationCenter();
+  ~QVNotificationCenter();
 
   // observer identifies the registration for removal; an empty name matches
   // every name, a null sender every sender. Registering twice delivers twice.
@@ -42,22 +44,9 @@ class QV_EXPORT QVNotificationCenter {
   size_t observationCount(const void* observer) const;
 
  private:
-  struct Registration;
-  using RegistrationRef = std::shared_ptr<Registration>;
+  struct Impl;
 
-  std::vector<RegistrationRef> matchingRegistrations(const QVNotification& notification) const;
-  void deliver(Registration& registration, const QVNotification& notification);
-  bool beginCall(Registration& registration);
-  void endCall(Registration& registration);
-  // Takes the selected registrations out of the list; the caller holds mutex_.
-  std::vector<RegistrationRef> detachMatching(const void* observer, const std::string& name,
-                                              const void* sender);
-  void removeMatching(const void* observer, const std::string& name, const void* sender);
-
-  mutable std::mutex mutex_;
-  // Signalled when a call of a removed registration ends.
-  std::condition_variable idle_;
-  std::vector<RegistrationRef> registrations_;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

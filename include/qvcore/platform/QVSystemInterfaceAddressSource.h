@@ -31,12 +31,14 @@ class QV_EXPORT QVSystemInterfaceAddressSource : public QVInterfaceAddressSource
  public:
   std::optional<std::vector<QVInterfaceAddress>> interfaceAddresses() override;
 
-  static std::map<std::string, std::string> interfaceNameMap();
   static void setInterfaceNameMap(std::map<std::string, std::string> map);
 
   // The map written as "from=to" items separated by commas; blanks around
   // names are dropped, and items without both names are skipped.
   static std::map<std::string, std::string> parseInterfaceNameMap(std::string_view text);
+
+ private:
+  static std::map<std::string, std::string> interfaceNameMap();
 };
 
 }  // namespace qv

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -19,18 +19,17 @@ namespace qv {
 // Thread-safe; never throws.
 class QV_EXPORT QVUserDefaults {
  public:
-  // The application's defaults, in standardUserDefaultsPath(). The path is
-  // looked up at every access, so after QVFileSystem::setHomeDirectory the
-  // next access reads and writes the file of the new home. Never destroyed.
+  // The application's defaults, in "<home>/Library/Preferences/<application
+  // identifier>.plist". The path is looked up at every access, so after
+  // QVFileSystem::setHomeDirectory the next access reads and writes the file
+  // of the new home. Never destroyed.
   static QVUserDefaults& standardUserDefaults();
-  // "<home>/Library/Preferences/<application identifier>.plist"; empty
-  // when there is no home folder.
-  static std::string standardUserDefaultsPath();
 
   // Defaults kept in the file at path.
   explicit QVUserDefaults(std::string path);
   QVUserDefaults(const QVUserDefaults&) = delete;
   QVUserDefaults& operator=(const QVUserDefaults&) = delete;
+  ~QVUserDefaults();
 
   // The file that the next access uses.
   std::string path() const;
@@ -47,6 +46,9 @@ class QV_EXPORT QVUserDefaults {
   bool removeObjectForKey(const std::string& key);
 
  private:
+  // The standard file of the current home; empty when there is no home folder.
+  static std::string standardUserDefaultsPath();
+
   struct FollowHome {};
   explicit QVUserDefaults(FollowHome);
 
@@ -56,11 +58,8 @@ class QV_EXPORT QVUserDefaults {
   // Makes values the current contents and saves them; the caller holds mutex_.
   bool saveLocked(QVValue values);
 
-  const bool followsHome_;
-  const std::string fixedPath_;
-  mutable std::mutex mutex_;
-  mutable std::optional<std::string> loadedPath_;
-  mutable QVValue values_ = QVValue::object();
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/value/QVText.h"
+
 namespace qv {
 
 namespace {
@@ -19,15 +21,8 @@ bool isNameChar(char c) {
   return std::isalnum(u) || c == '_' || c == '-' || c == ':' || c == '.';
 }
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) ==
-                  std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
 bool isContainerName(std::string_view name) {
-  return equalsIgnoringCase(name, "array") || equalsIgnoringCase(name, "dict");
+  return QVText::equalsIgnoringCase(name, "array") || QVText::equalsIgnoringCase(name, "dict");
 }
 
 std::string_view nameAt(std::string_view s, std::size_t pos) {

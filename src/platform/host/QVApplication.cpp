@@ -1,7 +1,10 @@
 #include "qvcore/platform/QVApplication.h"
 
+#include <atomic>
 #include <limits>
+#include <mutex>
 
+#include "core/QVCoreFrameworkVersion.h"
 #include "platform/host/QVLinuxSystem.h"
 #include "platform/runloop/QVBackgroundTaskList.h"
 #include "qvcore/platform/QVNotificationCenter.h"
@@ -17,14 +20,25 @@ constexpr int64_t kStateActive = 0;
 constexpr int64_t kStateInactive = 1;
 constexpr int64_t kStateBackground = 2;
 
-// The framework's version; a test holds it equal to QVCore's.
-constexpr char kProductToken[] = "QVCore/2.0.0.81";
-
 std::string linuxUserAgent() {
   const QVLinuxSystem::Uname& system = QVLinuxSystem::uname();
   std::string platform = system.sysname.empty() ? "Linux" : system.sysname;
   if (!system.machine.empty()) platform += " " + system.machine;
-  return "Mozilla/5.0 (X11; " + platform + ") " + kProductToken;
+  return "Mozilla/5.0 (X11; " + platform + ") QVCore/" + kQVCoreFrameworkVersion;
+}
+
+const char* notificationNameForLifecycleEvent(QVApplication::LifecycleEvent event) {
+  switch (event) {
+    case QVApplication::LifecycleEvent::kDidEnterBackground:
+      return UIApplicationDidEnterBackgroundNotification;
+    case QVApplication::LifecycleEvent::kWillEnterForeground:
+      return UIApplicationWillEnterForegroundNotification;
+    case QVApplication::LifecycleEvent::kDidBecomeActive:
+      return UIApplicationDidBecomeActiveNotification;
+    case QVApplication::LifecycleEvent::kWillTerminate:
+      return UIApplicationWillTerminateNotification;
+  }
+  return "";
 }
 
 }  // namespace
@@ -35,56 +49,56 @@ QVApplication& QVApplication::sharedApplication() {
   return *application;
 }
 
-QVApplication::QVApplication() : backgroundTasks_(std::make_shared<QVBackgroundTaskList>()) {}
+struct QVApplication::Impl {
+  std::atomic<int64_t> statusBarOrientation_{0};
+  std::atomic<bool> refusesBackgroundTasks_{false};
+  // Shared with the expiry tasks posted on the main loop.
+  const std::shared_ptr<QVBackgroundTaskList> backgroundTasks_ =
+      std::make_shared<QVBackgroundTaskList>();
+
+  // Guards the fields below.
+  mutable std::mutex mutex_;
+  std::optional<int64_t> applicationState_ = 0;
+  std::string userAgent_;
+  std::optional<double> backgroundTimeRemaining_;
+};
+
+QVApplication::QVApplication() : impl_(std::make_unique<Impl>()) {}
 
 QVApplication::~QVApplication() = default;
 
-int64_t QVApplication::statusBarOrientation() const { return statusBarOrientation_.load(); }
+int64_t QVApplication::statusBarOrientation() const { return impl_->statusBarOrientation_.load(); }
 
 void QVApplication::setStatusBarOrientation(int64_t orientation) {
   const bool known = orientation >= 0 && orientation <= kLastInterfaceOrientation;
-  statusBarOrientation_.store(known ? orientation : 0);
+  impl_->statusBarOrientation_.store(known ? orientation : 0);
 }
 
 std::optional<int64_t> QVApplication::applicationState() const {
-  std::lock_guard lock(mutex_);
-  return applicationState_;
+  std::lock_guard lock(impl_->mutex_);
+  return impl_->applicationState_;
 }
 
 void QVApplication::setApplicationState(std::optional<int64_t> state) {
-  std::lock_guard lock(mutex_);
-  applicationState_ = state;
+  std::lock_guard lock(impl_->mutex_);
+  impl_->applicationState_ = state;
 }
 
 std::string QVApplication::userAgent() const {
   {
-    std::lock_guard lock(mutex_);
-    if (!userAgent_.empty()) return userAgent_;
+    std::lock_guard lock(impl_->mutex_);
+    if (!impl_->userAgent_.empty()) return impl_->userAgent_;
   }
   static const std::string linuxAgent = linuxUserAgent();
   return linuxAgent;
 }
 
 void QVApplication::setUserAgent(std::string userAgent) {
-  std::lock_guard lock(mutex_);
-  userAgent_ = std::move(userAgent);
+  std::lock_guard lock(impl_->mutex_);
+  impl_->userAgent_ = std::move(userAgent);
 }
 
 // Lifecycle events
-
-const char* QVApplication::notificationNameForLifecycleEvent(LifecycleEvent event) {
-  switch (event) {
-    case LifecycleEvent::kDidEnterBackground:
-      return UIApplicationDidEnterBackgroundNotification;
-    case LifecycleEvent::kWillEnterForeground:
-      return UIApplicationWillEnterForegroundNotification;
-    case LifecycleEvent::kDidBecomeActive:
-      return UIApplicationDidBecomeActiveNotification;
-    case LifecycleEvent::kWillTerminate:
-      return UIApplicationWillTerminateNotification;
-  }
-  return "";
-}
 
 void QVApplication::postLifecycleEvent(LifecycleEvent event) {
   // The state moves before the notification is delivered, so an observer
@@ -112,36 +126,36 @@ void QVApplication::postLifecycleEvent(LifecycleEvent event) {
 QVBackgroundTaskIdentifier QVApplication::beginBackgroundTaskWithNameExpirationHandler(
     const std::string& name, std::function<void()> expirationHandler) {
   if (refusesBackgroundTasks()) return kUIBackgroundTaskInvalid;
-  return backgroundTasks_->begin(name, std::move(expirationHandler));
+  return impl_->backgroundTasks_->begin(name, std::move(expirationHandler));
 }
 
 void QVApplication::endBackgroundTask(QVBackgroundTaskIdentifier task) {
-  if (task != kUIBackgroundTaskInvalid) backgroundTasks_->end(task);
+  if (task != kUIBackgroundTaskInvalid) impl_->backgroundTasks_->end(task);
 }
 
 std::vector<std::string> QVApplication::backgroundTaskNames() const {
-  return backgroundTasks_->names();
+  return impl_->backgroundTasks_->names();
 }
 
 double QVApplication::backgroundTimeRemaining() const {
-  std::lock_guard lock(mutex_);
-  return backgroundTimeRemaining_.value_or(std::numeric_limits<double>::max());
+  std::lock_guard lock(impl_->mutex_);
+  return impl_->backgroundTimeRemaining_.value_or(std::numeric_limits<double>::max());
 }
 
 void QVApplication::setBackgroundTimeRemaining(std::optional<double> seconds) {
   if (seconds && !(*seconds >= 0.0)) seconds = 0.0;  // negative or NaN
-  std::lock_guard lock(mutex_);
-  backgroundTimeRemaining_ = seconds;
+  std::lock_guard lock(impl_->mutex_);
+  impl_->backgroundTimeRemaining_ = seconds;
 }
 
 void QVApplication::expireBackgroundTasks() {
-  QVRunLoop::main().post([tasks = backgroundTasks_] { tasks->expireAll(); });
+  QVRunLoop::main().post([tasks = impl_->backgroundTasks_] { tasks->expireAll(); });
 }
 
-bool QVApplication::refusesBackgroundTasks() const { return refusesBackgroundTasks_.load(); }
+bool QVApplication::refusesBackgroundTasks() const { return impl_->refusesBackgroundTasks_.load(); }
 
 void QVApplication::setRefusesBackgroundTasks(bool refuses) {
-  refusesBackgroundTasks_.store(refuses);
+  impl_->refusesBackgroundTasks_.store(refuses);
 }
 
 }  // namespace qv

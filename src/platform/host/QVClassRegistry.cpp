@@ -1,8 +1,19 @@
 #include "qvcore/platform/QVClassRegistry.h"
 
+#include <map>
 #include <mutex>
+#include <shared_mutex>
 
 namespace qv {
+
+struct QVClassRegistry::Impl {
+  mutable std::shared_mutex mutex_;
+  std::map<std::string, InstanceFactory, std::less<>> classes_;
+};
+
+QVClassRegistry::QVClassRegistry() : impl_(std::make_unique<Impl>()) {}
+
+QVClassRegistry::~QVClassRegistry() = default;
 
 QVClassRegistry& QVClassRegistry::shared() {
   // Never destroyed: registrations run during static initialisation and
@@ -12,26 +23,16 @@ QVClassRegistry& QVClassRegistry::shared() {
 }
 
 void QVClassRegistry::registerClass(const std::string& name, InstanceFactory sharedInstance) {
-  std::unique_lock lock(mutex_);
-  classes_[name] = std::move(sharedInstance);
-}
-
-void QVClassRegistry::unregisterClass(const std::string& name) {
-  std::unique_lock lock(mutex_);
-  classes_.erase(name);
-}
-
-bool QVClassRegistry::hasClass(const std::string& name) const {
-  std::shared_lock lock(mutex_);
-  return classes_.count(name) != 0;
+  std::unique_lock lock(impl_->mutex_);
+  impl_->classes_[name] = std::move(sharedInstance);
 }
 
 std::shared_ptr<QVObject> QVClassRegistry::sharedInstanceOfClass(const std::string& name) const {
   InstanceFactory factory;
   {
-    std::shared_lock lock(mutex_);
-    auto it = classes_.find(name);
-    if (it == classes_.end()) return nullptr;
+    std::shared_lock lock(impl_->mutex_);
+    auto it = impl_->classes_.find(name);
+    if (it == impl_->classes_.end()) return nullptr;
     factory = it->second;
   }
   // Called outside the lock: a factory may itself look classes up.

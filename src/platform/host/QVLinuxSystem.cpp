@@ -10,24 +10,19 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "platform/value/QVText.h"
+
 namespace qv {
 
 namespace {
 
-std::string trimmed(const std::string& text) {
-  // Device-tree strings end with a NUL; sysfs values with a newline.
-  const auto blank = [](char c) {
-    return c == '\0' || std::isspace(static_cast<unsigned char>(c));
-  };
-  const auto first = std::find_if_not(text.begin(), text.end(), blank);
-  const auto last = std::find_if_not(text.rbegin(), text.rend(), blank).base();
-  return first < last ? std::string(first, last) : std::string();
-}
+// Device-tree strings end with a NUL; sysfs values with a newline.
+constexpr std::string_view kFileBlanks{" \t\n\v\f\r\0", 7};
 
 std::optional<std::string> trimmedFile(const char* path) {
   std::optional<std::string> text = QVLinuxSystem::readSmallFile(path, 256);
   if (!text) return std::nullopt;
-  std::string value = trimmed(*text);
+  std::string value(QVText::trimmed(*text, kFileBlanks));
   if (value.empty()) return std::nullopt;
   return value;
 }

@@ -1,5 +1,7 @@
 #include "qvcore/platform/QVUserDefaults.h"
 
+#include <mutex>
+
 #include "platform/host/QVApplicationIdentifier.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVPropertyList.h"
@@ -26,29 +28,42 @@ std::string QVUserDefaults::standardUserDefaultsPath() {
       home, "Library/Preferences/" + applicationIdentifier() + ".plist");
 }
 
-QVUserDefaults::QVUserDefaults(std::string path)
-    : followsHome_(false), fixedPath_(std::move(path)) {}
+struct QVUserDefaults::Impl {
+  Impl(bool followsHome, std::string fixedPath)
+      : followsHome_(followsHome), fixedPath_(std::move(fixedPath)) {}
 
-QVUserDefaults::QVUserDefaults(FollowHome) : followsHome_(true) {}
+  const bool followsHome_;
+  const std::string fixedPath_;
+  mutable std::mutex mutex_;
+  mutable std::optional<std::string> loadedPath_;
+  mutable QVValue values_ = QVValue::object();
+};
+
+QVUserDefaults::QVUserDefaults(std::string path)
+    : impl_(std::make_unique<Impl>(false, std::move(path))) {}
+
+QVUserDefaults::QVUserDefaults(FollowHome) : impl_(std::make_unique<Impl>(true, std::string())) {}
+
+QVUserDefaults::~QVUserDefaults() = default;
 
 std::string QVUserDefaults::path() const {
-  return followsHome_ ? standardUserDefaultsPath() : fixedPath_;
+  return impl_->followsHome_ ? standardUserDefaultsPath() : impl_->fixedPath_;
 }
 
 std::optional<QVValue> QVUserDefaults::objectForKey(const std::string& key) const {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(impl_->mutex_);
   return QVValues::objectForKey(valuesLocked(), key);
 }
 
 bool QVUserDefaults::setObjectForKey(const QVValue& value, const std::string& key) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(impl_->mutex_);
   QVValue values = valuesLocked();
   values[key] = value;
   return saveLocked(std::move(values));
 }
 
 bool QVUserDefaults::removeObjectForKey(const std::string& key) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(impl_->mutex_);
   QVValue values = valuesLocked();
   if (values.erase(key) == 0) return true;
   return saveLocked(std::move(values));
@@ -56,13 +71,13 @@ bool QVUserDefaults::removeObjectForKey(const std::string& key) {
 
 QVValue& QVUserDefaults::valuesLocked() const {
   std::string current = path();
-  if (loadedPath_ != current) {
+  if (impl_->loadedPath_ != current) {
     std::optional<QVValue> stored;
     if (!current.empty()) stored = QVPropertyList::dictionaryWithContentsOfFile(current);
-    values_ = stored ? std::move(*stored) : QVValue::object();
-    loadedPath_ = std::move(current);
+    impl_->values_ = stored ? std::move(*stored) : QVValue::object();
+    impl_->loadedPath_ = std::move(current);
   }
-  return values_;
+  return impl_->values_;
 }
 
 bool QVUserDefaults::saveLocked(QVValue values) {
@@ -71,8 +86,8 @@ bool QVUserDefaults::saveLocked(QVValue values) {
   std::optional<std::string> bytes =
       QVPropertyList::dataWithDictionary(values, QVPropertyList::Format::kXML);
   if (!bytes) return false;
-  values_ = std::move(values);
-  const std::string& file = *loadedPath_;
+  impl_->values_ = std::move(values);
+  const std::string& file = *impl_->loadedPath_;
   if (file.empty()) return false;
   const std::string folder = QVFileSystem::stringByDeletingLastPathComponent(file);
   if (!folder.empty() && !QVFileSystem::createDirectoryAtPath(folder, kFolderMode)) return false;

@@ -5,7 +5,6 @@
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <stdlib.h>
-#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -24,6 +23,7 @@
 #include <vector>
 
 #include "platform/host/QVSwallowed.h"
+#include "platform/value/QVText.h"
 #include "qvcore/platform/QVFileSystem.h"
 
 namespace qv {
@@ -43,10 +43,6 @@ constexpr mode_t kCookieFolderMode = 0700;
 
 using Clock = std::chrono::steady_clock;
 
-bool sameName(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
 bool isToken(std::string_view name) {
   static constexpr std::string_view kPunctuation = "!#$%&'*+-.^_`|~";
   if (name.empty()) return false;
@@ -61,13 +57,6 @@ bool isToken(std::string_view name) {
 
 bool isSafeValue(std::string_view value) {
   return value.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
-}
-
-std::string_view trimmed(std::string_view text) {
-  const size_t begin = text.find_first_not_of(" \t\r\n");
-  if (begin == std::string_view::npos) return {};
-  const size_t end = text.find_last_not_of(" \t\r\n");
-  return text.substr(begin, end - begin + 1);
 }
 
 // One transfer from set-up to completion. The easy handle points into the
@@ -104,14 +93,14 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   const std::string_view line(data, size * count);
   transfer->lastMoved = Clock::now();
-  if (line.size() >= 11 && ::strncasecmp(line.data(), "Set-Cookie:", 11) == 0) {
+  if (QVText::equalsIgnoringCase(line.substr(0, 11), "Set-Cookie:")) {
     transfer->sawSetCookie = true;
   }
   if (line.starts_with("HTTP/")) {
     transfer->response.headers.clear();
   } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
-    transfer->response.headers.emplace_back(std::string(trimmed(line.substr(0, colon))),
-                                            std::string(trimmed(line.substr(colon + 1))));
+    transfer->response.headers.emplace_back(std::string(QVText::trimmed(line.substr(0, colon))),
+                                            std::string(QVText::trimmed(line.substr(colon + 1))));
   }
   return size * count;
 }
@@ -225,13 +214,13 @@ void setHeaders(Setup& setup, Transfer& transfer, const QVMutableURLRequest& req
   bool hasAccept = false, hasExpect = false, hasContentType = false;
   for (const auto& [name, value] : request.allHTTPHeaderFields()) {
     if (!isToken(name) || !isSafeValue(value)) continue;
-    if (sameName(name, "Cookie")) {
+    if (QVText::equalsIgnoringCase(name, "Cookie")) {
       setup.set(CURLOPT_COOKIE, value.c_str());
       continue;
     }
-    hasAccept |= sameName(name, "Accept");
-    hasExpect |= sameName(name, "Expect");
-    hasContentType |= sameName(name, "Content-Type");
+    hasAccept |= QVText::equalsIgnoringCase(name, "Accept");
+    hasExpect |= QVText::equalsIgnoringCase(name, "Expect");
+    hasContentType |= QVText::equalsIgnoringCase(name, "Content-Type");
     // "Name;" is libcurl's way to send a header with an empty value.
     if (!appendHeader(transfer, value.empty() ? name + ";" : name + ": " + value)) {
       setup.fail(CURLE_OUT_OF_MEMORY);

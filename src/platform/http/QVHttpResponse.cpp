@@ -1,14 +1,12 @@
 #include "qvcore/platform/QVHttpResponse.h"
 
-#include <strings.h>
+#include "platform/value/QVText.h"
 
 namespace qv {
 
 std::optional<std::string> QVHttpResponse::valueForHTTPHeaderField(const std::string& field) const {
   for (const auto& [name, value] : headers) {
-    if (name.size() == field.size() && ::strncasecmp(name.data(), field.data(), name.size()) == 0) {
-      return value;
-    }
+    if (QVText::equalsIgnoringCase(name, field)) return value;
   }
   return std::nullopt;
 }

@@ -1,19 +1,16 @@
 #include "qvcore/platform/QVMutableURLRequest.h"
 
 #include <curl/curl.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <cctype>
 #include <string_view>
 
+#include "platform/value/QVText.h"
+
 namespace qv {
 
 namespace {
-
-bool sameName(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
 
 bool isHexDigit(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
 
@@ -69,7 +66,7 @@ bool QVMutableURLRequest::isValidURL(const std::string& url) {
 std::optional<std::string> QVMutableURLRequest::valueForHTTPHeaderField(
     const std::string& field) const {
   for (const Header& header : headers_) {
-    if (sameName(header.first, field)) return header.second;
+    if (QVText::equalsIgnoringCase(header.first, field)) return header.second;
   }
   return std::nullopt;
 }
@@ -84,19 +81,15 @@ void QVMutableURLRequest::setValueForHTTPHeaderField(const std::string& value,
   }
 }
 
-void QVMutableURLRequest::removeValueForHTTPHeaderField(const std::string& field) {
-  auto it = findHeader(field);
-  if (it != headers_.end()) headers_.erase(it);
-}
-
 void QVMutableURLRequest::setHTTPBody(std::string body) {
   body_ = std::make_shared<const std::string>(std::move(body));
 }
 
 std::vector<QVMutableURLRequest::Header>::iterator QVMutableURLRequest::findHeader(
     const std::string& field) {
-  return std::find_if(headers_.begin(), headers_.end(),
-                      [&](const Header& header) { return sameName(header.first, field); });
+  return std::find_if(headers_.begin(), headers_.end(), [&](const Header& header) {
+    return QVText::equalsIgnoringCase(header.first, field);
+  });
 }
 
 }  // namespace qv

@@ -1,14 +1,8 @@
 #pragma once
 
-// A standard header before Asio: Asio picks aligned_alloc or operator new
-// for its recycled blocks from a macro of the standard library's own
-// configuration. A file that included Asio first chose operator delete
-// while the others chose aligned_alloc, and a block allocated by one was
-// freed by the other.
-#include <thread>
-
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
+#include <thread>
 
 namespace qv {
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -23,9 +22,6 @@ class QVSocketConnection : public std::enable_shared_from_this<QVSocketConnectio
   using Streams =
       std::pair<std::shared_ptr<QVSocketInputStream>, std::shared_ptr<QVSocketOutputStream>>;
 
-  // How long a write waits for the connection to take at least one byte.
-  static constexpr std::chrono::seconds kWriteTimeout{5};
-
   // Two unopened streams of one new connection to address, a sockaddr_in or
   // sockaddr_in6 in its raw bytes.
   static Streams makeStreams(const std::vector<uint8_t>& address);
@@ -41,8 +37,10 @@ class QVSocketConnection : public std::enable_shared_from_this<QVSocketConnectio
   // Both streams closed ends the connection.
   void streamClosed();
 
-  // Waits up to kWriteTimeout for room, sends, and answers the count sent
-  // (at least 1 when length is). Raises QVStreamException on failure.
+  // Sends what the kernel takes now and answers the count, 0 when it takes
+  // nothing (still connecting, or the peer's window is full); the output
+  // stream is then told when there is room. Raises QVStreamException on
+  // failure.
   ptrdiff_t send(const uint8_t* buffer, size_t length);
   // Reads what is there without waiting: the count, 0 at the end or when
   // nothing is there yet, -1 on failure.

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "platform/net/QVNetlinkRoutes.h"
+#include "platform/value/QVText.h"
 
 namespace qv {
 
@@ -30,12 +31,6 @@ NameMapSettings& lockedNameMap(std::unique_lock<std::mutex>& lock) {
     }
   }
   return *settings;
-}
-
-std::string_view trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
 std::vector<uint8_t> addressBytes(const sockaddr* address) {
@@ -102,8 +97,8 @@ std::map<std::string, std::string> QVSystemInterfaceAddressSource::parseInterfac
     text = comma == std::string_view::npos ? std::string_view() : text.substr(comma + 1);
     const auto equals = item.find('=');
     if (equals == std::string_view::npos) continue;
-    const std::string_view from = trimmed(item.substr(0, equals));
-    const std::string_view to = trimmed(item.substr(equals + 1));
+    const std::string_view from = QVText::trimmed(item.substr(0, equals), " \t");
+    const std::string_view to = QVText::trimmed(item.substr(equals + 1), " \t");
     if (!from.empty() && !to.empty()) map[std::string(from)] = std::string(to);
   }
   return map;

@@ -13,6 +13,9 @@ namespace qv {
 
 namespace {
 
+// Workers as the machine's hardware threads, at least 2 and at most 8.
+size_t maxWorkers() { return std::clamp<size_t>(std::thread::hardware_concurrency(), 2, 8); }
+
 // Never destroyed: its workers are never joined and may still be waiting for
 // work while the process exits.
 class Pool {
@@ -28,7 +31,7 @@ class Pool {
     ready_.notify_one();
     // A new worker only when the idle ones cannot take every waiting task, so
     // that a burst of short tasks does not start a thread each.
-    if (idle_ < tasks_.size() && workers_ < QVGlobalQueue::maxWorkers()) startWorker();
+    if (idle_ < tasks_.size() && workers_ < maxWorkers()) startWorker();
   }
 
  private:
@@ -69,10 +72,6 @@ class Pool {
 
 void QVGlobalQueue::async(Task task) {
   if (task) Pool::shared().submit(std::move(task));
-}
-
-size_t QVGlobalQueue::maxWorkers() {
-  return std::clamp<size_t>(std::thread::hardware_concurrency(), 2, 8);
 }
 
 }  // namespace qv

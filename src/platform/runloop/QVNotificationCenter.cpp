@@ -1,10 +1,18 @@
 #include "qvcore/platform/QVNotificationCenter.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
 
 namespace qv {
 
-struct QVNotificationCenter::Registration {
+namespace {
+
+using Callback = QVNotificationCenter::Callback;
+
+struct Registration {
   Registration(const void* o, std::string n, const void* s, Callback c)
       : observer(o), name(std::move(n)), sender(s), callback(std::move(c)) {}
 
@@ -32,6 +40,30 @@ struct QVNotificationCenter::Registration {
   std::vector<std::thread::id> callers;
 };
 
+using RegistrationRef = std::shared_ptr<Registration>;
+
+}  // namespace
+
+struct QVNotificationCenter::Impl {
+  std::vector<RegistrationRef> matchingRegistrations(const QVNotification& notification) const;
+  void deliver(Registration& registration, const QVNotification& notification);
+  bool beginCall(Registration& registration);
+  void endCall(Registration& registration);
+  // Takes the selected registrations out of the list; the caller holds mutex_.
+  std::vector<RegistrationRef> detachMatching(const void* observer, const std::string& name,
+                                              const void* sender);
+  void removeMatching(const void* observer, const std::string& name, const void* sender);
+
+  mutable std::mutex mutex_;
+  // Signalled when a call of a removed registration ends.
+  std::condition_variable idle_;
+  std::vector<RegistrationRef> registrations_;
+};
+
+QVNotificationCenter::QVNotificationCenter() : impl_(std::make_unique<Impl>()) {}
+
+QVNotificationCenter::~QVNotificationCenter() = default;
+
 QVNotificationCenter& QVNotificationCenter::defaultCenter() {
   // Never destroyed: observers may remove themselves during static destruction.
   static auto* center = new QVNotificationCenter;
@@ -41,23 +73,23 @@ QVNotificationCenter& QVNotificationCenter::defaultCenter() {
 void QVNotificationCenter::addObserver(const void* observer, const std::string& name,
                                        const void* sender, Callback callback) {
   auto registration = std::make_shared<Registration>(observer, name, sender, std::move(callback));
-  std::lock_guard lock(mutex_);
-  registrations_.push_back(std::move(registration));
+  std::lock_guard lock(impl_->mutex_);
+  impl_->registrations_.push_back(std::move(registration));
 }
 
 void QVNotificationCenter::removeObserver(const void* observer) {
-  removeMatching(observer, std::string(), nullptr);
+  impl_->removeMatching(observer, std::string(), nullptr);
 }
 
 void QVNotificationCenter::removeObserver(const void* observer, const std::string& name,
                                           const void* sender) {
-  removeMatching(observer, name, sender);
+  impl_->removeMatching(observer, name, sender);
 }
 
 void QVNotificationCenter::post(const QVNotification& notification) {
   // A snapshot, so callbacks run without the lock and may change the list.
-  for (const auto& registration : matchingRegistrations(notification)) {
-    deliver(*registration, notification);
+  for (const auto& registration : impl_->matchingRegistrations(notification)) {
+    impl_->deliver(*registration, notification);
   }
 }
 
@@ -71,12 +103,12 @@ void QVNotificationCenter::post(const std::string& name, const void* sender,
 }
 
 size_t QVNotificationCenter::observationCount(const void* observer) const {
-  std::lock_guard lock(mutex_);
-  return std::count_if(registrations_.begin(), registrations_.end(),
+  std::lock_guard lock(impl_->mutex_);
+  return std::count_if(impl_->registrations_.begin(), impl_->registrations_.end(),
                        [observer](const RegistrationRef& r) { return r->observer == observer; });
 }
 
-std::vector<QVNotificationCenter::RegistrationRef> QVNotificationCenter::matchingRegistrations(
+std::vector<RegistrationRef> QVNotificationCenter::Impl::matchingRegistrations(
     const QVNotification& notification) const {
   std::vector<RegistrationRef> matching;
   std::lock_guard lock(mutex_);
@@ -86,33 +118,35 @@ std::vector<QVNotificationCenter::RegistrationRef> QVNotificationCenter::matchin
   return matching;
 }
 
-void QVNotificationCenter::deliver(Registration& registration, const QVNotification& notification) {
+void QVNotificationCenter::Impl::deliver(Registration& registration,
+                                         const QVNotification& notification) {
   // An earlier callback of this post may have removed this registration.
   if (!beginCall(registration)) return;
   struct CallEnd {
-    QVNotificationCenter& center;
+    Impl& center;
     Registration& registration;
     ~CallEnd() { center.endCall(registration); }
   } callEnd{*this, registration};
   registration.callback(notification);
 }
 
-bool QVNotificationCenter::beginCall(Registration& registration) {
+bool QVNotificationCenter::Impl::beginCall(Registration& registration) {
   std::lock_guard lock(mutex_);
   if (registration.removed) return false;
   registration.callers.push_back(std::this_thread::get_id());
   return true;
 }
 
-void QVNotificationCenter::endCall(Registration& registration) {
+void QVNotificationCenter::Impl::endCall(Registration& registration) {
   std::lock_guard lock(mutex_);
   auto& callers = registration.callers;
   callers.erase(std::find(callers.begin(), callers.end(), std::this_thread::get_id()));
   if (registration.removed) idle_.notify_all();
 }
 
-std::vector<QVNotificationCenter::RegistrationRef> QVNotificationCenter::detachMatching(
-    const void* observer, const std::string& name, const void* sender) {
+std::vector<RegistrationRef> QVNotificationCenter::Impl::detachMatching(const void* observer,
+                                                                        const std::string& name,
+                                                                        const void* sender) {
   std::vector<RegistrationRef> detached;
   std::erase_if(registrations_, [&](const RegistrationRef& registration) {
     if (!registration->selectedBy(observer, name, sender)) return false;
@@ -123,8 +157,8 @@ std::vector<QVNotificationCenter::RegistrationRef> QVNotificationCenter::detachM
   return detached;
 }
 
-void QVNotificationCenter::removeMatching(const void* observer, const std::string& name,
-                                          const void* sender) {
+void QVNotificationCenter::Impl::removeMatching(const void* observer, const std::string& name,
+                                                const void* sender) {
   // Declared before the lock so that callbacks are destroyed after it is let
   // go: their captures may reach back into the center.
   std::vector<Callback> released;

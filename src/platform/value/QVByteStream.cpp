@@ -40,11 +40,6 @@ void QVByteStream::scheduleInRunLoop(QVRunLoop& loop) {
   for (Event event : waiting) deliverEvent(event);
 }
 
-void QVByteStream::removeFromRunLoop(QVRunLoop& loop) {
-  std::lock_guard lock(mutex_);
-  if (loop_ == &loop) loop_ = nullptr;
-}
-
 std::string QVByteStream::description() const { return describe("QVByteStream"); }
 
 std::string QVByteStream::describe(const char* className) const {

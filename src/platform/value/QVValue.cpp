@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <unordered_map>
 
 namespace qv::QVValues {
 
@@ -138,8 +139,21 @@ void setValueForKey(QVValue& dict, const std::string& key, std::optional<QVValue
 void addEntriesFromDictionary(QVValue& to, const QVValue& from) {
   if (!from.is_object()) return;
   if (to.is_null()) to = QVValue::object();
-  if (!to.is_object()) return;
-  for (auto it = from.begin(); it != from.end(); ++it) to[it.key()] = it.value();
+  if (!to.is_object() || from.empty()) return;
+  // The ordered dictionary finds a key by a linear scan, so the entries of
+  // to are indexed once: a large merge stays linear.
+  auto& entries = static_cast<QVValue::object_t::Container&>(to.get_ref<QVValue::object_t&>());
+  std::unordered_map<std::string, std::size_t> position;
+  position.reserve(entries.size() + from.size());
+  for (std::size_t i = 0; i < entries.size(); ++i) position.emplace(entries[i].first, i);
+  for (auto it = from.begin(); it != from.end(); ++it) {
+    const auto [found, added] = position.emplace(it.key(), entries.size());
+    if (added) {
+      entries.emplace_back(it.key(), it.value());
+    } else {
+      entries[found->second].second = it.value();
+    }
+  }
 }
 
 }  // namespace qv::QVValues
