@@ -3,10 +3,12 @@
 # tests run several threads, and runs those tests: serial queues, run loops,
 # timers, notifications, sessions and queues posted from many threads, the
 # configuration's concurrent readers and writers, the queue service's flush
-# cycle and disk cache, a long chain of immediate failures, enable cycles
-# that deliver, the crash hook, the environment's host threads, the
-# log relay, the libcurl session, the fault matrix against a real server,
-# and the soak. Installs the Debian packages first when missing.
+# cycle, disk cache and compression beside the writing of the body, a long
+# chain of immediate failures, enable cycles that deliver, the crash hook,
+# published snapshots, the environment's host threads, the netlink watcher
+# under route changes, the log relay, the libcurl session, the fault matrix
+# against a real server, and the soak. Installs the Debian packages first
+# when missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,12 +18,13 @@ fixtures=(
   QVGlobalQueueTest QVNotificationCenterTest QVLogTest QVApplicationLifecycleTest
   QVQueueTest QVSessionTest
   QVConfigItemsTest
-  QVQueueServiceTest QVQueueServiceDiskCacheTest
-  QVCoreUncaughtExceptionTest QVCoreDeliveryTest QVDeliveryLedgerTest
+  QVQueueServiceTest QVQueueServiceDiskCacheTest QVDataCompressionTest
+  QVCoreUncaughtExceptionTest QVCoreDeliveryTest QVDeliveryLedgerTest QVPublishedTest
   QVApplicationLifecycleManagerTest QVOrientationManagerTest QVNetworkManagerTest
   VintraZANLogClientTest
   QVCurlHttpSessionTest QVServerConnectionIntegrationTest QVCrashFlushTest
   QVLogRelaySocketStreamTest QVFaultMatrixTest QVImmediateFailureChainTest
+  QVNetlinkRouteChangeTest
   QVSoakTest
 )
 
