@@ -16,6 +16,24 @@ END = "<!-- findings:end -->"
 UNIT = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
+
+
+def throughput_goal(label, one, two, least):
+    """Two threads' throughput against one thread's: the goal row."""
+    if not (one and two):
+        return goal_row(label, "", "", None)
+    r = ns(one, "real_time") / ns(two, "real_time")
+    return goal_row(label, f"{fmt(ns(two, 'real_time'))} ns/msg against "
+                    f"{fmt(ns(one, 'real_time'))} ns/msg", f"{r:.2f}×", r >= least)
+
+def table(title, intro, header, rows):
+    """A titled markdown table, with optional lines of text before it."""
+    lines = ["", "### " + title, ""]
+    if intro:
+        lines += intro + [""]
+    lines += [("| " + " | ".join(header) + " |").replace("  |", " |"), "|" + "---|" * len(header)]
+    return lines + ["| " + " | ".join(row) + " |" for row in rows]
+
 def load(folder, name):
     path = os.path.join(folder, name + ".json")
     if not os.path.exists(path):
@@ -140,23 +158,11 @@ def goals_rows(host, system, e2e):
                              f"{t / 30:.2f}× the goal", t <= 30))
     else:
         rows.append(goal_row("The gate alone (system reachability) ≤ 30 ns", "", "", None))
-    s2 = find(system, "BM_PostThroughCore/two_threads_two_modules")
-    if s1 and s2:
-        r = ns(s1, "real_time") / ns(s2, "real_time")
-        rows.append(goal_row("Two threads, two modules (system reachability) ≥ 1.8× one thread",
-                             f"{fmt(ns(s2, 'real_time'))} ns/msg against "
-                             f"{fmt(ns(s1, 'real_time'))} ns/msg", f"{r:.2f}×", r >= 1.8))
-    else:
-        rows.append(goal_row("Two threads, two modules (system reachability) ≥ 1.8× one thread",
-                             "", "", None))
-    h2 = find(host, "BM_PostThroughCore/two_threads_one_module")
-    if h1 and h2:
-        r = ns(h1, "real_time") / ns(h2, "real_time")
-        rows.append(goal_row("Two threads, one module ≥ 1.0× one thread",
-                             f"{fmt(ns(h2, 'real_time'))} ns/msg against "
-                             f"{fmt(ns(h1, 'real_time'))} ns/msg", f"{r:.2f}×", r >= 1.0))
-    else:
-        rows.append(goal_row("Two threads, one module ≥ 1.0× one thread", "", "", None))
+    rows.append(throughput_goal("Two threads, two modules (system reachability) ≥ 1.8× one thread",
+                                s1, find(system, "BM_PostThroughCore/two_threads_two_modules"),
+                                1.8))
+    rows.append(throughput_goal("Two threads, one module ≥ 1.0× one thread", h1,
+                                find(host, "BM_PostThroughCore/two_threads_one_module"), 1.0))
     flush = find(e2e, "BM_FlushOneMegabyte")
     deflate = find(e2e, "BM_RawDeflateOneMegabyte")
     rtt = find(e2e, "BM_EmptyPostRoundTrip")
@@ -295,35 +301,23 @@ def main():
         "serialisation and compression compare CPU time, which a loaded machine",
         "disturbs less. Ratios are measured over floor; the goals are for this",
         "2-core machine.",
-        "",
-        "### Goals of this round",
-        "",
-        "| goal | measured | ratio | |",
-        "|---|---|---|---|",
     ]
-    for row in goals:
-        lines.append("| " + " | ".join(row) + " |")
-    lines += [
-        "",
-        "### Posting, host-fed and system reachability side by side",
-        "",
-        "Wall-clock per message over all threads; the system's reachability is",
-        "`QVPostBenchmark --qv_netlink`.",
-        "",
-        "| what | host-fed | system (netlink) |",
-        "|---|---|---|",
-    ]
-    for row in side:
-        lines.append("| " + " | ".join(row) + " |")
-    lines += [
-        "",
-        "### All figures",
-        "",
-        "| what | measured | floor or baseline | ratio | goal | |",
-        "|---|---|---|---|---|---|",
-    ]
-    for row in rows:
-        lines.append("| " + " | ".join(row) + " |")
+    lines += table("Goals of this round", [], ["goal", "measured", "ratio", ""], goals)
+    lines += table(
+        "Posting, host-fed and system reachability side by side",
+        [
+            "Wall-clock per message over all threads; the system's reachability is",
+            "`QVPostBenchmark --qv_netlink`.",
+        ],
+        ["what", "host-fed", "system (netlink)"],
+        side,
+    )
+    lines += table(
+        "All figures",
+        [],
+        ["what", "measured", "floor or baseline", "ratio", "goal", ""],
+        rows,
+    )
     lines += [
         "",
         "## Reproduce",
