@@ -1,6 +1,7 @@
 #include "qvcore/model/QVSession.h"
 
 #include <algorithm>
+#include <deque>
 #include <exception>
 #include <string_view>
 #include <thread>
@@ -41,8 +42,16 @@ void reserveFor(std::string& out, std::size_t perMessage, std::size_t messages) 
 // with holds one run, and merging costs a sort of the runs only. Lanes are
 // shared with the posting threads that keep them, and outlive their session
 // closed and empty: a closed lane never reads the session again.
+//
+// The messages sit in a deque, whose blocks are never moved: a growing
+// vector would copy the whole list at each doubling and hand its old block,
+// large enough to be mapped on its own, back to the kernel, which stalls the
+// other posting threads of the process while their address translations
+// are flushed.
 class alignas(64) QVSession::Lane {
  public:
+  using Messages = std::deque<std::shared_ptr<QVMessage>>;
+
   Lane(std::thread::id owner, std::atomic<uint64_t>& sequence)
       : owner_(owner), sequence_(&sequence) {}
 
@@ -61,21 +70,22 @@ class alignas(64) QVSession::Lane {
   // A stretch of consecutively numbered messages, for the merge.
   struct Run {
     uint64_t first;
-    const std::shared_ptr<QVMessage>* begin;
-    const std::shared_ptr<QVMessage>* end;
+    Messages::iterator begin;
+    Messages::iterator end;
   };
   // The caller holds mutex().
-  void appendRuns(std::vector<Run>& runs) const {
-    const auto* base = messages_.data();
+  void appendRuns(std::vector<Run>& runs) {
     for (std::size_t i = 0; i < runs_.size(); ++i) {
       const std::size_t end = i + 1 < runs_.size() ? runs_[i + 1].index : messages_.size();
-      runs.push_back({runs_[i].first, base + runs_[i].index, base + end});
+      runs.push_back({runs_[i].first,
+                      messages_.begin() + static_cast<std::ptrdiff_t>(runs_[i].index),
+                      messages_.begin() + static_cast<std::ptrdiff_t>(end)});
     }
   }
   std::size_t sizeLocked() const { return messages_.size(); }
   void closeLocked() { closed_ = true; }
   void clearLocked() {
-    MessageList().swap(messages_);
+    Messages().swap(messages_);
     std::vector<Start>().swap(runs_);
   }
   std::mutex& mutex() const { return mutex_; }
@@ -90,7 +100,7 @@ class alignas(64) QVSession::Lane {
   mutable std::mutex mutex_;
   bool closed_ = false;
   uint64_t last_ = 0;
-  MessageList messages_;
+  Messages messages_;
   std::vector<Start> runs_;
 };
 
@@ -166,7 +176,7 @@ void QVSession::close() {
   std::lock_guard lock(mutex_);
   if (closed_.load(std::memory_order_relaxed)) return;
   closeLanesLocked();
-  messages_ = mergedLocked();
+  messages_ = mergedLocked(Merge::kMove);
   for (const auto& lane : lanes_) {
     std::lock_guard laneLock(lane->mutex());
     lane->clearLocked();
@@ -183,7 +193,7 @@ void QVSession::closeLanesLocked() {
 
 // Every lane is locked while its runs are read, so that the copy is one
 // moment of the session: an add either is in it or began after it.
-QVSession::MessageList QVSession::mergedLocked() const {
+QVSession::MessageList QVSession::mergedLocked(Merge how) const {
   for (const auto& lane : lanes_) lane->mutex().lock();
   struct Unlock {
     const std::vector<std::shared_ptr<Lane>>& lanes;
@@ -201,7 +211,14 @@ QVSession::MessageList QVSession::mergedLocked() const {
             [](const Lane::Run& a, const Lane::Run& b) { return a.first < b.first; });
   MessageList merged;
   merged.reserve(total);
-  for (const auto& run : runs) merged.insert(merged.end(), run.begin, run.end);
+  for (const auto& run : runs) {
+    if (how == Merge::kMove) {
+      merged.insert(merged.end(), std::make_move_iterator(run.begin),
+                    std::make_move_iterator(run.end));
+    } else {
+      merged.insert(merged.end(), run.begin, run.end);
+    }
+  }
   return merged;
 }
 
@@ -212,7 +229,7 @@ bool QVSession::isClosed() const { return closed_.load(std::memory_order_acquire
 const QVSession::MessageList& QVSession::messagesToWrite(MessageList& copy) const {
   std::lock_guard lock(mutex_);
   if (closed_.load(std::memory_order_relaxed)) return messages_;
-  copy = mergedLocked();
+  copy = mergedLocked(Merge::kCopy);
   return copy;
 }
 
@@ -365,7 +382,7 @@ void QVSession::setSessionID(std::optional<std::string> sessionID) {
 QVSession::MessageList QVSession::messages() const {
   std::lock_guard lock(mutex_);
   if (closed_.load(std::memory_order_relaxed)) return messages_;
-  return mergedLocked();
+  return mergedLocked(Merge::kCopy);
 }
 
 std::size_t QVSession::messageCount() const {

@@ -115,8 +115,10 @@ class QV_EXPORT QVSession {
   bool writeMessages(Writer& writer) const;
   // The messages to serialise: the list itself once closed, else a copy.
   const MessageList& messagesToWrite(MessageList& copy) const;
-  // The lanes' messages in the order of their numbers; mutex_ held.
-  MessageList mergedLocked() const;
+  // The lanes' messages in the order of their numbers; mutex_ held. The
+  // close moves them out of the lanes, which it empties next.
+  enum class Merge { kCopy, kMove };
+  MessageList mergedLocked(Merge how) const;
   // Marks every lane closed, all at once, so that no add lands in one lane
   // after another's was refused; mutex_ held.
   void closeLanesLocked();
