@@ -258,6 +258,7 @@ def kept_findings(path):
 
 def main():
     folder, output, load_before, load_after = sys.argv[1:5]
+    priority = sys.argv[5] if len(sys.argv) > 5 else "normal"
     post_doc = load(folder, "QVPostBenchmark")
     post = medians(post_doc)
     netlink = medians(load(folder, "QVPostBenchmarkNetlink"))
@@ -292,6 +293,7 @@ def main():
         "",
         f"- CPU: {model}, {cores} cores (`nproc`); {platform.system()} {platform.release()}",
         f"- Load average (1, 5, 15 min) before the run: {load_before}; after: {load_after}",
+        f"- Scheduling of the benchmark programs: {priority}",
         f"- Run at: {context.get('date', 'unknown')}; library build: RelWithDebInfo "
         "(default preset)",
         "",

@@ -14,8 +14,8 @@ const char* const kOtherModules = "(other)";
 
 QVLedgerCounts QVModuleLedger::counts() const {
   QVLedgerCounts counts;
-  counts.accepted = accepted_.load(std::memory_order_relaxed);
-  counts.refused = refused_.load(std::memory_order_relaxed);
+  counts.accepted = accepted_.load();
+  counts.refused = refused_.load();
   counts.sent = sent_.load(std::memory_order_relaxed);
   counts.failed = failed_.load(std::memory_order_relaxed);
   counts.cached = cached_.load(std::memory_order_relaxed);
@@ -27,7 +27,9 @@ QVLedgerCounts QVModuleLedger::counts() const {
 }
 
 void QVModuleLedger::reset() {
-  for (auto* counter : {&accepted_, &refused_, &sent_, &failed_, &cached_, &recovered_}) {
+  accepted_.reset();
+  refused_.reset();
+  for (auto* counter : {&sent_, &failed_, &cached_, &recovered_}) {
     counter->store(0, std::memory_order_relaxed);
   }
   for (auto& counter : dropped_) counter.store(0, std::memory_order_relaxed);

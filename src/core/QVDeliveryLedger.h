@@ -8,18 +8,19 @@
 #include <mutex>
 #include <string>
 
+#include "platform/runloop/QVStripedCounter.h"
 #include "qvcore/core/QVLedgerSnapshot.h"
 
 namespace qv {
 
-// The counters of one module. Posting threads of the module add to
-// accepted, which sits on a cache line of its own so that the flush thread's
-// counting does not take it from them; every counter is a relaxed atomic,
-// read only by snapshots.
+// The counters of one module. Posting threads of the module add to accepted
+// or refused on every post: those are striped, so that two threads posting
+// to one module do not pass a cache line between them. Every counter is
+// relaxed, read only by snapshots.
 class QVModuleLedger {
  public:
-  void addAccepted() { accepted_.fetch_add(1, std::memory_order_relaxed); }
-  void addRefused() { refused_.fetch_add(1, std::memory_order_relaxed); }
+  void addAccepted() { accepted_.add(); }
+  void addRefused() { refused_.add(); }
   void addSent(uint64_t n) { sent_.fetch_add(n, std::memory_order_relaxed); }
   void addFailed(uint64_t n) { failed_.fetch_add(n, std::memory_order_relaxed); }
   void addCached(uint64_t n) { cached_.fetch_add(n, std::memory_order_relaxed); }
@@ -33,9 +34,9 @@ class QVModuleLedger {
   void reset();
 
  private:
-  alignas(64) std::atomic<uint64_t> accepted_{0};
-  alignas(64) std::atomic<uint64_t> refused_{0};
-  std::atomic<uint64_t> sent_{0};
+  QVStripedCounter accepted_;
+  QVStripedCounter refused_;
+  alignas(64) std::atomic<uint64_t> sent_{0};
   std::atomic<uint64_t> failed_{0};
   std::atomic<uint64_t> cached_{0};
   std::atomic<uint64_t> recovered_{0};

@@ -1,11 +1,11 @@
 #include "qvcore/model/QVQueue.h"
 
 #include <algorithm>
-#include <array>
 #include <exception>
 #include <iterator>
 
 #include "platform/host/QVSwallowed.h"
+#include "platform/runloop/QVPublished.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVCoreExtensions.h"
 
@@ -29,11 +29,11 @@ struct KeptLane {
   std::string sessionID;
   std::shared_ptr<QVSession::Lane> lane;
 };
-struct KeptLanes {
-  std::array<KeptLane, 4> entries;
-  std::size_t next = 0;
-};
-thread_local KeptLanes keptLanes;
+thread_local QVRecentEntries<KeptLane> keptLanes;
+
+auto keptFor(uint64_t queue) {
+  return [queue](const KeptLane& kept) { return kept.queue == queue && kept.lane; };
+}
 
 }  // namespace
 
@@ -145,30 +145,18 @@ QVQueue::Filing QVQueue::fileInKnownSession(const std::shared_ptr<QVMessage>& me
 
 bool QVQueue::fileThroughKeptLane(const std::shared_ptr<QVMessage>& message,
                                   const std::optional<std::string>& sessionID) const {
-  for (const KeptLane& kept : keptLanes.entries) {
-    if (kept.queue != id_ || !kept.lane) continue;
-    // Read before the lane is used: a flush or a change of the current
-    // session moves it first, and a lane closed meanwhile refuses the add.
-    if (kept.moves != moves_.load(std::memory_order_acquire)) return false;
-    if (sessionID && *sessionID != kept.sessionID) return false;
-    return QVSession::fileInLane(*kept.lane, message);
-  }
-  return false;
+  const KeptLane* kept = keptLanes.find(keptFor(id_));
+  if (!kept) return false;
+  // Read before the lane is used: a flush or a change of the current
+  // session moves it first, and a lane closed meanwhile refuses the add.
+  if (kept->moves != moves_.load(std::memory_order_acquire)) return false;
+  if (sessionID && *sessionID != kept->sessionID) return false;
+  return QVSession::fileInLane(*kept->lane, message);
 }
 
 void QVQueue::keepLaneLocked(std::shared_ptr<QVSession::Lane> lane) const {
-  KeptLane* slot = nullptr;
-  for (KeptLane& kept : keptLanes.entries) {
-    if (kept.queue == id_) slot = &kept;
-  }
-  if (!slot) {
-    slot = &keptLanes.entries[keptLanes.next];
-    keptLanes.next = (keptLanes.next + 1) % keptLanes.entries.size();
-  }
-  slot->queue = id_;
-  slot->moves = moves_.load(std::memory_order_relaxed);
-  slot->sessionID = currentSessionID_;
-  slot->lane = std::move(lane);
+  keptLanes.slotFor(keptFor(id_)) = {id_, moves_.load(std::memory_order_relaxed), currentSessionID_,
+                                     std::move(lane)};
 }
 
 std::shared_ptr<QVSession> QVQueue::sessionForID(const std::optional<std::string>& sessionID) {

@@ -1,6 +1,8 @@
 #include "qvcore/model/QVSession.h"
 
 #include <algorithm>
+#include <chrono>
+#include <ctime>
 #include <deque>
 #include <exception>
 #include <string_view>
@@ -37,11 +39,12 @@ void reserveFor(std::string& out, std::size_t perMessage, std::size_t messages) 
 
 }  // namespace
 
-// One thread's adds to one session. A run is a stretch of messages whose
-// numbers follow one another, so a lane that no other thread interleaves
-// with holds one run, and merging costs a sort of the runs only. Lanes are
-// shared with the posting threads that keep them, and outlive their session
-// closed and empty: a closed lane never reads the session again.
+// One thread's adds to one session. While the session has had one posting
+// thread only, its messages need no order beyond their place in the lane;
+// once a second thread adds, every add in every lane is stamped, and the
+// merge interleaves the lanes by stamp. Lanes are shared with the posting
+// threads that keep them, and outlive their session closed and empty: a
+// closed lane never reads the session again.
 //
 // The messages sit in a deque, whose blocks are never moved: a growing
 // vector would copy the whole list at each doubling and hand its old block,
@@ -50,58 +53,60 @@ void reserveFor(std::string& out, std::size_t perMessage, std::size_t messages) 
 // are flushed.
 class alignas(64) QVSession::Lane {
  public:
-  using Messages = std::deque<std::shared_ptr<QVMessage>>;
-
-  Lane(std::thread::id owner, std::atomic<uint64_t>& sequence)
-      : owner_(owner), sequence_(&sequence) {}
+  Lane(std::thread::id owner, const std::atomic<bool>& shared) : owner_(owner), shared_(&shared) {}
 
   std::thread::id owner() const { return owner_; }
 
   bool add(const std::shared_ptr<QVMessage>& message) {
     std::lock_guard lock(mutex_);
     if (closed_) return false;
-    const uint64_t number = sequence_->fetch_add(1, std::memory_order_relaxed);
-    if (runs_.empty() || number != last_ + 1) runs_.push_back({number, messages_.size()});
-    last_ = number;
+    // Relaxed is enough: an add that began after another thread's add
+    // returned sees the flag that thread's first add set.
+    if (shared_->load(std::memory_order_relaxed)) stamps_.push_back(orderStamp());
     messages_.push_back(message);
     return true;
   }
 
-  // A stretch of consecutively numbered messages, for the merge.
-  struct Run {
-    uint64_t first;
-    Messages::iterator begin;
-    Messages::iterator end;
-  };
-  // The caller holds mutex().
-  void appendRuns(std::vector<Run>& runs) {
-    for (std::size_t i = 0; i < runs_.size(); ++i) {
-      const std::size_t end = i + 1 < runs_.size() ? runs_[i + 1].index : messages_.size();
-      runs.push_back({runs_[i].first,
-                      messages_.begin() + static_cast<std::ptrdiff_t>(runs_[i].index),
-                      messages_.begin() + static_cast<std::ptrdiff_t>(end)});
-    }
-  }
+  // The caller holds mutex() for the rest. The stamped messages are the
+  // lane's last ones: once set, the session's flag stays.
+  std::size_t unstampedLocked() const { return messages_.size() - stamps_.size(); }
+  uint64_t stampLocked(std::size_t index) const { return stamps_[index - unstampedLocked()]; }
+  std::shared_ptr<QVMessage>& messageLocked(std::size_t index) { return messages_[index]; }
   std::size_t sizeLocked() const { return messages_.size(); }
   void closeLocked() { closed_ = true; }
   void clearLocked() {
-    Messages().swap(messages_);
-    std::vector<Start>().swap(runs_);
+    std::deque<std::shared_ptr<QVMessage>>().swap(messages_);
+    std::deque<uint64_t>().swap(stamps_);
   }
   std::mutex& mutex() const { return mutex_; }
 
  private:
-  struct Start {
-    uint64_t first;
-    std::size_t index;
-  };
+  // The order of adds in different lanes. The monotonic clock moves on
+  // between the return of one add and the start of another thread's next
+  // add (handing over between two cores alone takes longer than a tick), so
+  // a later add gets a later stamp without the threads sharing a cache line
+  // that every add writes; equal stamps belong to adds that overlapped, and
+  // either order is theirs. Where the clock is coarse, a counter shared by
+  // every lane gives the stamps instead.
+  static uint64_t orderStamp() {
+    static const bool fineClock = [] {
+      timespec resolution{};
+      return clock_getres(CLOCK_MONOTONIC, &resolution) == 0 && resolution.tv_sec == 0 &&
+             resolution.tv_nsec <= 1;
+    }();
+    if (fineClock) {
+      return static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+    }
+    static std::atomic<uint64_t> counter{0};
+    return counter.fetch_add(1, std::memory_order_relaxed);
+  }
+
   const std::thread::id owner_;
-  std::atomic<uint64_t>* const sequence_;  // read only while open
+  const std::atomic<bool>* const shared_;  // read only while open
   mutable std::mutex mutex_;
   bool closed_ = false;
-  uint64_t last_ = 0;
-  Messages messages_;
-  std::vector<Start> runs_;
+  std::deque<std::shared_ptr<QVMessage>> messages_;
+  std::deque<uint64_t> stamps_;
 };
 
 // The payload's writer: a value JSON cannot carry becomes null and text that
@@ -134,7 +139,7 @@ std::shared_ptr<QVSession> QVSession::initWithSessionID(std::string sessionID) {
 }
 
 QVSession::~QVSession() {
-  // Lanes kept by posting threads must not reach the counter any more.
+  // Lanes kept by posting threads must not read the session any more.
   std::lock_guard lock(mutex_);
   closeLanesLocked();
 }
@@ -161,7 +166,8 @@ std::shared_ptr<QVSession::Lane> QVSession::laneForThisThread() {
   for (const auto& lane : lanes_) {
     if (lane->owner() == self) return lane;
   }
-  return lanes_.emplace_back(std::make_shared<Lane>(self, sequence_));
+  if (lanes_.size() == 1) sharedByThreads_.store(true, std::memory_order_relaxed);
+  return lanes_.emplace_back(std::make_shared<Lane>(self, sharedByThreads_));
 }
 
 bool QVSession::fileInLane(Lane& lane, const std::shared_ptr<QVMessage>& message) {
@@ -191,8 +197,11 @@ void QVSession::closeLanesLocked() {
   for (const auto& lane : lanes_) lane->mutex().unlock();
 }
 
-// Every lane is locked while its runs are read, so that the copy is one
-// moment of the session: an add either is in it or began after it.
+// Every lane is locked while it is read, so that the copy is one moment of
+// the session: an add either is in it or began after it. Only the first
+// lane can hold unstamped messages, made before a second thread added, and
+// they come first; the stamped ones are merged by stamp, lane by lane on a
+// tie.
 QVSession::MessageList QVSession::mergedLocked(Merge how) const {
   for (const auto& lane : lanes_) lane->mutex().lock();
   struct Unlock {
@@ -201,23 +210,45 @@ QVSession::MessageList QVSession::mergedLocked(Merge how) const {
       for (const auto& lane : lanes) lane->mutex().unlock();
     }
   } unlock{lanes_};
-  std::vector<Lane::Run> runs;
-  std::size_t total = 0;
-  for (const auto& lane : lanes_) {
-    lane->appendRuns(runs);
-    total += lane->sizeLocked();
-  }
-  std::sort(runs.begin(), runs.end(),
-            [](const Lane::Run& a, const Lane::Run& b) { return a.first < b.first; });
   MessageList merged;
+  std::size_t total = 0;
+  for (const auto& lane : lanes_) total += lane->sizeLocked();
   merged.reserve(total);
-  for (const auto& run : runs) {
+  const auto take = [&merged, how](Lane& lane, std::size_t index) {
+    std::shared_ptr<QVMessage>& message = lane.messageLocked(index);
     if (how == Merge::kMove) {
-      merged.insert(merged.end(), std::make_move_iterator(run.begin),
-                    std::make_move_iterator(run.end));
+      merged.push_back(std::move(message));
     } else {
-      merged.insert(merged.end(), run.begin, run.end);
+      merged.push_back(message);
     }
+  };
+  struct Head {
+    uint64_t stamp;
+    std::size_t lane;
+    std::size_t index;
+  };
+  std::vector<Head> heads;
+  for (std::size_t i = 0; i < lanes_.size(); ++i) {
+    Lane& lane = *lanes_[i];
+    const std::size_t unstamped = lane.unstampedLocked();
+    for (std::size_t m = 0; m < unstamped; ++m) take(lane, m);
+    if (unstamped < lane.sizeLocked()) heads.push_back({lane.stampLocked(unstamped), i, unstamped});
+  }
+  const auto later = [](const Head& a, const Head& b) {
+    return a.stamp != b.stamp ? a.stamp > b.stamp : a.lane > b.lane;
+  };
+  std::make_heap(heads.begin(), heads.end(), later);
+  while (!heads.empty()) {
+    std::pop_heap(heads.begin(), heads.end(), later);
+    Head& head = heads.back();
+    Lane& lane = *lanes_[head.lane];
+    take(lane, head.index);
+    if (++head.index == lane.sizeLocked()) {
+      heads.pop_back();
+      continue;
+    }
+    head.stamp = lane.stampLocked(head.index);
+    std::push_heap(heads.begin(), heads.end(), later);
   }
   return merged;
 }

@@ -115,7 +115,7 @@ class QV_EXPORT QVSession {
   bool writeMessages(Writer& writer) const;
   // The messages to serialise: the list itself once closed, else a copy.
   const MessageList& messagesToWrite(MessageList& copy) const;
-  // The lanes' messages in the order of their numbers; mutex_ held. The
+  // The lanes' messages in posting order; mutex_ held. The
   // close moves them out of the lanes, which it empties next.
   enum class Merge { kCopy, kMove };
   MessageList mergedLocked(Merge how) const;
@@ -133,8 +133,9 @@ class QV_EXPORT QVSession {
   MessageList messages_;
   // The open session's lanes, one per thread that added.
   std::vector<std::shared_ptr<Lane>> lanes_;
-  // Numbers the adds in every lane; the lanes' runs are merged by it.
-  alignas(64) std::atomic<uint64_t> sequence_{0};
+  // Set, under mutex_, when a second thread adds: from then on every add in
+  // every lane is stamped, so that the lanes can be merged in posting order.
+  std::atomic<bool> sharedByThreads_{false};
   std::optional<std::string> coreSessionID_;
   std::optional<std::string> sessionID_;
 };

@@ -119,24 +119,50 @@ class QVPublished {
   alignas(64) std::atomic<uint64_t> generation_;
 };
 
-// The answers a thread found last, by owner (never null) and name, for lookups whose
-// answers never change once made: the owner neither replaces nor removes an
-// entry and lives as long as the process, so an answer kept here stays
-// valid and is used without the owner's lock.
-template <class Value, std::size_t N = 4>
-class QVRecentLookups {
+// A thread's last few entries of one kind, found by a test of the caller's
+// choosing; a new entry takes the place of the oldest. Kept thread_local by
+// its users, so it needs no lock.
+template <class Entry, std::size_t N = 4>
+class QVRecentEntries {
  public:
-  const Value* find(const void* owner, const std::string& name) const {
+  template <class Match>
+  const Entry* find(Match&& match) const {
     for (const auto& entry : entries_) {
-      if (entry.owner == owner && entry.name == name) return &entry.value;
+      if (match(entry)) return &entry;
     }
     return nullptr;
   }
 
-  // Takes the place of the oldest answer.
-  void add(const void* owner, const std::string& name, Value value) {
-    entries_[next_] = {owner, name, std::move(value)};
+  // The entry that matches, else the oldest, to be filled by the caller.
+  template <class Match>
+  Entry& slotFor(Match&& match) {
+    for (auto& entry : entries_) {
+      if (match(entry)) return entry;
+    }
+    Entry& oldest = entries_[next_];
     next_ = (next_ + 1) % N;
+    return oldest;
+  }
+
+ private:
+  std::array<Entry, N> entries_{};
+  std::size_t next_ = 0;
+};
+
+// The answers a thread found last, by owner (never null) and name, for
+// lookups whose answers never change once made: the owner neither replaces
+// nor removes an entry and lives as long as the process, so an answer kept
+// here stays valid and is used without the owner's lock.
+template <class Value, std::size_t N = 4>
+class QVRecentLookups {
+ public:
+  const Value* find(const void* owner, const std::string& name) const {
+    const Entry* found = entries_.find(matching(owner, name));
+    return found ? &found->value : nullptr;
+  }
+
+  void add(const void* owner, const std::string& name, Value value) {
+    entries_.slotFor(matching(owner, name)) = {owner, name, std::move(value)};
   }
 
  private:
@@ -145,8 +171,11 @@ class QVRecentLookups {
     std::string name;
     Value value{};
   };
-  std::array<Entry, N> entries_;
-  std::size_t next_ = 0;
+  static auto matching(const void* owner, const std::string& name) {
+    return
+        [owner, &name](const Entry& entry) { return entry.owner == owner && entry.name == name; };
+  }
+  QVRecentEntries<Entry, N> entries_;
 };
 
 }  // namespace qv
