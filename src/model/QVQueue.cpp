@@ -13,9 +13,10 @@ namespace qv {
 
 namespace {
 
-// A post whose session is closed under it by a flush tries again in the
-// live queue. Only flushes close sessions, so a second attempt practically
-// always lands; the bound keeps a post from chasing a storm of flushes.
+// A post files under the queue's lock into a live session, which no flush
+// can close before the lock is let go, so the first attempt lands; a post
+// whose session was found closed all the same tries again, a bounded number
+// of times.
 constexpr int kPostAttempts = 3;
 
 std::atomic<uint64_t> queueNumbers{0};
@@ -95,17 +96,12 @@ bool QVQueue::postMessageToSessionID(std::shared_ptr<QVMessage> message,
       return true;
     }
     for (int attempt = 0; attempt < kPostAttempts; ++attempt) {
-      const Filing filing = fileInKnownSession(message, sessionID);
+      const Filing filing = fileInSession(message, sessionID);
       if (filing == Filing::filed) {
         QVSession::logAdded(std::move(message));
         return true;
       }
       if (filing == Filing::refused) return false;
-      if (filing == Filing::noSession) {
-        auto session = lookUp(sessionID, true);
-        if (!session) return false;
-        if (session->addMessage(message)) return true;
-      }
     }
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
@@ -118,26 +114,25 @@ bool QVQueue::postMessageToSessionID(std::shared_ptr<QVMessage> message,
 // queue's lock is held, so a post takes one contended lock and copies no
 // reference to the session (whose count every poster would write). The
 // session cannot be closed by a flush meanwhile: a flush drops it from the
-// index under this lock first. The lock order is queue, then session; no
-// path takes them the other way.
-QVQueue::Filing QVQueue::fileInKnownSession(const std::shared_ptr<QVMessage>& message,
-                                            const std::optional<std::string>& sessionID) {
-  std::lock_guard lock(mutex_);
+// index under this lock first, and a session made here is filed into before
+// the lock is let go, so that a post never loses its message to a storm of
+// flushes. The lock order is queue, then session; no path takes them the
+// other way.
+QVQueue::Filing QVQueue::fileInSession(const std::shared_ptr<QVMessage>& message,
+                                       const std::optional<std::string>& sessionID) {
+  std::unique_lock lock(mutex_);
   const std::string& wanted = sessionID ? *sessionID : currentSessionID_;
   if (wanted.empty()) return Filing::refused;
   const bool isCurrent = &wanted == &currentSessionID_ || wanted == currentSessionID_;
-  QVSession* session = nullptr;
-  if (isCurrent && currentSession_ && !currentSession_->isClosed()) {
-    session = currentSession_.get();
-  } else {
-    auto found = findLocked(wanted);
-    if (!found) return Filing::noSession;
-    if (!isCurrent) currentSessionID_ = wanted;
-    currentSession_ = std::move(found);
+  if (!isCurrent || !currentSession_ || currentSession_->isClosed()) {
+    std::string id = wanted;  // wanted may be currentSessionID_ itself
+    std::shared_ptr<QVSession> session = findLocked(id);
+    if (!session) session = madeLocked(lock, id);
+    currentSessionID_ = std::move(id);
+    currentSession_ = std::move(session);
     movedLocked();
-    session = currentSession_.get();
   }
-  auto lane = session->laneForThisThread();
+  auto lane = currentSession_->laneForThisThread();
   if (!lane || !QVSession::fileInLane(*lane, message)) return Filing::closed;
   keepLaneLocked(std::move(lane));
   return Filing::filed;
@@ -161,47 +156,37 @@ void QVQueue::keepLaneLocked(std::shared_ptr<QVSession::Lane> lane) const {
 
 std::shared_ptr<QVSession> QVQueue::sessionForID(const std::optional<std::string>& sessionID) {
   try {
-    return lookUp(sessionID, false);
+    std::unique_lock lock(mutex_);
+    const std::string& wanted = sessionID ? *sessionID : currentSessionID_;
+    if (wanted.empty()) return nullptr;
+    const bool isCurrent = &wanted == &currentSessionID_ || wanted == currentSessionID_;
+    if (isCurrent && currentSession_ && !currentSession_->isClosed()) return currentSession_;
+    std::string id = wanted;
+    std::shared_ptr<QVSession> session = findLocked(id);
+    if (!session) session = madeLocked(lock, id);
+    if (id == currentSessionID_) {
+      currentSession_ = session;
+      movedLocked();
+    }
+    return session;
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
     return nullptr;
   }
 }
 
-std::shared_ptr<QVSession> QVQueue::lookUp(const std::optional<std::string>& sessionID,
-                                           bool makeCurrent) {
-  std::unique_lock lock(mutex_);
-  const std::string& wanted = sessionID ? *sessionID : currentSessionID_;
-  if (wanted.empty()) return nullptr;
-  const bool isCurrent = &wanted == &currentSessionID_ || wanted == currentSessionID_;
-  if (isCurrent && currentSession_ && !currentSession_->isClosed()) return currentSession_;
-
-  std::shared_ptr<QVSession> session = findLocked(wanted);
-  std::string made;  // the identifier of a new session
-  if (!session) {
-    // The session reads the core and the clock, which must not run under the
-    // lock; a session made meanwhile by another thread wins.
-    made = wanted;
-    lock.unlock();
-    auto fresh = QVSession::initWithSessionID(made);
-    lock.lock();
-    session = findLocked(made);
-    if (!session) {
-      session = std::move(fresh);
-      insertLocked(made, session);
-      currentSessionStartTime_.store(session->startTime(), std::memory_order_relaxed);
-    }
-  }
-  const std::string& id = made.empty() ? wanted : made;
-  if (makeCurrent) {
-    if (id != currentSessionID_) currentSessionID_ = id;
-    currentSession_ = session;
-    movedLocked();
-  } else if (id == currentSessionID_) {
-    currentSession_ = session;
-    movedLocked();
-  }
-  return session;
+// The session reads the core and the clock, which must not run under the
+// lock, so the lock is let go while it is made; a session that another
+// thread made meanwhile wins.
+std::shared_ptr<QVSession> QVQueue::madeLocked(std::unique_lock<std::mutex>& lock,
+                                               const std::string& id) {
+  lock.unlock();
+  auto fresh = QVSession::initWithSessionID(id);
+  lock.lock();
+  if (auto made = findLocked(id)) return made;
+  insertLocked(id, fresh);
+  currentSessionStartTime_.store(fresh->startTime(), std::memory_order_relaxed);
+  return fresh;
 }
 
 std::shared_ptr<QVSession> QVQueue::findLocked(const std::string& id) const {

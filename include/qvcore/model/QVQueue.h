@@ -128,13 +128,14 @@ class QV_EXPORT QVQueue {
   std::string writeJson(std::size_t& written, QVSession::TextWatcher* watcher) const;
   // The payload of a queue without sessions.
   static std::string emptyPayload(int32_t serial);
-  std::shared_ptr<QVSession> lookUp(const std::optional<std::string>& sessionID, bool makeCurrent);
-  // What became of a message offered to a session that already exists.
-  enum class Filing { filed, refused, noSession, closed };
-  // Files the message in the live session of sessionID, made current, if
-  // there is one; refused when there is no usable identifier.
-  Filing fileInKnownSession(const std::shared_ptr<QVMessage>& message,
-                            const std::optional<std::string>& sessionID);
+  // A new live session under id, inserted; the lock is let go meanwhile.
+  std::shared_ptr<QVSession> madeLocked(std::unique_lock<std::mutex>& lock, const std::string& id);
+  // What became of a message offered to a session.
+  enum class Filing { filed, refused, closed };
+  // Files the message in the live session of sessionID, made if there is
+  // none, and makes it current; refused when there is no usable identifier.
+  Filing fileInSession(const std::shared_ptr<QVMessage>& message,
+                       const std::optional<std::string>& sessionID);
   // Files the message through the lane this thread kept for the current
   // session, when the queue has not changed its current session (or been
   // flushed) since; no lock of the queue's is taken.
