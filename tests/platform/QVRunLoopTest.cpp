@@ -18,8 +18,7 @@ using namespace std::chrono_literals;
 namespace qv {
 namespace {
 
-// Bounds every wait on real time, so a broken wake-up fails instead of hanging.
-constexpr auto kPatience = 10s;
+constexpr auto kPatience = 10s;  // bounds real waits: a broken wake-up fails, not hangs
 
 TEST(QVRunLoopTest, CurrentIsMainOnTheMainThreadOrWhilePumpedElseOnePerThread) {
   // The pumped loop as current() is covered by the serial queue's tests.
@@ -33,8 +32,7 @@ TEST(QVRunLoopTest, CurrentIsMainOnTheMainThreadOrWhilePumpedElseOnePerThread) {
     QVRunLoop& own = QVRunLoop::current();
     EXPECT_EQ(&own, &QVRunLoop::current());
     EXPECT_NE(&own, &QVRunLoop::main());
-    EXPECT_TRUE(own.isCurrent());
-    EXPECT_FALSE(QVRunLoop::main().isCurrent());
+    EXPECT_TRUE(own.isCurrent() && !QVRunLoop::main().isCurrent());
   }).join();
 }
 
@@ -57,52 +55,38 @@ TEST(QVRunLoopTest, RealClockDelayedTaskWakesABlockedPump) {
   EXPECT_FALSE(farRan);
 }
 
-class QVMainLoopVirtualTimeTest : public ::testing::Test {
- protected:
-  void SetUp() override { loop.setClock(clock); }
-  void TearDown() override { loop.setClock(nullptr); }
+// Tasks run once due, in due order; a due time beyond the clock saturates
+// into never, across changes of clock; the clock's move from another thread
+// wakes a blocked pump.
+TEST(QVRunLoopTest, VirtualTimeRunsDelayedTasksInDueOrderAndWakesABlockedPump) {
+  auto clock = std::make_shared<QVFakeClock>();
+  QVRunLoop loop(clock);
+  std::string ran;
+  loop.postAfter(30s, [&] { ran += "30s "; });
+  loop.postAfter(10s, [&] { ran += "10s-a "; });
+  loop.postAfter(10s, [&] { ran += "10s-b "; });
+  loop.postAfter(0s, [&] { ran += "now "; });
+  const auto after = [&](QVClock::Duration step) {
+    clock->advance(step);
+    loop.runUntilIdle();
+    return ran;
+  };
+  EXPECT_EQ(after(0s), "now ");
+  EXPECT_EQ(after(10s - 1ns), "now ");
+  EXPECT_EQ(after(1ns), "now 10s-a 10s-b ");
+  EXPECT_EQ(after(1h), "now 10s-a 10s-b 30s ");
 
-  std::shared_ptr<QVFakeClock> clock = std::make_shared<QVFakeClock>();
-  QVRunLoop& loop = QVRunLoop::main();
-};
-
-TEST_F(QVMainLoopVirtualTimeTest, DelayedTasksRunOnceDueInDueOrder) {
-  std::vector<std::string> ran;
-  loop.postAfter(30s, [&] { ran.push_back("30s"); });
-  loop.postAfter(10s, [&] { ran.push_back("10s-a"); });
-  loop.postAfter(10s, [&] { ran.push_back("10s-b"); });
-  loop.postAfter(0s, [&] { ran.push_back("now"); });
-  loop.runUntilIdle();
-  EXPECT_EQ(ran, (std::vector<std::string>{"now"}));
-  clock->advance(10s - 1ns);
-  loop.runUntilIdle();
-  EXPECT_EQ(ran.size(), 1u);
-  clock->advance(1ns);
-  loop.runUntilIdle();
-  EXPECT_EQ(ran, (std::vector<std::string>{"now", "10s-a", "10s-b"}));
-  clock->advance(1h);
-  loop.runUntilIdle();
-  EXPECT_EQ(ran.back(), "30s");
-
-  // now + max would overflow; it must saturate into "never", and stay never
-  // across a change to a clock that is ahead and back, though the due time
-  // saturates on the way there and not on the way back.
-  bool never = false;
-  loop.postAfter(QVRunLoop::Duration::max(), [&] { never = true; });
+  // The due time saturates on the way to a clock that is ahead, not back.
+  loop.postAfter(QVRunLoop::Duration::max(), [&] { ran += "never"; });
   constexpr auto kCentury = std::chrono::hours(24 * 365 * 100);
   loop.setClock(std::make_shared<QVFakeClock>(clock->now() + 2 * kCentury));
   loop.setClock(clock);
-  clock->advance(kCentury);
-  loop.runUntilIdle();
-  EXPECT_FALSE(never);
-}
+  EXPECT_EQ(after(kCentury), "now 10s-a 10s-b 30s ");
 
-TEST_F(QVMainLoopVirtualTimeTest, AdvancingFromAnotherThreadWakesABlockedPump) {
-  std::atomic<bool> ran = false;
-  loop.postAfter(5s, [&] { ran = true; });
-  // runUntil releases nothing by itself: only the clock's move can.
-  std::thread mover([&] { clock->advance(5s); });
-  EXPECT_TRUE(loop.runUntil([&] { return ran.load(); }, kPatience));
+  std::atomic<bool> woke = false;
+  loop.postAfter(5s, [&] { woke = true; });
+  std::thread mover([&] { clock->advance(5s); });  // runUntil alone releases nothing
+  EXPECT_TRUE(loop.runUntil([&] { return woke.load(); }, kPatience));
   mover.join();
 }
 
@@ -128,54 +112,43 @@ size_t openDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-TEST(QVRunLoopWatchTest, ReadableRunsOnThePumpingThreadForDataOldAndNew) {
-  QVRunLoop loop;
+// A watch runs on the pumping thread for data old and new until cancelled,
+// from its own call, another thread or the loop's destructor; the loop closes
+// the descriptors it duplicated.
+TEST(QVRunLoopWatchTest, WatchesRunOnThePumpingThreadUntilCancelled) {
   Pipe pipe;
   pipe.write("early");
-  std::string read;
-  std::thread::id ranOn;
-  const auto id = loop.watchReadable(pipe.fds[0], [&] {
-    read += pipe.drain();
-    ranOn = std::this_thread::get_id();
-  });
-  ASSERT_NE(id, 0u);
-  std::thread([&] {
-    EXPECT_TRUE(loop.runUntil([&] { return read == "early"; }, 10s));
-    pipe.write("late");
-    EXPECT_TRUE(loop.runUntil([&] { return read == "earlylate"; }, 10s));
-    EXPECT_EQ(ranOn, std::this_thread::get_id());
-  }).join();
-  loop.cancelWatch(id);
-  EXPECT_EQ(loop.watchReadable(-1, [] {}), 0u);
-}
-
-TEST(QVRunLoopWatchTest, CancelledWatchesStayQuietAndTheLoopClosesWhatItDuplicated) {
-  Pipe pipe;
   const size_t before = openDescriptors();
+  std::string read;
   int calls = 0;
   {
     QVRunLoop loop;
-    // Cancelled from inside its own call, as a listener that is done would.
+    std::thread::id ranOn;
     QVRunLoop::WatchId id = loop.watchReadable(pipe.fds[0], [&] {
-      ++calls;
-      pipe.drain();
-      loop.cancelWatch(id);
+      read += pipe.drain();
+      ranOn = std::this_thread::get_id();
+      if (read == "earlylate") loop.cancelWatch(id);  // as a listener that is done would
     });
-    pipe.write("x");
-    loop.runUntilIdle();
-    // Cancelled from another thread.
-    const auto other = loop.watchReadable(pipe.fds[0], [&] { calls += 10; });
+    ASSERT_NE(id, 0u);
+    EXPECT_EQ(loop.watchReadable(-1, [] {}), 0u);
+    std::thread([&] {
+      EXPECT_TRUE(loop.runUntil([&] { return read == "early"; }, kPatience));
+      pipe.write("late");
+      EXPECT_TRUE(loop.runUntil([&] { return read == "earlylate"; }, kPatience));
+      EXPECT_EQ(ranOn, std::this_thread::get_id());
+    }).join();
+    const auto other = loop.watchReadable(pipe.fds[0], [&] { calls += 1; });
     loop.runUntilIdle();
     std::thread([&] { loop.cancelWatch(other); }).join();
     pipe.write("y");
     loop.runUntilIdle();
-    pipe.drain();
-    // Left to the loop's destructor: one live, one cancelled before any pump.
-    loop.watchReadable(pipe.fds[0], [&] { calls += 100; });
+    EXPECT_EQ(pipe.drain(), "y");
+    loop.watchReadable(pipe.fds[0], [&] { calls += 10; });
     loop.runUntilIdle();
     loop.cancelWatch(loop.watchReadable(pipe.fds[0], [&] { calls += 100; }));
   }
-  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(read, "earlylate");
+  EXPECT_EQ(calls, 0);
   EXPECT_EQ(openDescriptors(), before);
 }
 

@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <regex>
 #include <stdexcept>
 
@@ -36,19 +35,13 @@ class TerminatingModule : public test::QVTestModule, public QVAppTerminationObse
 
 class QVQueueServiceDiskCacheTest : public test::QVQueueServiceTestBase {
  protected:
-  // Modes must not depend on the umask.
-  void SetUp() override {
-    QVQueueServiceTestBase::SetUp();
-    previousMask_ = ::umask(0);
-  }
-  void TearDown() override {
-    ::umask(previousMask_);
-    QVQueueServiceTestBase::TearDown();
-  }
+  ~QVQueueServiceDiskCacheTest() override { ::umask(mask_); }
   std::string cacheFolder() const { return service->cachedQueuesDirectory(); }
+  std::string cache(const std::string& name, const std::string& text) {
+    return folder.write("home/Documents/QVCoreCachedQueues/" + name, text);
+  }
 
- private:
-  mode_t previousMask_ = 0;
+  const mode_t mask_ = ::umask(0);  // modes must not depend on the umask
 };
 
 TEST_F(QVQueueServiceDiskCacheTest, AFailedQueueIsCachedPrivatelyAndSentFirstAtTheNextFlush) {
@@ -92,24 +85,17 @@ TEST_F(QVQueueServiceDiskCacheTest, RecoveryDeletesEveryFileAndKeepsOnlyQueuesOf
   EXPECT_FALSE(service->saveQueueToFile(QVQueue::initWithJSONAndModule("{}", alpha)));
 
   ASSERT_TRUE(service->createCachedQueueFolder());
-  for (const auto& [name, text] :
-       std::map<std::string, std::string>{{"Alpha_2.000000.json", queueText(2)},
-                                          {"Alpha_1.000000.json", queueText(1)},
-                                          {"Alpha_3.000000.json", "\xff\xfe"},  // not UTF-8
-                                          {"queue.json", queueText(9)},
-                                          {"Ghost_1.000000.json", queueText(9)},
-                                          // Not what the service writes: never posted.
-                                          {"Alpha_4.000000.json", R"({"n":4})"},
-                                          {"Alpha_5.000000.json", "[1,2]"},
-                                          {"Alpha_6.000000.json", "plain text"},
-                                          {"Alpha_7.000000.json", R"({"offset":7})"},
-                                          {"Alpha_8.000000.json", queueText(8) + "}"},
-                                          // One message a post, as a URL-encoded module
-                                          // leaves it.
-                                          {"Url_1.000000.json", R"({"offset":1})"},
-                                          {"Url_2.000000.json", R"({"n":2})"}}) {
-    folder.write("home/Documents/QVCoreCachedQueues/" + name, text);
-  }
+  // Not UTF-8, no module name, an unknown module, and (from Alpha_4) not what
+  // the service writes: never posted. A URL-encoded module leaves one message
+  // a post.
+  const std::pair<const char*, std::string> files[] = {
+      {"Alpha_2", queueText(2)},      {"Alpha_1", queueText(1)},
+      {"Alpha_3", "\xff\xfe"},        {"queue", queueText(9)},
+      {"Ghost_1", queueText(9)},      {"Alpha_4", R"({"n":4})"},
+      {"Alpha_5", "[1,2]"},           {"Alpha_6", "plain text"},
+      {"Alpha_7", R"({"offset":7})"}, {"Alpha_8", queueText(8) + "}"},
+      {"Url_1", R"({"offset":1})"},   {"Url_2", R"({"n":2})"}};
+  for (const auto& [name, text] : files) cache(name + std::string(".000000.json"), text);
   service->recoverSavedQueues();
   EXPECT_TRUE(namesIn(cacheFolder()).empty());
   std::vector<std::string> recovered;
@@ -140,14 +126,13 @@ TEST_F(QVQueueServiceDiskCacheTest, RecoveryNeverFollowsALinkNorTouchesSpecialOr
   const std::string cache = cacheFolder() + "/";
   std::filesystem::create_symlink(outside, cache + "Alpha_1.000000.json");
   ASSERT_EQ(::mkfifo((cache + "Alpha_2.000000.json").c_str(), 0600), 0);
-  folder.write("home/Documents/QVCoreCachedQueues/Alpha_3.000000.json/Alpha_4.000000.json",
-               queueText(4));
+  cache("Alpha_3.000000.json/Alpha_4.000000.json", queueText(4));
   // Too large to be a queue, though its text would pass: deleted unread.
   std::string huge = queueText(5);
   huge.resize((65u << 20), ' ');
-  folder.write("home/Documents/QVCoreCachedQueues/Alpha_5.000000.json", huge);
+  cache("Alpha_5.000000.json", huge);
   huge.clear();
-  folder.write("home/Documents/QVCoreCachedQueues/Alpha_6.000000.json", queueText(6));
+  cache("Alpha_6.000000.json", queueText(6));
   service->recoverSavedQueues();
 
   const auto recovered = service->cachedQueues();

@@ -102,14 +102,15 @@ TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
       request->setValueForHTTPHeaderField(std::to_string(text.size()), "Content-Length");
       request->setHTTPBody(text);
       EXPECT_EQ(service->beforeFlushingRequestForQueue(request, nullptr), request);
-      const std::string sent = *request->HTTPBody();
-      const bool gzipped = on && test::gzip(text).size() < text.size();
-      EXPECT_EQ(sent.size(), gzipped ? test::gzip(text).size() : text.size());
-      EXPECT_EQ(gzipped ? test::gunzip(sent) : sent, text);
-      EXPECT_EQ(request->valueForHTTPHeaderField("Content-Encoding"),
-                gzipped ? std::optional<std::string>("gzip") : std::nullopt);
-      EXPECT_EQ(request->valueForHTTPHeaderField("Content-Length"), std::to_string(sent.size()));
-      EXPECT_EQ(request->allHTTPHeaderFields().size(), gzipped ? 2u : 1u);
+      const std::string gzip = test::gzip(text);
+      const bool gzipped = on && gzip.size() < text.size();
+      const std::string sent = gzipped ? gzip : text;
+      EXPECT_EQ(*request->HTTPBody(), sent);
+      std::string headers;
+      for (const auto& [name, value] : request->allHTTPHeaderFields())
+        headers += name + ": " + value + "|";
+      EXPECT_EQ(headers, "Content-Length: " + std::to_string(sent.size()) + "|" +
+                             (gzipped ? "Content-Encoding: gzip|" : ""));
     }
   }
 
