@@ -33,11 +33,6 @@ using test::namesIn;
 using test::Offsets;
 using test::offsetsIn;
 
-mode_t permissionsOf(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
-
 class TerminatingModule : public test::QVTestModule, public QVAppTerminationObserver {
  public:
   using QVTestModule::QVTestModule;
@@ -137,11 +132,8 @@ TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
       const bool gzipped = on && gzip.size() < text.size();
       const std::string sent = gzipped ? gzip : text;
       EXPECT_EQ(*request->HTTPBody(), sent);
-      std::string headers;
-      for (const auto& [name, value] : request->allHTTPHeaderFields())
-        headers += name + ": " + value + "|";
-      EXPECT_EQ(headers, "Content-Length: " + std::to_string(sent.size()) + "|" +
-                             (gzipped ? "Content-Encoding: gzip|" : ""));
+      EXPECT_EQ(test::headersOf(*request), "Content-Length: " + std::to_string(sent.size()) + "|" +
+                                               (gzipped ? "Content-Encoding: gzip|" : ""));
     }
   }
 
@@ -226,8 +218,8 @@ TEST_F(QVQueueServiceTest, QueuesAreKeyedByClassNameAndOutliveDisable) {
 TEST_F(QVQueueServiceTest, AFailedQueueIsCachedPrivatelyAndSentFirstAtTheNextFlush) {
   auto alpha = defineModule("Alpha");
   ASSERT_TRUE(service->enable());
-  EXPECT_EQ(permissionsOf(QVFileSystem::documentsDirectory()), 0700u);
-  EXPECT_EQ(permissionsOf(cacheFolder()), 0700u);
+  EXPECT_EQ(test::modeOf(QVFileSystem::documentsDirectory()), 0700u);
+  EXPECT_EQ(test::modeOf(cacheFolder()), 0700u);
   post(alpha, 1);
   service->flushQueues();
   session->completeWithStatus(0, 500);
@@ -237,7 +229,7 @@ TEST_F(QVQueueServiceTest, AFailedQueueIsCachedPrivatelyAndSentFirstAtTheNextFlu
   const std::string file = cacheFolder() + "/" + names[0];
   const std::string saved = QVFileSystem::contentsAtPath(file, 1 << 20).value_or("");
   EXPECT_EQ(offsetsIn(saved), Offsets{1});
-  EXPECT_EQ(permissionsOf(file), 0600u);
+  EXPECT_EQ(test::modeOf(file), 0600u);
 
   post(defineModule("Beta"), 2);
   service->flushQueues();
