@@ -18,36 +18,30 @@ Bytes bytes(std::string text) { return std::make_shared<const std::string>(std::
 // Stand-ins for the three pointers: they count, keep the arguments, fail
 // when told to, and otherwise hand on to zlib.
 struct Calls {
-  int init = 0, deflate = 0, end = 0;
+  int deflate = 0, end = 0, initResult = Z_OK, deflateResult = Z_OK;
   std::vector<int> initArguments;
   std::string version;
-  int initResult = Z_OK;
-  int deflateResult = Z_OK;
 } calls;
-
-int initStandIn(z_stream_s* s, int level, int method, int windowBits, int memLevel, int strategy,
-                const char* version, int streamSize) {
-  ++calls.init;
-  calls.initArguments = {level, method, windowBits, memLevel, strategy, streamSize};
-  calls.version = version;
-  if (calls.initResult != Z_OK) return calls.initResult;
-  return deflateInit2_(s, level, method, windowBits, memLevel, strategy, version, streamSize);
-}
-int deflateStandIn(z_stream_s* s, int flush) {
-  ++calls.deflate;
-  return calls.deflateResult != Z_OK ? calls.deflateResult : deflate(s, flush);
-}
-int endStandIn(z_stream_s* s) {
-  ++calls.end;
-  return deflateEnd(s);
-}
 
 class QVDataCompressionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    QVDataCompression::deflateInitQVDCFunctor = &initStandIn;
-    QVDataCompression::deflateQVDCFunctor = &deflateStandIn;
-    QVDataCompression::deflateEndQVDCFunctor = &endStandIn;
+    QVDataCompression::deflateInitQVDCFunctor = [](z_stream_s* s, int level, int method, int bits,
+                                                   int mem, int strategy, const char* version,
+                                                   int size) {
+      calls.initArguments = {level, method, bits, mem, strategy, size};
+      calls.version = version;
+      if (calls.initResult != Z_OK) return calls.initResult;
+      return deflateInit2_(s, level, method, bits, mem, strategy, version, size);
+    };
+    QVDataCompression::deflateQVDCFunctor = [](z_stream_s* s, int flush) {
+      ++calls.deflate;
+      return calls.deflateResult != Z_OK ? calls.deflateResult : deflate(s, flush);
+    };
+    QVDataCompression::deflateEndQVDCFunctor = [](z_stream_s* s) {
+      ++calls.end;
+      return deflateEnd(s);
+    };
   }
   void TearDown() override { QVDataCompression::load(); }
 };
@@ -72,8 +66,7 @@ TEST_F(QVDataCompressionTest, OutputInflatesBackWhateverItsSizeAndUsesGzipDefaul
   EXPECT_EQ(calls.end, 0);  // a finished stream is ended by zlib directly
 
   const Bytes one = QVDataCompression::compressData(bytes("x"));
-  EXPECT_GT(one->size(), 1u);
-  EXPECT_EQ(test::gunzip(*one), "x");
+  EXPECT_TRUE(one->size() > 1 && test::gunzip(*one) == "x");
   EXPECT_EQ(QVDataCompression::compressData(nullptr), nullptr);
   const Bytes empty = bytes("");
   EXPECT_EQ(QVDataCompression::compressData(empty), empty);
@@ -126,8 +119,7 @@ TEST_F(QVDataCompressionTest, CompressingWhileWritingGivesTheSameBytes) {
   cutBack.cut(100);
   out += mixedText(2 * kChunk, 8);
   cutBack.grew(out);
-  const Bytes afterCut = cutBack.finish(out);
-  EXPECT_EQ(*afterCut, *QVDataCompression::compressData(bytes(out)));
+  EXPECT_EQ(*cutBack.finish(out), *QVDataCompression::compressData(bytes(out)));
 }
 
 // A failure gives back the input itself, and ends a stream that was started.
