@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <limits>
 
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVApplicationContextMessage.h"

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <limits>
 
 #include "qvcore/model/QVCoreExtensions.h"
 

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVCoreHelper.h"

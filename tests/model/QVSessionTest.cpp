@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <limits>
 #include <thread>
-#include <vector>
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/core/QVCoreHelper.h"

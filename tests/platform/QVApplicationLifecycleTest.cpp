@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
-#include <limits>
 #include <thread>
 
 #include "qvcore/core/QVCore.h"

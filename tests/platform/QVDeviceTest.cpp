@@ -1,11 +1,8 @@
 #include "qvcore/platform/QVDevice.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/utsname.h>
 
-#include <string>
-#include <vector>
 
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"

@@ -1,8 +1,6 @@
 #include "qvcore/platform/QVFileSystem.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 
 #include "qvcore/platform/QVBundle.h"
 #include "support/QVTempFolder.h"

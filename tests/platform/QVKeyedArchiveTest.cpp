@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <limits>
-#include <string>
 
 #include "platform/archive/QVPlistNode.h"
 #include "qvcore/platform/QVArchiveException.h"

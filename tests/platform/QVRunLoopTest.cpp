@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>

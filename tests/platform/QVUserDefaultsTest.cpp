@@ -1,7 +1,6 @@
 #include "qvcore/platform/QVUserDefaults.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVFileSystem.h"

@@ -3,13 +3,10 @@
 // and real files in a temporary data folder.
 #include "qvcore/queue/QVQueueService.h"
 
-#include <sys/stat.h>
 
 #include <chrono>
 #include <filesystem>
-#include <functional>
 #include <regex>
-#include <stdexcept>
 
 #include "qvcore/core/QVAppTerminationObserver.h"
 #include "qvcore/core/QVCore.h"

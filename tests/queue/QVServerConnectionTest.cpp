@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
 
 #include "qvcore/core/QVCore.h"
 #include "support/QVConnectionTestSupport.h"
