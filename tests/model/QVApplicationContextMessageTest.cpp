@@ -87,9 +87,7 @@ TEST(QVApplicationContextMessageTest, OnlyTheFullInitialiserStampsANonZeroType) 
 TEST(QVApplicationContextMessageTest, ArchiveCarriesContextNotBaseFieldsAndStopsAtAFaultyKey) {
   auto message = fullMessage(0, 5);
   message->setContextType(kMin);
-  message->setName(
-      "\xC3\x9C"
-      "bersicht");
+  message->setName("Übersicht");
   message->setReferrer(std::nullopt);
   message->setOffset(42);
   message->setLogLevel(9);

@@ -31,7 +31,8 @@ std::string emptyPayload(int serialNumber) {
          R"(,"sessions":[]})";
 }
 
-TEST(QVQueueTest, PayloadTopLevelAndSerialNumbers) {
+// A queue made from cached text sends that text as it is.
+TEST(QVQueueTest, PayloadTopLevelSerialNumbersAndCachedTextSentUnchanged) {
   auto queue = std::make_shared<QVQueue>();
   EXPECT_EQ(queue->toJson(), emptyPayload(1));
   // No identifier: the core's session, the queue's first current one.
@@ -41,6 +42,14 @@ TEST(QVQueueTest, PayloadTopLevelAndSerialNumbers) {
   queue->flush();
   EXPECT_EQ(queue->toJson(), emptyPayload(3));
   EXPECT_TRUE(queue->isEmpty());
+
+  std::shared_ptr<QVLifecycleObject> module = std::make_shared<test::QVTestModule>("Cached", "");
+  auto cached = QVQueue::initWithJSONAndModule(emptyPayload(9), module);
+  cached->postMessageToSessionID(messageWithOffset(1), "S1");
+  EXPECT_EQ(cached->toJson(), emptyPayload(9));
+  EXPECT_EQ(QVQueue::initWithQueue(cached)->module(), module);
+  module.reset();
+  EXPECT_EQ(cached->module(), nullptr);
 }
 
 TEST(QVQueueTest, SessionLookupRules) {
@@ -68,16 +77,6 @@ TEST(QVQueueTest, SessionLookupRules) {
   EXPECT_EQ(queue->sessionForID("S2"), s2);
   EXPECT_EQ(queue->currentSessionID(), "S2");
   EXPECT_EQ(contents(*queue), "S1:1,2,3,;S2:4,5,;");
-}
-
-TEST(QVQueueTest, CachedTextIsSentUnchanged) {
-  std::shared_ptr<QVLifecycleObject> module = std::make_shared<test::QVTestModule>("Cached", "");
-  auto queue = QVQueue::initWithJSONAndModule(emptyPayload(9), module);
-  queue->postMessageToSessionID(messageWithOffset(1), "S1");
-  EXPECT_EQ(queue->toJson(), emptyPayload(9));
-  EXPECT_EQ(QVQueue::initWithQueue(queue)->module(), module);
-  module.reset();
-  EXPECT_EQ(queue->module(), nullptr);
 }
 
 TEST(QVQueueTest, SnapshotSharesSessionsAndFlushClosesOnlyWhatItTook) {
