@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-
 #include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/model/QVApplicationContextMessage.h"
 #include "qvcore/model/QVMessageConstants.h"
@@ -64,10 +63,8 @@ TEST(QVApplicationContextMessageTest, OnlyTheFullInitialiserStampsANonZeroType) 
   auto stamped = fullMessage(3, 5);
   const ScreenMessage subclass(4, "Cart", "Home", "CartView", "HomeView", 2, 5, 1, 9);
   const uint64_t after = now();
-  for (uint64_t date : {stamped->currentScreenIdSetDate(), subclass.currentScreenIdSetDate()}) {
-    EXPECT_GE(date, before);
-    EXPECT_LE(date, after);
-  }
+  for (uint64_t date : {stamped->currentScreenIdSetDate(), subclass.currentScreenIdSetDate()})
+    EXPECT_TRUE(date >= before && date <= after) << date;
   EXPECT_EQ(QVValue::parse(subclass.toJson()), (QVValue{{"offset", 0}, {"screen", "Cart"}}));
 
   // The time since the set date is the unsigned difference.
