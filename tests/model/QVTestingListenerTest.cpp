@@ -1,7 +1,6 @@
 #include "qvcore/model/QVTestingListener.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include "qvcore/model/QVTestingHelper.h"
 #include "qvcore/platform/QVNotificationCenter.h"

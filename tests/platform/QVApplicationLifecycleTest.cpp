@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
-#include <limits>
 #include <thread>
 
 #include "qvcore/core/QVCore.h"
@@ -17,33 +16,25 @@ using Event = QVApplication::LifecycleEvent;
 
 TEST(QVApplicationLifecycleTest, EventsReachObserversOnTheMainLoopAfterTheStateMoved) {
   QVApplication& app = QVApplication::sharedApplication();
-  std::vector<std::pair<std::string, std::optional<int64_t>>> seen;
+  std::string seen;  // each notification's name and the state when it arrives
   int observer = 0;
-  QVNotificationCenter::defaultCenter().addObserver(
-      &observer, "", &app,
-      [&](const QVNotification& n) { seen.emplace_back(n.name, app.applicationState()); });
-
+  QVNotificationCenter::defaultCenter().addObserver(&observer, "", &app, [&](const auto& n) {
+    seen += n.name + ":" + std::to_string(app.applicationState().value_or(-1)) + " ";
+  });
   std::thread([&] { app.didEnterBackground(); }).join();  // from a host thread
-  EXPECT_TRUE(seen.empty()) << "delivered only when the main loop runs";
-  struct Step {
-    Event event;
-    const char* name;
-    int64_t state;
-  };
-  const std::vector<Step> steps = {
-      {Event::kDidEnterBackground, "UIApplicationDidEnterBackgroundNotification", 2},
-      {Event::kWillEnterForeground, "UIApplicationWillEnterForegroundNotification", 1},
-      {Event::kDidBecomeActive, "UIApplicationDidBecomeActiveNotification", 0},
-      {Event::kWillTerminate, "UIApplicationWillTerminateNotification", 0},
-      {Event::kDidEnterBackground, "UIApplicationDidEnterBackgroundNotification", 2},
-      {Event::kWillTerminate, "UIApplicationWillTerminateNotification", 2}};
-  for (size_t i = 0; i < steps.size(); ++i) {
-    if (i > 0) app.postLifecycleEvent(steps[i].event);
+  EXPECT_EQ(seen, "") << "delivered only when the main loop runs";
+  QVRunLoop::main().runUntilIdle();
+  for (Event event : {Event::kWillEnterForeground, Event::kDidBecomeActive, Event::kWillTerminate,
+                      Event::kDidEnterBackground, Event::kWillTerminate}) {
+    app.postLifecycleEvent(event);
     QVRunLoop::main().runUntilIdle();
-    ASSERT_EQ(seen.size(), i + 1);
-    EXPECT_EQ(seen[i].first, steps[i].name);
-    EXPECT_EQ(seen[i].second, steps[i].state) << steps[i].name;
   }
+  EXPECT_EQ(
+      seen,
+      "UIApplicationDidEnterBackgroundNotification:2 "
+      "UIApplicationWillEnterForegroundNotification:1 "
+      "UIApplicationDidBecomeActiveNotification:0 UIApplicationWillTerminateNotification:0 "
+      "UIApplicationDidEnterBackgroundNotification:2 UIApplicationWillTerminateNotification:2 ");
   QVNotificationCenter::defaultCenter().removeObserver(&observer);
 }
 
@@ -85,13 +76,14 @@ TEST(QVApplicationLifecycleTest, BackgroundTasksExpireOnlyWhenTheHostSaysSoAndOn
 
 TEST(QVApplicationLifecycleTest, RemainingTimeIsUnlimitedUntilTheHostReportsIt) {
   QVApplication& app = QVApplication::sharedApplication();
-  EXPECT_EQ(app.backgroundTimeRemaining(), std::numeric_limits<double>::max());
-  app.setBackgroundTimeRemaining(29.5);
-  EXPECT_EQ(app.backgroundTimeRemaining(), 29.5);
-  app.setBackgroundTimeRemaining(std::numeric_limits<double>::quiet_NaN());
-  EXPECT_EQ(app.backgroundTimeRemaining(), 0.0);
-  app.setBackgroundTimeRemaining(std::nullopt);
-  EXPECT_EQ(app.backgroundTimeRemaining(), std::numeric_limits<double>::max());
+  const double unlimited = std::numeric_limits<double>::max();
+  EXPECT_EQ(app.backgroundTimeRemaining(), unlimited);
+  for (const auto& [reported, remaining] : {std::pair<std::optional<double>, double>{29.5, 29.5},
+                                            {std::numeric_limits<double>::quiet_NaN(), 0.0},
+                                            {std::nullopt, unlimited}}) {
+    app.setBackgroundTimeRemaining(reported);
+    EXPECT_EQ(app.backgroundTimeRemaining(), remaining);
+  }
 }
 
 TEST(QVApplicationTest, HostFactsWithLinuxDefaults) {

@@ -1,7 +1,6 @@
 #include "qvcore/platform/QVBundle.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include "config/QVConfigTestSupport.h"
 

@@ -1,8 +1,6 @@
 #include "qvcore/platform/QVFileSystem.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 
 #include "qvcore/platform/QVBundle.h"
 #include "support/QVTempFolder.h"
@@ -40,11 +38,7 @@ TEST(QVFileSystemTest, HomeFolderComesFromTheHostThenTheEnvironment) {
 
 TEST(QVFileSystemTest, CreatesFoldersAndWritesFilesWithExactModes) {
   test::QVTempFolder folder;
-  const auto modeOf = [](const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
-    return st.st_mode & 07777;
-  };
+  using test::modeOf;
   const mode_t saved = ::umask(077);
   EXPECT_TRUE(QVFileSystem::createDirectoryAtPath(folder.at("a/b/c"), 0750));
   EXPECT_TRUE(QVFileSystem::createDirectoryAtPath(folder.at("a/b/c"), 0700));

@@ -4,10 +4,7 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <stdlib.h>
 
-#include <algorithm>
-#include <cstring>
 
 #include "config/QVConfigTestSupport.h"
 #include "qvcore/platform/QVSystemInterfaceAddressSource.h"

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <mutex>
-#include <set>
 #include <thread>
 
 #include "qvcore/model/QVCoreExtensions.h"

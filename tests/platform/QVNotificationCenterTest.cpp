@@ -3,86 +3,73 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace qv {
 namespace {
 
-using Seen = std::vector<std::string>;
-
-// Records the deliveries of one test, in order.
-struct Recorder {
-  QVNotificationCenter::Callback callback(std::string tag) {
-    return [this, tag](const QVNotification& n) { seen.push_back(tag + ":" + n.name); };
+class QVNotificationCenterTest : public ::testing::Test {
+ protected:
+  // Records a delivery as "tag:name ".
+  QVNotificationCenter::Callback record(std::string tag) {
+    return [this, tag](const QVNotification& n) { seen += tag + ":" + n.name + " "; };
   }
-  Seen take() { return std::exchange(seen, {}); }
-  Seen seen;
+  std::string take() { return std::exchange(seen, ""); }
+
+  QVNotificationCenter center;
+  std::string seen;
 };
 
-TEST(QVNotificationCenterTest, FiltersAndRemovesByNameAndSender) {
-  QVNotificationCenter center;
-  Recorder rec;
+TEST_F(QVNotificationCenterTest, FiltersAndRemovesByNameAndSender) {
   int a = 0, b = 0, any = 0, named = 0, multi = 0;
-  center.addObserver(&any, "", nullptr, rec.callback("any"));
-  center.addObserver(&named, "N", nullptr, rec.callback("named"));
-  center.addObserver(&multi, "N", &a, rec.callback("NA"));
-  center.addObserver(&multi, "", &b, rec.callback("fromB"));
-  center.addObserver(&multi, "M", nullptr, rec.callback("M1"));
-  center.addObserver(&multi, "M", nullptr, rec.callback("M2"));
-
+  center.addObserver(&any, "", nullptr, record("any"));
+  center.addObserver(&named, "N", nullptr, record("named"));
+  center.addObserver(&multi, "N", &a, record("NA"));
+  center.addObserver(&multi, "", &b, record("fromB"));
+  center.addObserver(&multi, "M", nullptr, record("M1"));
+  center.addObserver(&multi, "M", nullptr, record("M2"));
   center.post("N", &a);
-  EXPECT_EQ(rec.take(), (Seen{"any:N", "named:N", "NA:N"}));
+  EXPECT_EQ(take(), "any:N named:N NA:N ");
   center.post("M", &b);
-  EXPECT_EQ(rec.take(), (Seen{"any:M", "fromB:M", "M1:M", "M2:M"}));
+  EXPECT_EQ(take(), "any:M fromB:M M1:M M2:M ");
 
   center.removeObserver(&multi, "M", nullptr);
   center.removeObserver(&multi, "N", &b);  // selects nothing
   EXPECT_EQ(center.observationCount(&multi), 2u);
   center.post("M", &b);
-  EXPECT_EQ(rec.take(), (Seen{"any:M", "fromB:M"}));
+  EXPECT_EQ(take(), "any:M fromB:M ");
   center.removeObserver(&multi);
   center.post("N", &a);
-  EXPECT_EQ(rec.take(), (Seen{"any:N", "named:N"}));
+  EXPECT_EQ(take(), "any:N named:N ");
 }
 
-TEST(QVNotificationCenterTest, CallbacksMayRemoveAddAndPost) {
-  QVNotificationCenter center;
-  Recorder rec;
+TEST_F(QVNotificationCenterTest, CallbacksMayRemoveAddAndPost) {
   int self = 0, victim = 0, late = 0;
-  auto recordSelf = rec.callback("self");
-  center.addObserver(&self, "N", nullptr, [&](const QVNotification& n) {
+  center.addObserver(&self, "N", nullptr, [&, recordSelf = record("self")](const auto& n) {
     recordSelf(n);
     center.removeObserver(&self);    // its own thread: must not wait for itself
     center.removeObserver(&victim);  // not yet called in this post: must not be
-    center.addObserver(&late, "inner", nullptr, rec.callback("late"));
+    center.addObserver(&late, "inner", nullptr, record("late"));
     center.post("inner");
   });
-  center.addObserver(&victim, "N", nullptr, rec.callback("victim"));
+  center.addObserver(&victim, "N", nullptr, record("victim"));
   center.post("N");
-  EXPECT_EQ(rec.take(), (Seen{"self:N", "late:inner"}));
+  EXPECT_EQ(take(), "self:N late:inner ");
   center.post("N");
-  EXPECT_TRUE(rec.take().empty());
+  EXPECT_EQ(take(), "");
 }
 
-// An observer that dies right after removing itself while other threads post.
-// A call that outlived the removal would read freed memory (ASan) or see the
-// flag set after removal.
-struct Mortal {
-  std::atomic<bool> removed = false;
-  std::atomic<int> calls = 0;
-};
-
-TEST(QVNotificationCenterTest, ObserversDieSafelyWhileOtherThreadsPost) {
-  QVNotificationCenter center;
+// Observers die right after removing themselves while other threads post:
+// a call that outlived the removal would read freed memory (ASan) or see
+// the flag set after removal.
+TEST_F(QVNotificationCenterTest, ObserversDieSafelyWhileOtherThreadsPost) {
+  struct Mortal {
+    std::atomic<bool> removed = false;
+    std::atomic<int> calls = 0;
+  };
   std::atomic<bool> churning = true;
   std::atomic<int> callsAfterRemoval = 0;
-  auto post = [&] {
-    while (churning) center.post("tick");
-  };
-  auto churn = [&] {
+  const auto churn = [&] {
     for (int i = 0; i < 500; ++i) {
       auto mortal = std::make_unique<Mortal>();
       Mortal* raw = mortal.get();
@@ -98,8 +85,12 @@ TEST(QVNotificationCenterTest, ObserversDieSafelyWhileOtherThreadsPost) {
     }
   };
   std::vector<std::thread> posters, churners;
-  for (int i = 0; i < 2; ++i) posters.emplace_back(post);
-  for (int i = 0; i < 2; ++i) churners.emplace_back(churn);
+  for (int i = 0; i < 2; ++i) {
+    posters.emplace_back([&] {
+      while (churning) center.post("tick");
+    });
+    churners.emplace_back(churn);
+  }
   for (auto& t : churners) t.join();
   churning = false;
   for (auto& t : posters) t.join();

@@ -1,9 +1,7 @@
 #include "qvcore/platform/QVPropertyList.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <string>
 
 #include "config/QVConfigTestSupport.h"
 

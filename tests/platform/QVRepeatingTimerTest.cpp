@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <memory>
 
 #include "qvcore/platform/QVFakeClock.h"
 
@@ -27,21 +26,19 @@ class QVRepeatingTimerTest : public ::testing::Test {
   int fired = 0;
 };
 
+// The fires due at 180, 210 and 240 s collapse into one; 270 s is on the grid.
 TEST_F(QVRepeatingTimerTest, FiresOnTheGridUntilInvalidated) {
   auto timer = countingTimer(30.0);
-  advanceAndPump(30s - 1ns);
-  EXPECT_EQ(fired, 0);
-  advanceAndPump(1ns);
-  for (int i = 0; i < 4; ++i) advanceAndPump(30s);
-  EXPECT_EQ(fired, 5);
-  advanceAndPump(105s);  // the fires due at 180, 210 and 240 s collapse into one
-  advanceAndPump(14s);
-  EXPECT_EQ(fired, 6);
-  advanceAndPump(1s);  // 270 s is on the grid
-  EXPECT_EQ(fired, 7);
+  std::string counts;  // after each step
+  const QVClock::Duration steps[] = {30s - 1ns, 1ns, 30s, 30s, 30s, 30s, 105s, 14s, 1s};
+  for (auto step : steps) {
+    advanceAndPump(step);
+    counts += std::to_string(fired) + " ";
+  }
+  EXPECT_EQ(counts, "0 1 2 3 4 5 6 6 7 ");
   timer->invalidate();
-  EXPECT_FALSE(timer->isValid());
   advanceAndPump(300s);
+  EXPECT_FALSE(timer->isValid());
   EXPECT_EQ(fired, 7);
 }
 

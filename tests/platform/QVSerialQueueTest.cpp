@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <memory>
-#include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "qvcore/platform/QVGlobalQueue.h"
 

@@ -1,8 +1,6 @@
 #include "qvcore/platform/QVUserDefaults.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVFileSystem.h"
@@ -11,16 +9,13 @@
 namespace qv {
 namespace {
 
-mode_t modeOf(const std::string& path) {
-  struct stat st {};
-  EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
-  return st.st_mode & 07777;
-}
+using test::modeOf;
 
-TEST(QVUserDefaultsTest, ValuesSurviveInAFreshInstance) {
+TEST(QVUserDefaultsTest, ValuesSurviveInAFreshInstanceAndPrivateFilesWhateverTheUmask) {
   test::QVTempFolder folder;
-  const std::string path = folder.at("Library/Preferences/app.plist");
+  const std::string path = folder.at("home/Library/Preferences/app.plist");
   const QVValue nested = {{"list", {1, "two", true}}, {"n", -90}};
+  const mode_t saved = ::umask(0);
   {
     QVUserDefaults defaults(path);
     EXPECT_EQ(defaults.objectForKey("Brevant.UDID"), std::nullopt);
@@ -34,6 +29,10 @@ TEST(QVUserDefaultsTest, ValuesSurviveInAFreshInstance) {
     EXPECT_FALSE(defaults.setObjectForKey({{"a", nullptr}}, "nested"));
     EXPECT_EQ(defaults.objectForKey("nested"), nested);
   }
+  ::umask(saved);
+  EXPECT_EQ(modeOf(path), 0600u);
+  EXPECT_EQ(modeOf(folder.at("home/Library/Preferences")), 0700u);
+  EXPECT_EQ(modeOf(folder.at("home")), 0700u);
   QVUserDefaults reopened(path);
   EXPECT_EQ(reopened.objectForKey("Brevant.UDID"), "ABC-123");
   EXPECT_EQ(reopened.objectForKey("nested"), nested);
@@ -53,17 +52,6 @@ TEST(QVUserDefaultsTest, DamagedOrUnreadableFilesStartEmptyAndAreReplaced) {
     EXPECT_TRUE(defaults.setObjectForKey("fresh", "k"));
     EXPECT_EQ(QVUserDefaults(folder.at(name)).objectForKey("k"), "fresh");
   }
-}
-
-TEST(QVUserDefaultsTest, FileAndFoldersArePrivateWhateverTheUmask) {
-  test::QVTempFolder folder;
-  const mode_t saved = ::umask(0);
-  QVUserDefaults defaults(folder.at("home/Library/Preferences/app.plist"));
-  EXPECT_TRUE(defaults.setObjectForKey("v", "k"));
-  ::umask(saved);
-  EXPECT_EQ(modeOf(folder.at("home/Library/Preferences/app.plist")), 0600u);
-  EXPECT_EQ(modeOf(folder.at("home/Library/Preferences")), 0700u);
-  EXPECT_EQ(modeOf(folder.at("home")), 0700u);
 }
 
 TEST(QVUserDefaultsTest, StandardDefaultsFollowTheHomeFolder) {

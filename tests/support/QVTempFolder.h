@@ -11,6 +11,13 @@
 
 namespace qv::test {
 
+// The permission bits of a file or folder; 0 if there is none.
+inline unsigned modeOf(const std::string& path) {
+  std::error_code ec;
+  const auto perms = std::filesystem::status(path, ec).permissions();
+  return ec ? 0 : static_cast<unsigned>(perms) & 07777;
+}
+
 // A fresh folder under the system's temporary folder, removed with its
 // contents when the object goes.
 class QVTempFolder {
