@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -28,6 +29,8 @@ class QVFakeHttpSession : public QVHttpSession {
                            CompletionHandler completion) override;
 
   size_t taskCount() const;
+  // Waits, with a generous bound, until count tasks were made.
+  bool waitForTasks(size_t count) const;
   Task task(size_t index) const;
   // Ends the task as a session would, on the calling thread.
   void complete(size_t index, std::optional<QVHttpResponse> response,
@@ -35,7 +38,10 @@ class QVFakeHttpSession : public QVHttpSession {
   void completeWithStatus(size_t index, long status);
 
  private:
+  void add(Task task);
+
   mutable std::mutex mutex_;
+  mutable std::condition_variable added_;
   std::vector<Task> tasks_;
 };
 
