@@ -7,7 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "qvcore/environment/QVReachability.h"
 #include "qvcore/platform/QVFakeClock.h"
 #include "qvcore/platform/QVHostReachabilitySource.h"
 #include "qvcore/platform/QVNotificationCenter.h"
@@ -39,10 +38,9 @@ class QVNetworkManagerTest : public ::testing::Test {
     QVReachabilitySource::setShared(nullptr);
   }
 
-  // Starts monitoring and lets the delayed first evaluation run.
-  void startAndSettle() {
-    ASSERT_TRUE(manager->startNetworkMonitoring());
-    clock->advance(1s);
+  // Runs the main loop past the delayed first evaluation of a start.
+  void settle(QVClock::Duration time = 1s) {
+    clock->advance(time);
     QVRunLoop::main().runUntilIdle();
   }
   void setFlags(uint32_t flags) {
@@ -52,6 +50,13 @@ class QVNetworkManagerTest : public ::testing::Test {
   void setRadio(std::optional<std::string> technology) {
     source->setRadioAccessTechnology(std::move(technology));
     QVRunLoop::main().runUntilIdle();
+  }
+  // What the manager answers: status, its name, the connection type, and
+  // " wifi" while it reports a Wi-Fi connection.
+  std::string state() {
+    return std::to_string(manager->currentNetworkStatus()) + " " +
+           manager->currentNetworkReachabilityName() + " " + manager->currentConnectionType() +
+           (manager->isConnectedViaWifi() ? " wifi" : "");
   }
   static QVValue change(uint64_t status, const char* name) {
     return {{"keyVQNetworkStatus", status}, {"keyQVConnectionType", name}};
@@ -64,71 +69,42 @@ class QVNetworkManagerTest : public ::testing::Test {
 };
 
 TEST_F(QVNetworkManagerTest, StartsUnknownAndEvaluatesOneSecondAfterStartOnTheMainLoop) {
-  EXPECT_EQ(manager->currentNetworkStatus(), 0u);
-  EXPECT_EQ(manager->currentNetworkReachabilityName(), "UNKNOWN");
-  EXPECT_EQ(manager->currentConnectionType(), "N/A");
-  const std::pair<int64_t, const char*> names[] = {
-      {0, "NotReachable"}, {1, "ReachableViaWiFi"}, {2, "ReachableViaWWAN"},
-      {3, "UNKNOWN"},      {-1, "UNKNOWN"},
-  };
-  for (const auto& [status, name] : names) {
-    EXPECT_EQ(QVNetworkManager::stringForNetworkStatus(status), name) << status;
+  EXPECT_EQ(state(), "0 UNKNOWN N/A");
+  const char* names[] = {"NotReachable", "ReachableViaWiFi", "ReachableViaWWAN", "UNKNOWN"};
+  for (int64_t status = -1; status <= 3; ++status) {
+    EXPECT_EQ(QVNetworkManager::stringForNetworkStatus(status), names[status < 0 ? 3 : status]);
   }
-  // The first evaluation runs one second after the start, on the main loop.
   source->setFlags(kWiFi);
   ASSERT_TRUE(manager->startNetworkMonitoring());
-  clock->advance(1s - 1ns);
-  QVRunLoop::main().runUntilIdle();
-  EXPECT_EQ(manager->currentNetworkStatus(), 0u);
-  clock->advance(1ns);
-  QVRunLoop::main().runUntilIdle();
+  settle(1s - 1ns);
+  EXPECT_EQ(state(), "0 UNKNOWN N/A wifi") << "the monitor answers at once";
+  settle(1ns);
   EXPECT_EQ(posted, std::vector<QVValue>{change(2, "ReachableViaWiFi")});
-  EXPECT_EQ(manager->currentNetworkStatus(), 2u);
-  EXPECT_EQ(manager->currentNetworkReachabilityName(), "ReachableViaWiFi");
-  EXPECT_EQ(manager->currentConnectionType(), "Wifi");
-  EXPECT_TRUE(manager->isConnectedViaWifi());
+  EXPECT_EQ(state(), "2 ReachableViaWiFi Wifi wifi");
 }
 
-TEST_F(QVNetworkManagerTest, PostsOnlyStatusChangesWhileTheTypeFollowsTheRadio) {
+// An unchanged status posts nothing, however the radio changes the type.
+TEST_F(QVNetworkManagerTest, PostsOnlyStatusChangesWhileTheTypeFollowsTheRadioTable) {
   source->setFlags(kWiFi);
-  startAndSettle();
-  setRadio("CTRadioAccessTechnologyLTE");
+  ASSERT_TRUE(manager->startNetworkMonitoring());
+  settle();
   setFlags(kCellular);
-  EXPECT_EQ(posted,
-            (std::vector<QVValue>{change(2, "ReachableViaWiFi"), change(3, "ReachableViaWWAN")}));
-  EXPECT_EQ(manager->currentConnectionType(), "4G");
-  EXPECT_FALSE(manager->isConnectedViaWifi());
-  setRadio("CTRadioAccessTechnologyHSDPA");
-  EXPECT_EQ(posted.size(), 2u) << "an unchanged status posts nothing";
-  EXPECT_EQ(manager->currentConnectionType(), "3G");
-  setFlags(0);
-  EXPECT_EQ(posted.back(), change(1, "NotReachable"));
-  EXPECT_EQ(manager->currentConnectionType(), "N/A");
-}
-
-TEST_F(QVNetworkManagerTest, CellularTypeComesFromTheRadioTable) {
   const std::pair<std::optional<std::string>, const char*> rows[] = {
-      {"CTRadioAccessTechnologyGPRS", "2G"},
-      {"CTRadioAccessTechnologyEdge", "2G"},
-      {"CTRadioAccessTechnologyCDMA1x", "2G"},
-      {"CTRadioAccessTechnologyWCDMA", "3G"},
-      {"CTRadioAccessTechnologyHSDPA", "3G"},
-      {"CTRadioAccessTechnologyHSUPA", "3G"},
-      {"CTRadioAccessTechnologyCDMAEVDORev0", "3G"},
-      {"CTRadioAccessTechnologyCDMAEVDORevA", "3G"},
-      {"CTRadioAccessTechnologyCDMAEVDORevB", "3G"},
-      {"CTRadioAccessTechnologyeHRPD", "3G"},
-      {"CTRadioAccessTechnologyLTE", "4G"},
-      {"CTRadioAccessTechnologyNR", "WWAN"},
-      {"", "WWAN"},
-      {std::nullopt, "WWAN"},
-  };
-  source->setFlags(kCellular);
-  startAndSettle();
+      {"GPRS", "2G"},         {"Edge", "2G"},  {"CDMA1x", "2G"},       {"WCDMA", "3G"},
+      {"HSDPA", "3G"},        {"HSUPA", "3G"}, {"CDMAEVDORev0", "3G"}, {"CDMAEVDORevA", "3G"},
+      {"CDMAEVDORevB", "3G"}, {"eHRPD", "3G"}, {"LTE", "4G"},          {"NR", "WWAN"},
+      {std::nullopt, "WWAN"}, {"", "WWAN"}};
   for (const auto& [technology, type] : rows) {
-    setRadio(technology);
-    EXPECT_EQ(manager->currentConnectionType(), type) << technology.value_or("(none)");
+    setRadio(technology ? "CTRadioAccessTechnology" + *technology : technology);
+    EXPECT_EQ(state(), std::string("3 ReachableViaWWAN ") + type) << technology.value_or("none");
   }
+  setRadio("");
+  EXPECT_EQ(state(), "3 ReachableViaWWAN WWAN") << "empty text";
+  setFlags(0);
+  EXPECT_EQ(state(), "1 NotReachable N/A");
+  EXPECT_EQ(posted,
+            (std::vector<QVValue>{change(2, "ReachableViaWiFi"), change(3, "ReachableViaWWAN"),
+                                  change(1, "NotReachable")}));
 }
 
 TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehind) {
@@ -138,8 +114,7 @@ TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehin
   EXPECT_EQ(manager->networkMonitor(), monitor);
   EXPECT_EQ(source->scheduledTargetCount(), 1u);
   EXPECT_EQ(QVNotificationCenter::defaultCenter().observationCount(manager.get()), 1u);
-  clock->advance(1s);
-  QVRunLoop::main().runUntilIdle();
+  settle();
   posted.clear();
   EXPECT_TRUE(manager->stopNetworkMonitoring());
 
@@ -150,8 +125,7 @@ TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehin
   EXPECT_EQ(QVNotificationCenter::defaultCenter().observationCount(manager.get()), 0u);
   source->setFailsToSchedule(false);
   EXPECT_FALSE(manager->startNetworkMonitoring());
-  clock->advance(1s);
-  QVRunLoop::main().runUntilIdle();
+  settle();
   EXPECT_TRUE(posted.empty());
   EXPECT_TRUE(manager->stopNetworkMonitoring());
   EXPECT_EQ(manager->networkMonitor(), nullptr);
@@ -166,27 +140,27 @@ TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehin
 
 TEST_F(QVNetworkManagerTest, StopKeepsTheLastStatusAndARestartPostsOnlyRealChanges) {
   source->setFlags(kWiFi);
-  startAndSettle();
+  ASSERT_TRUE(manager->startNetworkMonitoring());
+  settle();
   EXPECT_TRUE(manager->stopNetworkMonitoring());
   EXPECT_TRUE(manager->stopNetworkMonitoring()) << "nothing left to stop";
   EXPECT_EQ(source->scheduledTargetCount(), 0u);
-  EXPECT_EQ(manager->currentNetworkStatus(), 2u);
-  EXPECT_EQ(manager->currentNetworkReachabilityName(), "ReachableViaWiFi");
-  EXPECT_EQ(manager->currentConnectionType(), "Wifi");
-  EXPECT_FALSE(manager->isConnectedViaWifi());
+  EXPECT_EQ(state(), "2 ReachableViaWiFi Wifi") << "no longer reported as Wi-Fi";
 
-  startAndSettle();
+  ASSERT_TRUE(manager->startNetworkMonitoring());
+  settle();
   setFlags(kCellular);
   EXPECT_EQ(posted,
             (std::vector<QVValue>{change(2, "ReachableViaWiFi"), change(3, "ReachableViaWWAN")}));
 }
 
 TEST_F(QVNetworkManagerTest, QueriesFromAnotherThreadSeeWholeValues) {
-  startAndSettle();
+  ASSERT_TRUE(manager->startNetworkMonitoring());
+  settle();
+  const std::set<std::string> known{
+      "UNKNOWN", "NotReachable", "ReachableViaWiFi", "ReachableViaWWAN", "N/A", "Wifi", "4G"};
   std::atomic<bool> done{false};
   std::thread reader([&] {
-    const std::set<std::string> known{
-        "UNKNOWN", "NotReachable", "ReachableViaWiFi", "ReachableViaWWAN", "N/A", "Wifi", "4G"};
     while (!done) {
       EXPECT_TRUE(known.count(manager->currentNetworkReachabilityName()));
       EXPECT_TRUE(known.count(manager->currentConnectionType()));
