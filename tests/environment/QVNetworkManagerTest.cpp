@@ -1,12 +1,16 @@
+// The network monitor: reachability read from host-fed flags, and the
+// manager that turns it into a status and a connection type.
 #include "qvcore/environment/QVNetworkManager.h"
 
 #include <gtest/gtest.h>
+#include <sys/un.h>
 
 #include <atomic>
 #include <set>
 #include <thread>
 #include <vector>
 
+#include "qvcore/environment/QVReachability.h"
 #include "qvcore/platform/QVFakeClock.h"
 #include "qvcore/platform/QVHostReachabilitySource.h"
 #include "qvcore/platform/QVNotificationCenter.h"
@@ -20,7 +24,7 @@ namespace {
 constexpr uint32_t kWiFi = 0x2;
 constexpr uint32_t kCellular = 0x40002;
 
-class QVNetworkManagerTest : public ::testing::Test {
+class QVNetworkTest : public ::testing::Test {
  protected:
   void SetUp() override {
     QVReachabilitySource::setShared(source);
@@ -31,6 +35,9 @@ class QVNetworkManagerTest : public ::testing::Test {
           EXPECT_EQ(n.sender, nullptr);
           posted.push_back(n.userInfo.value_or(QVValue()));
         });
+    QVNotificationCenter::defaultCenter().addObserver(
+        this, "kQVNetworkReachabilityChangedNotification", nullptr,
+        [this](const QVNotification& n) { senders.push_back(n.sender); });
   }
   void TearDown() override {
     QVNotificationCenter::defaultCenter().removeObserver(this);
@@ -66,9 +73,10 @@ class QVNetworkManagerTest : public ::testing::Test {
   std::shared_ptr<QVFakeClock> clock = std::make_shared<QVFakeClock>();
   std::shared_ptr<QVNetworkManager> manager = QVNetworkManager::sharedInstance();
   std::vector<QVValue> posted;
+  std::vector<const void*> senders;  // of reachability changes
 };
 
-TEST_F(QVNetworkManagerTest, StartsUnknownAndEvaluatesOneSecondAfterStartOnTheMainLoop) {
+TEST_F(QVNetworkTest, StartsUnknownAndEvaluatesOneSecondAfterStartOnTheMainLoop) {
   EXPECT_EQ(state(), "0 UNKNOWN N/A");
   const char* names[] = {"NotReachable", "ReachableViaWiFi", "ReachableViaWWAN", "UNKNOWN"};
   for (int64_t status = -1; status <= 3; ++status) {
@@ -84,7 +92,7 @@ TEST_F(QVNetworkManagerTest, StartsUnknownAndEvaluatesOneSecondAfterStartOnTheMa
 }
 
 // An unchanged status posts nothing, however the radio changes the type.
-TEST_F(QVNetworkManagerTest, PostsOnlyStatusChangesWhileTheTypeFollowsTheRadioTable) {
+TEST_F(QVNetworkTest, PostsOnlyStatusChangesWhileTheTypeFollowsTheRadioTable) {
   source->setFlags(kWiFi);
   ASSERT_TRUE(manager->startNetworkMonitoring());
   settle();
@@ -107,7 +115,7 @@ TEST_F(QVNetworkManagerTest, PostsOnlyStatusChangesWhileTheTypeFollowsTheRadioTa
                                   change(1, "NotReachable")}));
 }
 
-TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehind) {
+TEST_F(QVNetworkTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehind) {
   ASSERT_TRUE(manager->startNetworkMonitoring());
   const auto monitor = manager->networkMonitor();
   EXPECT_FALSE(manager->startNetworkMonitoring());
@@ -138,7 +146,7 @@ TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehin
   EXPECT_TRUE(manager->startNetworkMonitoring());
 }
 
-TEST_F(QVNetworkManagerTest, StopKeepsTheLastStatusAndARestartPostsOnlyRealChanges) {
+TEST_F(QVNetworkTest, StopKeepsTheLastStatusAndARestartPostsOnlyRealChanges) {
   source->setFlags(kWiFi);
   ASSERT_TRUE(manager->startNetworkMonitoring());
   settle();
@@ -154,7 +162,7 @@ TEST_F(QVNetworkManagerTest, StopKeepsTheLastStatusAndARestartPostsOnlyRealChang
             (std::vector<QVValue>{change(2, "ReachableViaWiFi"), change(3, "ReachableViaWWAN")}));
 }
 
-TEST_F(QVNetworkManagerTest, QueriesFromAnotherThreadSeeWholeValues) {
+TEST_F(QVNetworkTest, QueriesFromAnotherThreadSeeWholeValues) {
   ASSERT_TRUE(manager->startNetworkMonitoring());
   settle();
   const std::set<std::string> known{
@@ -173,6 +181,69 @@ TEST_F(QVNetworkManagerTest, QueriesFromAnotherThreadSeeWholeValues) {
   done = true;
   reader.join();
   EXPECT_EQ(posted.size(), 100u) << "every one of them changed the status";
+}
+
+// Per flags (none: unreadable): the internet target's status, the local
+// Wi-Fi target's, and whether the internet target needs a connection.
+TEST_F(QVNetworkTest, StatusFollowsTheFlagRulesForBothTargets) {
+  const std::pair<std::optional<uint32_t>, const char*> rows[] = {
+      {0x0, "0 0"},           {0x2, "1 0"},           {0x6, "0 0 required"},
+      {0x26, "1 0 required"}, {0x36, "0 0 required"}, {0xE, "1 0 required"},
+      {0x1E, "0 0 required"}, {0x40002, "2 0"},       {0x40006, "2 0 required"},
+      {0x40000, "0 0"},       {0x20002, "1 1"},       {0x60002, "2 1"},
+      {0x20000, "0 0"},       {0x4, "0 0 required"},  {std::nullopt, "0 0"}};
+  auto internet = QVReachability::reachabilityForInternetConnection();
+  auto localWiFi = QVReachability::reachabilityForLocalWiFi();
+  ASSERT_TRUE(internet && localWiFi);
+  for (const auto& [flags, expected] : rows) {
+    source->setFlags(flags);
+    EXPECT_EQ(std::to_string(internet->currentReachabilityStatus()) + " " +
+                  std::to_string(localWiFi->currentReachabilityStatus()) +
+                  (internet->connectionRequired() ? " required" : ""),
+              expected)
+        << std::hex << flags.value_or(0xdead);
+  }
+}
+
+// The notifier does not keep its object alive, and its end stops it.
+TEST_F(QVNetworkTest, StartedNotifierPostsEachChangeWithItselfAsSenderUntilStopped) {
+  auto reachability = QVReachability::reachabilityForInternetConnection();
+  ASSERT_TRUE(reachability->startNotifier());
+  source->setFlags(0x2);
+  source->setRadioAccessTechnology("CTRadioAccessTechnologyLTE");
+  EXPECT_TRUE(senders.empty()) << "changes arrive on the run loop, not on the setter's stack";
+  QVRunLoop::main().runUntilIdle();
+  EXPECT_EQ(senders, (std::vector<const void*>{reachability.get(), reachability.get()}));
+
+  EXPECT_TRUE(reachability->stopNotifier());
+  EXPECT_EQ(source->scheduledTargetCount(), 0u);
+  source->setFlags(0x0);
+  QVRunLoop::main().runUntilIdle();
+  ASSERT_TRUE(reachability->startNotifier());
+  std::weak_ptr<QVReachability> weak = reachability;
+  source->setFlags(0x2);  // a change already on its way to the loop
+  reachability.reset();
+  EXPECT_TRUE(weak.expired());
+  EXPECT_EQ(source->scheduledTargetCount(), 0u);
+  QVRunLoop::main().runUntilIdle();
+  EXPECT_EQ(senders.size(), 2u);
+}
+
+TEST_F(QVNetworkTest, NothingIsMadeOrStartedWhenTheSourceCannot) {
+  sockaddr_un local{};
+  local.sun_family = AF_UNIX;
+  EXPECT_FALSE(QVReachability::reachabilityWithAddress(reinterpret_cast<sockaddr*>(&local)));
+  EXPECT_TRUE(QVReachability::reachabilityWithHostName("example.org"));
+  auto reachability = QVReachability::reachabilityForInternetConnection();
+  source->setFailsToSchedule(true);
+  EXPECT_FALSE(reachability->startNotifier());
+  source->setFlags(0x2);
+  QVRunLoop::main().runUntilIdle();
+  EXPECT_TRUE(senders.empty());
+  source->setFailsToCreateTargets(true);
+  EXPECT_FALSE(QVReachability::reachabilityWithHostName("example.org"));
+  EXPECT_FALSE(QVReachability::reachabilityForInternetConnection());
+  EXPECT_FALSE(QVReachability::reachabilityForLocalWiFi());
 }
 
 }  // namespace
