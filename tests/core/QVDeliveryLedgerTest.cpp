@@ -21,24 +21,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The counts that are not zero, in the ledger's order, e.g. "accepted 3 sent 1 invalidMessage 2".
-std::string nonZero(const QVLedgerCounts& c) {
+// The counts that are not zero, by name, e.g. "accepted 3 dropped.invalidMessage 2 sent 1 ".
+std::string nonZero(const QVValue& counts, const std::string& prefix = "") {
   std::string text;
-  const auto add = [&text](const std::string& name, uint64_t n) {
-    if (n) text += (text.empty() ? "" : " ") + name + " " + std::to_string(n);
-  };
-  for (const auto& [name, n] : {std::pair{"accepted", c.accepted},
-                                {"refused", c.refused},
-                                {"sent", c.sent},
-                                {"failed", c.failed},
-                                {"cached", c.cached},
-                                {"recovered", c.recovered},
-                                {"queued", c.queued},
-                                {"inFlight", c.inFlight}}) {
-    add(name, n);
-  }
-  for (size_t r = 0; r < c.dropped.size(); ++r) {
-    add(dropReasonName(static_cast<QVDropReason>(r)), c.dropped[r]);
+  for (const auto& [name, n] : counts.items()) {
+    if (n.is_object()) text += nonZero(n, name + ".");
+    if (n.is_number() && n != 0) text += prefix + name + " " + n.dump() + " ";
   }
   return text;
 }
@@ -84,7 +72,7 @@ class QVDeliveryLedgerTest : public ::testing::Test {
     const QVLedgerSnapshot ledger = core_->ledgerSnapshot();
     EXPECT_TRUE(ledger.balances()) << ledger.toJson();
     const auto it = ledger.modules.find(module);
-    return it == ledger.modules.end() ? "" : nonZero(it->second);
+    return it == ledger.modules.end() ? "" : nonZero(it->second.jsonValue());
   }
 
   test::QVTestHost host_{"com.example.ledger"};
@@ -101,8 +89,8 @@ TEST_F(QVDeliveryLedgerTest, EveryWayAMessageLeavesIsCountedAndTheLedgerBalances
     EXPECT_FALSE(post("Json", message, 1));
   }
   EXPECT_FALSE(post("Nobody", 3));
-  EXPECT_EQ(counts("Json"), "refused 2");
-  EXPECT_EQ(counts("Nobody"), "refused 1");
+  EXPECT_EQ(counts("Json"), "refused 2 ");
+  EXPECT_EQ(counts("Nobody"), "refused 1 ");
 
   // Left out of the payload: a broken message ends its session's messages,
   // the good one after it included; another session still goes. A
@@ -116,8 +104,9 @@ TEST_F(QVDeliveryLedgerTest, EveryWayAMessageLeavesIsCountedAndTheLedgerBalances
   ASSERT_TRUE(post("Query", std::make_shared<test::QVFieldsMessage>(nan), 14));
   ASSERT_TRUE(post("Query", 15));
   ASSERT_NO_FATAL_FAILURE(flush());
-  EXPECT_EQ(counts("Json"), "accepted 3 refused 2 sent 1 invalidMessage 2");
-  EXPECT_EQ(counts("Query"), "accepted 3 sent 1 requestNotBuildable 1 invalidMessage 1");
+  EXPECT_EQ(counts("Json"), "accepted 3 refused 2 sent 1 dropped.invalidMessage 2 ");
+  EXPECT_EQ(counts("Query"),
+            "accepted 3 sent 1 dropped.requestNotBuildable 1 dropped.invalidMessage 1 ");
   ASSERT_EQ(server_.requests().size(), 2u);
   EXPECT_EQ(server_.requests()[1].method + " " + server_.requests()[1].path(), "GET /query");
 
@@ -127,7 +116,8 @@ TEST_F(QVDeliveryLedgerTest, EveryWayAMessageLeavesIsCountedAndTheLedgerBalances
   server_.addReply(test::QVTestReply::answer(500));
   ASSERT_TRUE(post("Json", 20));
   ASSERT_NO_FATAL_FAILURE(flush());
-  EXPECT_EQ(counts("Json"), "accepted 4 refused 2 sent 1 failed 1 cachingOff 1 invalidMessage 2");
+  EXPECT_EQ(counts("Json"),
+            "accepted 4 refused 2 sent 1 failed 1 dropped.cachingOff 1 dropped.invalidMessage 2 ");
 
   core_->updateConfigForModuleNameWithData("QVCore", {{"HasToPersistLocalCache", true}});
   const std::string cache = service_->cachedQueuesDirectory();
@@ -136,9 +126,9 @@ TEST_F(QVDeliveryLedgerTest, EveryWayAMessageLeavesIsCountedAndTheLedgerBalances
   server_.addReply(test::QVTestReply::answer(500));
   ASSERT_TRUE(post("Json", 21) && post("Json", 22));
   ASSERT_NO_FATAL_FAILURE(flush());
-  EXPECT_EQ(
-      counts("Json"),
-      "accepted 6 refused 2 sent 1 failed 3 cacheWriteFailed 2 cachingOff 1 invalidMessage 2");
+  EXPECT_EQ(counts("Json"),
+            "accepted 6 refused 2 sent 1 failed 3 dropped.cacheWriteFailed 2 dropped.cachingOff 1 "
+            "dropped.invalidMessage 2 ");
   std::filesystem::remove(cache);
   ASSERT_TRUE(service_->createCachedQueueFolder());
 
@@ -146,8 +136,8 @@ TEST_F(QVDeliveryLedgerTest, EveryWayAMessageLeavesIsCountedAndTheLedgerBalances
   ASSERT_TRUE(post("Json", 30) && post("Json", 31));
   ASSERT_NO_FATAL_FAILURE(flush());
   EXPECT_EQ(counts("Json"),
-            "accepted 8 refused 2 sent 1 failed 5 cached 2 cacheWriteFailed 2 "
-            "cachingOff 1 invalidMessage 2");
+            "accepted 8 refused 2 sent 1 failed 5 cached 2 dropped.cacheWriteFailed 2 "
+            "dropped.cachingOff 1 dropped.invalidMessage 2 ");
 
   // Read back: the cached queue (2), a planted queue of 3, a file that is no
   // queue (counted as 1), and a queue of 2 for a module nobody knows.
@@ -160,9 +150,9 @@ TEST_F(QVDeliveryLedgerTest, EveryWayAMessageLeavesIsCountedAndTheLedgerBalances
   ASSERT_NO_FATAL_FAILURE(flush());
   // Nothing is left queued or in flight, and every reason was walked.
   EXPECT_EQ(counts("Json"),
-            "accepted 8 refused 2 sent 6 failed 5 cached 2 recovered 6 cacheWriteFailed 2 "
-            "cachingOff 1 cacheFileUnreadable 1 invalidMessage 2");
-  EXPECT_EQ(counts("Nobody"), "refused 1 recovered 2 unknownModule 2");
+            "accepted 8 refused 2 sent 6 failed 5 cached 2 recovered 6 dropped.cacheWriteFailed 2 "
+            "dropped.cachingOff 1 dropped.cacheFileUnreadable 1 dropped.invalidMessage 2 ");
+  EXPECT_EQ(counts("Nobody"), "refused 1 recovered 2 dropped.unknownModule 2 ");
   EXPECT_TRUE(test::namesIn(cache).empty());
 }
 
@@ -171,18 +161,18 @@ TEST_F(QVDeliveryLedgerTest, QueuedAndInFlightAreWhatTheCoreHoldsNow) {
   core_->updateConfigForModuleNameWithData("QVCore", {{"PostMessageTimeout", 1}});
   for (uint64_t offset = 1; offset <= 3; ++offset) ASSERT_TRUE(post("Json", offset));
   ASSERT_TRUE(post("Query", 4));
-  EXPECT_EQ(counts("Json"), "accepted 3 queued 3");
+  EXPECT_EQ(counts("Json"), "accepted 3 queued 3 ");
 
   // The stalled post holds the Json queue in flight; the GET waits behind it.
   core_->flushQueues();
   ASSERT_TRUE(QVRunLoop::main().runUntil([&] { return !server_.requests().empty(); }, 20s));
   service_->flushDispatchQueue()->sync([] {});
-  EXPECT_EQ(counts("Json"), "accepted 3 inFlight 3");
-  EXPECT_EQ(counts("Query"), "accepted 1 queued 1");
+  EXPECT_EQ(counts("Json"), "accepted 3 inFlight 3 ");
+  EXPECT_EQ(counts("Query"), "accepted 1 queued 1 ");
 
   ASSERT_NO_FATAL_FAILURE(flush());
-  EXPECT_EQ(counts("Json"), "accepted 3 failed 3 cached 3");
-  EXPECT_EQ(counts("Query"), "accepted 1 sent 1");
+  EXPECT_EQ(counts("Json"), "accepted 3 failed 3 cached 3 ");
+  EXPECT_EQ(counts("Query"), "accepted 1 sent 1 ");
 
   core_->resetLedger();
   EXPECT_EQ(counts("Json"), "");
