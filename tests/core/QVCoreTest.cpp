@@ -53,28 +53,33 @@ class QVCoreTest : public ::testing::Test {
     }
     return levels;
   }
+  // The names in the registry, or "none" before there is one.
+  std::string registered() {
+    const auto registry = core_->classReferences();
+    if (!registry) return "none";
+    std::string names;
+    for (const auto& [name, module] : *registry) names += name + " ";
+    return names;
+  }
 
   test::QVTestHost host_{"com.example.core"};
   std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
 };
 
-TEST_F(QVCoreTest, FindsModulesByClassNameOnlyWhenTheyAreLifecycleObjects) {
-  auto module = QVTestModule::define("Finder");
+// Only lifecycle objects are found, and finding registers nothing; a module
+// is started or stopped only when it is not already.
+TEST_F(QVCoreTest, ModulesAreFoundByClassNameAndStartedOrStoppedOnlyWhenTheyAreNot) {
   auto plain = std::make_shared<NotAModule>();
   QVClassRegistry::shared().registerClass("NotAModule", [plain] { return plain; });
-  EXPECT_EQ(core_->lifecycleObjectForName("Finder"), module);
-  for (const char* name : {"NotAModule", "finder", ""}) {
+  auto stopped = QVTestModule::define("Stopped");
+  auto running = QVTestModule::define("Running");
+  EXPECT_EQ(core_->lifecycleObjectForName("Stopped"), stopped);
+  for (const char* name : {"NotAModule", "stopped", ""}) {
     EXPECT_EQ(core_->lifecycleObjectForName(name), nullptr) << name;
   }
-  EXPECT_FALSE(core_->classReferences().has_value()) << "lookup by class registers nothing";
-}
-
-TEST_F(QVCoreTest, ModulesAreStartedOrStoppedOnlyWhenTheyAreNot) {
   EXPECT_TRUE(core_->disableModule("Nobody"));
   EXPECT_FALSE(core_->startModule("Nobody"));
-  auto stopped = QVTestModule::define("Stopped");
   EXPECT_TRUE(core_->disableModule("Stopped"));
-  auto running = QVTestModule::define("Running");
   running->setEnabled(true);
   running->disableResult = running->enableResult = stopped->enableResult = false;
   EXPECT_FALSE(core_->disableModule("Running"));
@@ -83,13 +88,13 @@ TEST_F(QVCoreTest, ModulesAreStartedOrStoppedOnlyWhenTheyAreNot) {
   EXPECT_EQ((std::vector<int>{stopped->enableCalls, stopped->disableCalls, running->enableCalls,
                               running->disableCalls}),
             (std::vector<int>{1, 0, 0, 1}));
+  EXPECT_EQ(registered(), "none");
 }
 
 TEST_F(QVCoreTest, AFailedEnableResetsTheRegistryAndStillObservesTheNetwork) {
   EXPECT_EQ(core_->currentLoggingLevel(), 0);
-  EXPECT_FALSE(core_->enable());
-  EXPECT_FALSE(core_->isEnabled());
-  EXPECT_EQ(core_->classReferences(), QVCore::ModuleRegistry{});
+  EXPECT_FALSE(core_->enable() || core_->isEnabled());
+  EXPECT_EQ(registered(), "");
   EXPECT_TRUE(QVConfigService::sharedInstance()->isEnabled()) << "the first step ran";
   EXPECT_EQ(QVConfigService::sharedInstance()->getConfig(core_), nullptr);
   QVNotificationCenter::defaultCenter().post(
@@ -102,8 +107,7 @@ std::vector<std::string> linesOfTwoEnables(const std::string& app) {
   std::vector<std::string> lines;
   QVBundle::setMainBundlePath(app);
   QVLog::setSink([&](const std::string& line) { lines.push_back(line); });
-  EXPECT_FALSE(QVCore::sharedInstance()->enable());
-  EXPECT_FALSE(QVCore::sharedInstance()->enable());
+  EXPECT_FALSE(QVCore::sharedInstance()->enable() || QVCore::sharedInstance()->enable());
   QVLog::setSink(nullptr);
   return lines;
 }
@@ -130,9 +134,13 @@ TEST(QVCoreEnableLogTest, AnEnableWithAnEmptyCoreBundleNamesTheBundle) {
 // the registry is kept so that level 1 wakes the same modules. Other levels
 // do nothing.
 TEST_F(QVCoreTest, BatteryLevelZeroSleepsOneWakesOtherLevelsDoNothing) {
+  const auto services = [] {
+    return std::to_string(QVQueueService::sharedInstance()->isEnabled()) +
+           std::to_string(QVConfigService::sharedInstance()->isEnabled());
+  };
   core_->batteryLevelChanged(2);
   core_->batteryLevelChanged(-1);
-  EXPECT_FALSE(core_->classReferences().has_value()) << "only 1 and 0 act";
+  EXPECT_EQ(registered(), "none") << "only 1 and 0 act";
   host_.writeCoreConfig({{"PostMessageLevelWiFi", 3}});
   core_->batteryLevelChanged(1);
   ASSERT_TRUE(core_->isEnabled()) << "waking runs enable";
@@ -144,23 +152,22 @@ TEST_F(QVCoreTest, BatteryLevelZeroSleepsOneWakesOtherLevelsDoNothing) {
   core_->batteryLevelChanged(0);
   EXPECT_EQ(first->disableCalls + second->disableCalls, 2) << "asked after another refused";
   EXPECT_FALSE(second->isEnabled());
-  EXPECT_FALSE(QVQueueService::sharedInstance()->isEnabled());
-  EXPECT_FALSE(QVConfigService::sharedInstance()->isEnabled());
-  EXPECT_EQ(core_->classReferences()->size(), 2u) << "the registry is kept for waking";
+  EXPECT_EQ(services(), "00");
+  EXPECT_EQ(registered(), "First Second ") << "kept for waking";
   EXPECT_FALSE(core_->postMessageForModuleName(test::messageWithOffset(1), "Second"));
   EXPECT_FALSE(core_->sleepSystem()) << "the refusal is the answer";
 
   core_->batteryLevelChanged(1);
   EXPECT_TRUE(second->isEnabled() && first->isEnabled());
-  EXPECT_TRUE(QVQueueService::sharedInstance()->isEnabled());
-  EXPECT_EQ(core_->classReferences()->size(), 2u);
+  EXPECT_EQ(services(), "11");
+  EXPECT_EQ(registered(), "First Second ");
 }
 
 TEST_F(QVCoreTest, StartedModulesAreRegisteredOnlyWithAConfiguration) {
   auto configured = moduleWithConfig("Configured");
   auto bare = QVTestModule::define("Bare", host_.folder().makeFolder("Bare.bundle"));
   EXPECT_TRUE(core_->startModule("Configured"));
-  EXPECT_FALSE(core_->classReferences()) << "no registry before the first enable";
+  EXPECT_EQ(registered(), "none") << "no registry before the first enable";
   core_->enable();
   EXPECT_TRUE(core_->startModule("Configured"));
   EXPECT_TRUE(core_->startModule("Bare") && bare->isEnabled()) << "started, not registered";
@@ -170,8 +177,9 @@ TEST_F(QVCoreTest, StartedModulesAreRegisteredOnlyWithAConfiguration) {
 }
 
 // The gate reads the raw item of the current network (cellular, as no network
-// is known before the core is enabled), a text limit counting as the number it starts with;
-// without that item nothing passes, whatever the accessor's default says.
+// is known before the core is enabled), a text limit counting as the number
+// it starts with; without that item nothing passes, whatever the accessor's
+// default says.
 TEST_F(QVCoreTest, GateComparesTheLevelWithTheRawItemOfTheNetwork) {
   moduleWithConfig("Poster")->setEnabled(true);
   EXPECT_FALSE(core_->postMessageForModuleName(nullptr, "Poster"));
@@ -180,8 +188,7 @@ TEST_F(QVCoreTest, GateComparesTheLevelWithTheRawItemOfTheNetwork) {
       {{{"PostMessageLevelWiFi", 3}}, ""},
       {{{"PostMessageLevelCellular", 2}, {"PostMessageLevelWiFi", 9}}, "12"},
       {{{"PostMessageLevelCellular", " 2 at most"}}, "12"},
-      {{{"PostMessageLevelCellular", "all"}}, ""},
-  };
+      {{{"PostMessageLevelCellular", "all"}}, ""}};
   for (const auto& [items, levels] : rows) {
     setCoreItems(items);
     EXPECT_EQ(passing(), levels) << items;
@@ -197,23 +204,20 @@ TEST_F(QVCoreTest, AfterANetworkChangeTheNewNetworksLevelIsInEffect) {
   auto clock = std::make_shared<QVFakeClock>();
   QVReachabilitySource::setShared(source);
   QVRunLoop::main().setClock(clock);
-  source->setFlags(kQVReachabilityFlagsReachable);
   host_.writeCoreConfig({{"PostMessageLevelWiFi", 3}, {"PostMessageLevelCellular", 2}});
+  const uint32_t wiFi = kQVReachabilityFlagsReachable, wwan = wiFi | kQVReachabilityFlagsIsWWAN;
+  source->setFlags(wiFi);
   ASSERT_TRUE(core_->enable());
   clock->advance(std::chrono::seconds(1));  // the first evaluation
-  QVRunLoop::main().runUntilIdle();
-
-  const uint32_t wwan = kQVReachabilityFlagsReachable | kQVReachabilityFlagsIsWWAN;
-  const std::tuple<const char*, uint32_t, int32_t, const char*> rows[] = {
-      {"Wi-Fi", kQVReachabilityFlagsReachable, 3, "123"},
-      {"cellular", wwan, 2, "12"},
-      {"Wi-Fi again", kQVReachabilityFlagsReachable, 3, "123"},
-      {"none", 0, 1, "12"}};
-  for (const auto& [network, flags, level, levels] : rows) {
+  // Per network: the level the core reports, and the levels that pass.
+  const std::tuple<const char*, uint32_t, const char*> rows[] = {{"Wi-Fi", wiFi, "3 123"},
+                                                                 {"cellular", wwan, "2 12"},
+                                                                 {"Wi-Fi", wiFi, "3 123"},
+                                                                 {"none", 0, "1 12"}};
+  for (const auto& [network, flags, expected] : rows) {
     source->setFlags(flags);
     QVRunLoop::main().runUntilIdle();
-    EXPECT_EQ(core_->currentLoggingLevel(), level) << network;
-    EXPECT_EQ(passing(), levels) << network;
+    EXPECT_EQ(std::to_string(core_->currentLoggingLevel()) + " " + passing(), expected) << network;
   }
   core_->disable();
   QVRunLoop::main().setClock(nullptr);
@@ -240,14 +244,13 @@ TEST_F(QVCoreTest, ModuleConfigurationByName) {
   EXPECT_EQ(core_->defaultLogLevel(), QVValue(4));
 }
 
-TEST_F(QVCoreTest, IdsAreMadeOnceAndAreThirtyTwoUpperCaseHexDigits) {
+// Taking a module's pending items leaves an empty entry.
+TEST_F(QVCoreTest, IdsAreMadeOnceAndPendingItemsAreTakenOnce) {
   std::set<std::string> ids{core_->currentSessionID(), core_->currentSessionID()};
   for (int i = 0; i < 100; ++i) ids.insert(core_->generateUUID());
   EXPECT_EQ(ids.size(), 101u);
   for (const auto& id : ids) EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{32}"))) << id;
-}
 
-TEST_F(QVCoreTest, TakingPendingItemsLeavesAnEmptyEntry) {
   core_->setTempConfigDict({{"M", {{"A", 1}}}, {"N", {{"B", 2}}}});
   EXPECT_EQ(core_->takeTempConfigForModuleName("M"), QVValue({{"A", 1}}));
   EXPECT_EQ(core_->takeTempConfigForModuleName("M"), QVValue::object());
@@ -256,7 +259,7 @@ TEST_F(QVCoreTest, TakingPendingItemsLeavesAnEmptyEntry) {
 }
 
 // The facade answers what the environmental service answers, through the
-// differently named targets too.
+// differently named targets too; a stored user agent is not asked again.
 TEST_F(QVCoreTest, DeviceFactsAreTheEnvironmentalServicesAnswers) {
   auto environment = QVEnvironmentalSerivce::sharedInstance();
   QVScreen::setMainScreen(320, 480, 2);
@@ -273,14 +276,15 @@ TEST_F(QVCoreTest, DeviceFactsAreTheEnvironmentalServicesAnswers) {
   EXPECT_FALSE(agent.empty());
   EXPECT_EQ(core_->getUserAgentFromBrowser(), agent);
   environment->setUserAgentFromBrowser(std::string("Custom/1"));
-  EXPECT_EQ(core_->setUserAgentFromBrowser(), "Custom/1") << "a stored agent is not asked again";
+  EXPECT_EQ(core_->setUserAgentFromBrowser(), "Custom/1");
 
-  EXPECT_EQ(core_->currentScreenDimensions(), (std::pair<double, double>{320, 480}));
-  EXPECT_EQ(core_->deviceTotalMemory(), 123456u);
+  const auto [width, height] = core_->currentScreenDimensions();
+  EXPECT_EQ(std::to_string(int(width)) + "x" + std::to_string(int(height)) + " " +
+                std::to_string(core_->deviceTotalMemory()) + " " +
+                core_->currentNetworkReachabilityName() + " " + core_->currentConnectionType() +
+                " " + core_->currentOrientationName(),
+            "320x480 123456 UNKNOWN N/A UNKNOWN");
   EXPECT_EQ(core_->deviceID(), environment->deviceID());
-  EXPECT_EQ(core_->currentNetworkReachabilityName() + " " + core_->currentConnectionType() + " " +
-                core_->currentOrientationName(),
-            "UNKNOWN N/A UNKNOWN");
   EXPECT_EQ(core_->getCurrentBatteryLevel(), 100.0f);
   const auto compressed = core_->compressData(std::make_shared<const std::string>(4096, 'a'));
   EXPECT_EQ(test::gunzip(*compressed), std::string(4096, 'a'));

@@ -18,7 +18,6 @@ std::vector<uint8_t> bytesOf(const SocketAddress& address) {
 
 std::optional<std::vector<QVInterfaceAddress>> QVFakeInterfaceAddressSource::interfaceAddresses() {
   std::lock_guard lock(mutex_);
-  ++calls_;
   if (fails_) return std::nullopt;
   return entries_;
 }
@@ -28,19 +27,9 @@ void QVFakeInterfaceAddressSource::setEntries(std::vector<QVInterfaceAddress> en
   entries_ = std::move(entries);
 }
 
-void QVFakeInterfaceAddressSource::addEntry(QVInterfaceAddress entry) {
-  std::lock_guard lock(mutex_);
-  entries_.push_back(std::move(entry));
-}
-
 void QVFakeInterfaceAddressSource::setFails(bool fails) {
   std::lock_guard lock(mutex_);
   fails_ = fails;
-}
-
-int QVFakeInterfaceAddressSource::calls() const {
-  std::lock_guard lock(mutex_);
-  return calls_;
 }
 
 QVInterfaceAddress QVFakeInterfaceAddressSource::ipv4(const std::string& name,

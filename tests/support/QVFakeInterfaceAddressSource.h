@@ -17,9 +17,7 @@ class QVFakeInterfaceAddressSource : public QVInterfaceAddressSource {
   std::optional<std::vector<QVInterfaceAddress>> interfaceAddresses() override;
 
   void setEntries(std::vector<QVInterfaceAddress> entries);
-  void addEntry(QVInterfaceAddress entry);
   void setFails(bool fails);
-  int calls() const;
 
   // Entries laid out as the system lays them out, the address given as text
   // (inet_pton); the test fails on text that is not an address.
@@ -34,7 +32,6 @@ class QVFakeInterfaceAddressSource : public QVInterfaceAddressSource {
   mutable std::mutex mutex_;
   std::vector<QVInterfaceAddress> entries_;
   bool fails_ = false;
-  int calls_ = 0;
 };
 
 }  // namespace qv::test
