@@ -101,7 +101,8 @@ TEST_F(QVConfigServiceTest, PrefixDecidesWhichFilesAreRead) {
   EXPECT_EQ(service_->prefixForModuleBundleName("/x/BRVResources.bundle/y"), "");
 }
 
-TEST_F(QVConfigServiceTest, LoadedModuleIsNotReadAgainUntilUnloaded) {
+// Without any file nothing loads and nothing is stored.
+TEST_F(QVConfigServiceTest, LoadedModuleIsNotReadAgainUntilUnloadedAndNothingLoadsNothing) {
   auto m = module("Reread", "R.bundle", {{"AdvancedConfig.json", R"({"A": 1})"}});
   ASSERT_TRUE(service_->loadConfig(m));
   folder_.write("R.bundle/AdvancedConfig.json", R"({"A": 2})");
@@ -109,9 +110,7 @@ TEST_F(QVConfigServiceTest, LoadedModuleIsNotReadAgainUntilUnloaded) {
   EXPECT_EQ(item("A", m), QVValue(1));
   service_->unloadConfig(m);
   EXPECT_EQ(item("A", m), QVValue(2));  // Loaded on demand by the read.
-}
 
-TEST_F(QVConfigServiceTest, NothingToLoadFailsAndStoresNothing) {
   auto bare = module("Bare", "");
   EXPECT_FALSE(service_->loadConfig(bare));
   EXPECT_FALSE(service_->updateConfigWithData(bare, {{"A", 1}}));
@@ -121,42 +120,35 @@ TEST_F(QVConfigServiceTest, NothingToLoadFailsAndStoresNothing) {
   EXPECT_EQ(item("A", bare), QVValue(1));
 }
 
+// Each row spoils one of the two files: the other and the pending items
+// still make the module's configuration.
 TEST_F(QVConfigServiceTest, UnreadableOrMisshapenFilesAddNothing) {
-  const std::string binary = plist({{"P", 1}}, Format::kBinary);
+  const std::string binary = plist({{"P", 1}}, Format::kBinary), json = R"({"J": 1})";
   std::string badTable = binary;
   badTable.back() = '\xff';  // The offset table lies past the end.
-  const std::string json = R"({"J": 1})";
   for (const auto& [plistBytes, jsonBytes] :
        Files{{binary.substr(0, binary.size() - 5), json},  // truncated binary
              {badTable, json},
-             {"<plist><dict><key>P</key>", json},  // truncated XML
-             {binary, R"({"J": )"},                // malformed JSON
-             {binary, "{\"J\": \"\xff\xfe\"}"},    // not UTF-8
-             {binary, "3"}}) {                     // a bare number
-    const QVValue expected = jsonBytes == json ? QVValue{{"J", 1}} : QVValue{{"P", 1}};
-    EXPECT_EQ(config(moduleWith(plistBytes, jsonBytes)), expected) << jsonBytes;
+             {"<plist><dict><key>P</key>", json},              // truncated XML
+             {"<plist><array><true/></array></plist>", json},  // not a dictionary
+             {binary, R"({"J": )"},                            // malformed JSON
+             {binary, "{\"J\": \"\xff\xfe\"}"},                // not UTF-8
+             {binary, "3"},                                    // a bare number
+             {binary, "[1, 2]"}}) {                            // not a dictionary
+    auto m = moduleWith(plistBytes, jsonBytes);
+    QVCore::sharedInstance()->setTempConfigDict({{m->className(), {{"Q", 1}}}});
+    EXPECT_EQ(config(m),
+              (jsonBytes == json ? QVValue{{"J", 1}, {"Q", 1}} : QVValue{{"P", 1}, {"Q", 1}}))
+        << jsonBytes;
+    EXPECT_EQ(QVCore::sharedInstance()->tempConfigDict()[m->className()], QVValue::object());
   }
   auto huge = moduleWith(binary, json);
   const std::string hugeJson = huge->settingsBundlePath() + "/AdvancedConfig.json";
   ASSERT_EQ(::truncate(hugeJson.c_str(), 50L * 1024 * 1024), 0);  // Sparse: nothing is written.
   EXPECT_EQ(config(huge), QVValue({{"P", 1}}));
-
   // A folder named like a file counts as missing.
   EXPECT_FALSE(service_->fileExistsAtFullPath(folder_.makeFolder("D.bundle/BasicConfig.plist")));
   EXPECT_TRUE(service_->fileExistsAtFullPath(hugeJson));
-
-  // Well formed but not a dictionary at the top: the other file and the
-  // pending items still make the module's configuration.
-  for (const auto& [plistBytes, jsonBytes] :
-       Files{{binary, "[1, 2]"}, {"<plist><array><true/></array></plist>", json}}) {
-    auto m = moduleWith(plistBytes, jsonBytes);
-    QVCore::sharedInstance()->setTempConfigDict({{m->className(), {{"Q", 1}}}});
-    EXPECT_TRUE(service_->loadConfig(m)) << jsonBytes;
-    const QVValue expected =
-        jsonBytes == json ? QVValue{{"J", 1}, {"Q", 1}} : QVValue{{"P", 1}, {"Q", 1}};
-    EXPECT_EQ(config(m), expected) << jsonBytes;
-    EXPECT_EQ(QVCore::sharedInstance()->tempConfigDict()[m->className()], QVValue::object());
-  }
   EXPECT_FALSE(service_->loadConfig(moduleWith("<plist><array/></plist>", "[]")))
       << "nothing to load";
 }
@@ -186,7 +178,7 @@ TEST_F(QVConfigServiceTest, ItemsAreReadOnDemandUpdatedInPlaceAndSetThroughTheMo
   };
   EXPECT_TRUE(set("A", QVValue("x"), saver));
   EXPECT_EQ(saver->saved,
-            QVValue::parse(R"({"A": "x", "B": "b", "Gone": null, "L": [1], "Nested": 1})"));
+            QVValue::parse(R"({"A": "x", "Gone": null, "L": [1], "B": "b", "Nested": 1})"));
   saver->saveResult = false;
   EXPECT_FALSE(set("N", QVValue(2.5), saver));
   EXPECT_EQ(item("N", saver), QVValue(2.5));
