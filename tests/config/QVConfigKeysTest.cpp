@@ -123,28 +123,24 @@ TEST_F(QVConfigKeysTest, MistypedItemsFallBackToTheDefaultButCompressionReadsAny
 // manager, "URLEncoded", compression) read them as the platform reads text,
 // while the typed accessors keep their defaults for them (above).
 TEST_F(QVConfigKeysTest, RawReadersReadTextAsThePlatformDoes) {
-  const std::pair<const char*, int64_t> integers[] = {{"3", 3},    {" \t-12", -12}, {"+7", 7},
-                                                      {"3abc", 3}, {"abc", 0},      {"", 0},
-                                                      {"- 3", 0},  {"2.9", 2}};
+  std::string integers, booleans, doubles;
   const std::string big(20, '9');
+  for (const char* text : {"3", " \t-12", "+7", "3abc", "abc", "", "- 3", "2.9"}) {
+    integers += std::to_string(QVValues::integerValue(text)) + " ";
+  }
+  EXPECT_EQ(integers, "3 -12 7 3 0 0 0 2 ");
   EXPECT_EQ(QVValues::integerValue(big), INT64_MAX);
   EXPECT_EQ(QVValues::integerValue("-" + big), INT64_MIN);
-  for (const auto& [text, expected] : integers) {
-    EXPECT_EQ(QVValues::integerValue(text), expected) << text;
-  }
-  const std::pair<const char*, bool> booleans[] = {
-      {"1", true},   {"YES", true},   {"true", true}, {"t", true},      {" +007", true},
-      {"-9", true},  {"0", false},    {"no", false},  {"false", false}, {"", false},
-      {"00", false}, {"+0.5", false}, {" x1", false}};
-  for (const auto& [text, expected] : booleans) {
-    EXPECT_EQ(QVValues::boolValue(text), expected) << text;
-  }
-  const std::pair<const char*, double> doubles[] = {{"2.5s", 2.5},   {" -0.25", -0.25}, {".5", 0.5},
-                                                    {"1e3", 1000.0}, {"inf", 0.0},      {"x", 0.0}};
-  for (const auto& [text, expected] : doubles) {
-    EXPECT_EQ(QVValues::doubleValue(text), expected) << text;
-  }
   EXPECT_EQ(QVValues::integerValue(QVValue::array({3})), 0);
+  for (const char* text :
+       {"1", "YES", "true", "t", " +007", "-9", "0", "no", "false", "", "00", "+0.5", " x1"}) {
+    booleans += QVValues::boolValue(text) ? "1" : "0";
+  }
+  EXPECT_EQ(booleans, "1111110000000");
+  for (const char* text : {"2.5s", " -0.25", ".5", "1e3", "inf", "x"}) {
+    doubles += std::to_string(QVValues::doubleValue(text)) + " ";
+  }
+  EXPECT_EQ(doubles, "2.500000 -0.250000 0.500000 1000.000000 0.000000 0.000000 ");
 }
 
 TEST_F(QVConfigKeysTest, ExampleBundlesLoad) {
