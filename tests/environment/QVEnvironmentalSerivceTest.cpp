@@ -5,6 +5,7 @@
 
 #include <regex>
 
+#include "config/QVConfigTestSupport.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVNetworkManager.h"
 #include "qvcore/platform/QVBundle.h"
@@ -15,7 +16,6 @@
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVUserDefaults.h"
 #include "support/QVFakeInterfaceAddressSource.h"
-#include "support/QVTempFolder.h"
 
 namespace qv {
 namespace {
@@ -90,17 +90,12 @@ TEST_F(QVEnvironmentalSerivceTest, DeviceIdSurvivesARestartUntilTheStoredUuidIsR
   // Only the parent asks here: a child that asked first would keep its answer.
   const std::string first = inherited ? "" : service->deviceID();
 
+  const std::string path = home + "/id.txt";
   auto idInFreshProcess = [&](bool removeUuid) {
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-    const std::string path = home + "/id.txt";
-    EXPECT_EXIT(
-        {
-          auto& defaults = QVUserDefaults::standardUserDefaults();
-          if (removeUuid) defaults.removeObjectForKey("Brevant.UDID");
-          std::string id = QVEnvironmentalSerivce::sharedInstance()->deviceID();
-          std::exit(QVFileSystem::writeAtomically(path, id) ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
+    test::expectInFreshProcess([&] {
+      if (removeUuid) QVUserDefaults::standardUserDefaults().removeObjectForKey("Brevant.UDID");
+      return QVFileSystem::writeAtomically(path, service->deviceID());
+    });
     return QVFileSystem::contentsAtPath(path, 64).value_or("");
   };
   EXPECT_EQ(idInFreshProcess(false), first);
