@@ -70,9 +70,10 @@ TEST_P(QVCoreCycleTest, EndsInACoreThatStartsModulesAndDelivers) {
 
 INSTANTIATE_TEST_SUITE_P(
     Sequences, QVCoreCycleTest,
-    ::testing::Values(Cycle{"SleepThenWake", "EMSW"}, Cycle{"BatteryZeroThenOne", "EM01"},
-                      Cycle{"DisableThenEnable", "EMDE"}, Cycle{"EnableTwice", "EME"},
-                      Cycle{"WakeWhileAwake", "EMW"}, Cycle{"DisableWithinTheFirstSecond", "EDFE"},
+    ::testing::Values(Cycle{"ModuleBeforeTheCore", "M"}, Cycle{"SleepThenWake", "EMSW"},
+                      Cycle{"BatteryZeroThenOne", "EM01"}, Cycle{"DisableThenEnable", "EMDE"},
+                      Cycle{"EnableTwice", "EME"}, Cycle{"WakeWhileAwake", "EMW"},
+                      Cycle{"DisableWithinTheFirstSecond", "EDFE"},
                       Cycle{"SleepWithinTheFirstSecond", "EMSFW"},
                       Cycle{"DisableAndEnableWithinTheFirstSecond", "EDEF"},
                       Cycle{"DisableTwiceThenEnable", "EDDE"}, Cycle{"SleepDisableWake", "EMSDW"},
