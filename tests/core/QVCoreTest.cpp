@@ -88,17 +88,6 @@ TEST_F(QVCoreTest, ModulesAreFoundByClassNameAndStartedOrStoppedOnlyWhenTheyAreN
   EXPECT_EQ(registered(), "none");
 }
 
-TEST_F(QVCoreTest, AFailedEnableResetsTheRegistryAndStillObservesTheNetwork) {
-  EXPECT_EQ(core_->currentLoggingLevel(), 0);
-  EXPECT_FALSE(core_->enable() || core_->isEnabled());
-  EXPECT_EQ(registered(), "");
-  EXPECT_TRUE(QVConfigService::sharedInstance()->isEnabled()) << "the first step ran";
-  EXPECT_EQ(QVConfigService::sharedInstance()->getConfig(core_), nullptr);
-  QVNotificationCenter::defaultCenter().post(
-      "kQVEnvironmentalServiceDidPostNetworkChangeNotification");
-  EXPECT_EQ(core_->currentLoggingLevel(), 1) << "an unknown network maps to level 1";
-}
-
 // Failed enables tell, once a process, what was missing.
 std::vector<std::string> linesOfTwoEnables(const std::string& app) {
   std::vector<std::string> lines;
@@ -109,12 +98,20 @@ std::vector<std::string> linesOfTwoEnables(const std::string& app) {
   return lines;
 }
 
-TEST(QVCoreEnableLogTest, AnEnableWithoutTheCoreBundleSaysWhereItLooked) {
-  test::QVTempFolder app;
-  EXPECT_THAT(linesOfTwoEnables(app.path()),
+TEST_F(QVCoreTest, AFailedEnableSaysWhereItLookedResetsTheRegistryAndStillObservesTheNetwork) {
+  EXPECT_EQ(core_->currentLoggingLevel(), 0);
+  const std::string app = host_.folder().at("App");
+  EXPECT_THAT(linesOfTwoEnables(app),
               ::testing::ElementsAre(::testing::AllOf(
                   ::testing::StartsWith("QVCore: enable failed: no QVCoreSettings.bundle"),
-                  HasSubstr(app.path()), HasSubstr("share/qvcore"))));
+                  HasSubstr(app), HasSubstr("share/qvcore"))));
+  EXPECT_FALSE(core_->isEnabled());
+  EXPECT_EQ(registered(), "");
+  EXPECT_TRUE(QVConfigService::sharedInstance()->isEnabled()) << "the first step ran";
+  EXPECT_EQ(QVConfigService::sharedInstance()->getConfig(core_), nullptr);
+  QVNotificationCenter::defaultCenter().post(
+      "kQVEnvironmentalServiceDidPostNetworkChangeNotification");
+  EXPECT_EQ(core_->currentLoggingLevel(), 1) << "an unknown network maps to level 1";
 }
 
 TEST(QVCoreEnableLogTest, AnEnableWithAnEmptyCoreBundleNamesTheBundle) {
