@@ -82,27 +82,27 @@ const Accessor kAccessors[] = {
     {"LibraryVersion", read<&S::libraryVersion>, nullptr, "1.0"},
     {"MessageVersion", read<&S::messageVersion>, nullptr, "2"},
     {"TurnOffCorrectOrientationUpdates", read<&S::turnOffCorrectOrientationUpdates>, false, true},
-    {"DefaultOrientation", read<&S::defaultOrientation>, 0, -90},
-};
+    {"DefaultOrientation", read<&S::defaultOrientation>, 0, -90}};
 
-TEST_F(QVConfigKeysTest, DefaultsWithoutAnyFileAndForNullItems) {
-  for (const Accessor& a : kAccessors) EXPECT_EQ(a.read(*service_), a.byDefault) << a.key;
-  QVValue nulls = QVValue::object();
-  for (const Accessor& a : kAccessors) nulls[a.key] = nullptr;
+// Without any file and for null items every accessor answers its default.
+TEST_F(QVConfigKeysTest, EveryKeyIsReadFromTheCoreFilesOrDefaults) {
+  QVValue nulls = QVValue::object(), values = QVValue::object();
+  for (const Accessor& a : kAccessors) {
+    EXPECT_EQ(a.read(*service_), a.byDefault) << a.key;
+    nulls[a.key] = nullptr;
+    values[a.key] = a.inFile;
+  }
   loadCoreJson(nulls.dump());
   EXPECT_FALSE(service_->getConfigItemForLifecycleObject("LoggingLevel", QVCore::sharedInstance()));
   for (const Accessor& a : kAccessors) EXPECT_EQ(a.read(*service_), a.byDefault) << a.key;
-}
-
-TEST_F(QVConfigKeysTest, EveryKeyIsReadFromTheCoreFiles) {
-  QVValue values = QVValue::object();
-  for (const Accessor& a : kAccessors) values[a.key] = a.inFile;
   folder_.writePlist("QVCoreSettings.bundle/QVCoreBasicConfig.plist", values,
                      QVPropertyList::Format::kBinary);
+  folder_.write("QVCoreSettings.bundle/QVCoreAdvancedConfig.json", "{}");
   loadCore(folder_.at("QVCoreSettings.bundle"));
   // As text: equality of values would take -90 and its unsigned bits as equal.
-  for (const Accessor& a : kAccessors)
+  for (const Accessor& a : kAccessors) {
     EXPECT_EQ(a.read(*service_).dump(), a.inFile.dump()) << a.key;
+  }
 }
 
 TEST_F(QVConfigKeysTest, MistypedItemsFallBackToTheDefaultButCompressionReadsAnyItem) {
@@ -110,10 +110,9 @@ TEST_F(QVConfigKeysTest, MistypedItemsFallBackToTheDefaultButCompressionReadsAny
   EXPECT_TRUE(service_->isManualPostingEnabled());
   EXPECT_EQ(service_->postMessageLevelCellular(), 3);
   EXPECT_TRUE(service_->isCompressPostMessageEnabled());  // absent
-  const std::pair<const char*, bool> cases[] = {
-      {"0", false},        {"2", true},         {R"("false")", false},
-      {R"(" YES")", true}, {R"("-007")", true}, {"[1]", false},
-  };
+  const std::pair<const char*, bool> cases[] = {{"0", false},          {"2", true},
+                                                {R"("false")", false}, {R"(" YES")", true},
+                                                {R"("-007")", true},   {"[1]", false}};
   for (const auto& [value, expected] : cases) {
     loadCoreJson(std::string(R"({"CompressPostMessage": )") + value + "}");
     EXPECT_EQ(service_->isCompressPostMessageEnabled(), expected) << value;
@@ -122,47 +121,26 @@ TEST_F(QVConfigKeysTest, MistypedItemsFallBackToTheDefaultButCompressionReadsAny
 
 // Items written as text: the raw readers (the posting gate, the lifecycle
 // manager, "URLEncoded", compression) read them as the platform reads text,
-// while the typed accessors above keep their defaults for them.
+// while the typed accessors keep their defaults for them (above).
 TEST_F(QVConfigKeysTest, RawReadersReadTextAsThePlatformDoes) {
-  const std::pair<QVValue, int64_t> integers[] = {
-      {"3", 3},
-      {" \t-12", -12},
-      {"+7", 7},
-      {"3abc", 3},
-      {"abc", 0},
-      {"", 0},
-      {"- 3", 0},
-      {"2.9", 2},
-      {"99999999999999999999", INT64_MAX},
-      {"-99999999999999999999", INT64_MIN},
-  };
-  for (const auto& [text, expected] : integers) {
-    EXPECT_EQ(QVValues::integerValue(text), expected) << text;
+  std::string integers, booleans, doubles;
+  const std::string big(20, '9');
+  for (const char* text : {"3", " \t-12", "+7", "3abc", "abc", "", "- 3", "2.9"}) {
+    integers += std::to_string(QVValues::integerValue(text)) + " ";
   }
-  const std::pair<const char*, bool> booleans[] = {
-      {"1", true},   {"YES", true},   {"true", true}, {"t", true},      {" +007", true},
-      {"-9", true},  {"0", false},    {"no", false},  {"false", false}, {"", false},
-      {"00", false}, {"+0.5", false}, {" x1", false},
-  };
-  for (const auto& [text, expected] : booleans) {
-    EXPECT_EQ(QVValues::boolValue(text), expected) << text;
-  }
-  const std::pair<const char*, double> doubles[] = {
-      {"2.5s", 2.5}, {" -0.25", -0.25}, {".5", 0.5}, {"1e3", 1000.0}, {"inf", 0.0}, {"x", 0.0},
-  };
-  for (const auto& [text, expected] : doubles) {
-    EXPECT_EQ(QVValues::doubleValue(text), expected) << text;
-  }
+  EXPECT_EQ(integers, "3 -12 7 3 0 0 0 2 ");
+  EXPECT_EQ(QVValues::integerValue(big), INT64_MAX);
+  EXPECT_EQ(QVValues::integerValue("-" + big), INT64_MIN);
   EXPECT_EQ(QVValues::integerValue(QVValue::array({3})), 0);
-
-  loadCoreJson(R"({"PostMessageLevelWiFi": "4", "DoPostAppGoesToClose": "YES"})");
-  const auto raw = [&](const char* key) {
-    return *service_->getConfigItemForLifecycleObject(key, QVCore::sharedInstance());
-  };
-  EXPECT_EQ(QVValues::integerValue(raw("PostMessageLevelWiFi")), 4);
-  EXPECT_TRUE(QVValues::boolValue(raw("DoPostAppGoesToClose")));
-  EXPECT_EQ(service_->postMessageLevelWifi(), 3) << "the accessor wants a number";
-  EXPECT_FALSE(service_->isDoPostAppGoesToCloseEnabled()) << "its default, not the text";
+  for (const char* text :
+       {"1", "YES", "true", "t", " +007", "-9", "0", "no", "false", "", "00", "+0.5", " x1"}) {
+    booleans += QVValues::boolValue(text) ? "1" : "0";
+  }
+  EXPECT_EQ(booleans, "1111110000000");
+  for (const char* text : {"2.5s", " -0.25", ".5", "1e3", "inf", "x"}) {
+    doubles += std::to_string(QVValues::doubleValue(text)) + " ";
+  }
+  EXPECT_EQ(doubles, "2.500000 -0.250000 0.500000 1000.000000 0.000000 0.000000 ");
 }
 
 TEST_F(QVConfigKeysTest, ExampleBundlesLoad) {

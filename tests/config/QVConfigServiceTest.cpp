@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <thread>
 #include <vector>
 
 #include "config/QVConfigTestSupport.h"
+#include "qvcore/core/QVApplicationHelper.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVBundle.h"
 
@@ -20,16 +22,25 @@ std::string plist(const QVValue& dict, Format format = Format::kXML) {
   return *QVPropertyList::dataWithDictionary(dict, format);
 }
 
-class QVConfigLoadTest : public ::testing::Test {
+class QVConfigServiceTest : public ::testing::Test {
  protected:
   void TearDown() override {
     for (const auto& m : modules_) service_->unloadConfig(m);
   }
   // A module whose bundle folder (none when bundle is empty) holds files.
-  Module module(const std::string& name, const std::string& bundle, const Files& files = {}) {
+  template <typename M = test::QVTestModule>
+  std::shared_ptr<M> module(const std::string& name, const std::string& bundle,
+                            const Files& files = {}) {
     for (const auto& [file, bytes] : files) folder_.write(bundle + "/" + file, bytes);
     const std::string path = bundle.empty() ? "" : folder_.makeFolder(bundle);
-    return modules_.emplace_back(std::make_shared<test::QVTestModule>(name, path));
+    auto made = std::make_shared<M>(name, path);
+    modules_.push_back(made);
+    return made;
+  }
+  // A module that saves its items, with a file of three.
+  std::shared_ptr<test::QVSavingModule> saving() {
+    return module<test::QVSavingModule>(
+        "Saving", "S.bundle", {{"AdvancedConfig.json", R"({"A": 1, "Gone": null, "L": [1]})"}});
   }
   // A module of its own with these two files.
   Module moduleWith(const std::string& plist, const std::string& json) {
@@ -45,13 +56,16 @@ class QVConfigLoadTest : public ::testing::Test {
     return service_->getConfigItemForLifecycleObject(key, m);
   }
   bool stored(const std::string& name) { return service_->configurations().count(name) != 0; }
+  bool set(const std::string& key, const std::optional<QVValue>& value, const Module& m) {
+    return service_->setConfigItemForKeyWithValueForModule(key, value, m);
+  }
 
   std::shared_ptr<QVConfigService> service_ = QVConfigService::sharedInstance();
   test::QVTempFolder folder_;
   std::vector<Module> modules_;
 };
 
-TEST_F(QVConfigLoadTest, LaterFilesAndPendingItemsWinInBothPlistForms) {
+TEST_F(QVConfigServiceTest, LaterFilesAndPendingItemsWinInBothPlistForms) {
   for (Format format : {Format::kXML, Format::kBinary}) {
     for (const char* bundle : {"BRVResources.bundle", "TestModuleResources.bundle"}) {
       const std::string name = std::string(format == Format::kXML ? "X" : "B") + bundle;
@@ -71,7 +85,7 @@ TEST_F(QVConfigLoadTest, LaterFilesAndPendingItemsWinInBothPlistForms) {
   }
 }
 
-TEST_F(QVConfigLoadTest, PrefixDecidesWhichFilesAreRead) {
+TEST_F(QVConfigServiceTest, PrefixDecidesWhichFilesAreRead) {
   auto core = module("CoreLike", "Settings/QVCoreSettings.bundle",
                      {{"QVCoreBasicConfig.plist", plist({{"A", 1}})},
                       {"QVCoreAdvancedConfig.json", R"({"B": 2})"},
@@ -87,7 +101,8 @@ TEST_F(QVConfigLoadTest, PrefixDecidesWhichFilesAreRead) {
   EXPECT_EQ(service_->prefixForModuleBundleName("/x/BRVResources.bundle/y"), "");
 }
 
-TEST_F(QVConfigLoadTest, LoadedModuleIsNotReadAgainUntilUnloaded) {
+// Without any file nothing loads and nothing is stored.
+TEST_F(QVConfigServiceTest, LoadedModuleIsNotReadAgainUntilUnloadedAndNothingLoadsNothing) {
   auto m = module("Reread", "R.bundle", {{"AdvancedConfig.json", R"({"A": 1})"}});
   ASSERT_TRUE(service_->loadConfig(m));
   folder_.write("R.bundle/AdvancedConfig.json", R"({"A": 2})");
@@ -95,9 +110,7 @@ TEST_F(QVConfigLoadTest, LoadedModuleIsNotReadAgainUntilUnloaded) {
   EXPECT_EQ(item("A", m), QVValue(1));
   service_->unloadConfig(m);
   EXPECT_EQ(item("A", m), QVValue(2));  // Loaded on demand by the read.
-}
 
-TEST_F(QVConfigLoadTest, NothingToLoadFailsAndStoresNothing) {
   auto bare = module("Bare", "");
   EXPECT_FALSE(service_->loadConfig(bare));
   EXPECT_FALSE(service_->updateConfigWithData(bare, {{"A", 1}}));
@@ -107,44 +120,137 @@ TEST_F(QVConfigLoadTest, NothingToLoadFailsAndStoresNothing) {
   EXPECT_EQ(item("A", bare), QVValue(1));
 }
 
-TEST_F(QVConfigLoadTest, UnreadableOrMisshapenFilesAddNothing) {
-  const std::string binary = plist({{"P", 1}}, Format::kBinary);
+// Each row spoils one of the two files: the other and the pending items
+// still make the module's configuration.
+TEST_F(QVConfigServiceTest, UnreadableOrMisshapenFilesAddNothing) {
+  const std::string binary = plist({{"P", 1}}, Format::kBinary), json = R"({"J": 1})";
   std::string badTable = binary;
   badTable.back() = '\xff';  // The offset table lies past the end.
-  const std::string json = R"({"J": 1})";
   for (const auto& [plistBytes, jsonBytes] :
        Files{{binary.substr(0, binary.size() - 5), json},  // truncated binary
              {badTable, json},
-             {"<plist><dict><key>P</key>", json},  // truncated XML
-             {binary, R"({"J": )"},                // malformed JSON
-             {binary, "{\"J\": \"\xff\xfe\"}"},    // not UTF-8
-             {binary, "3"}}) {                     // a bare number
-    const QVValue expected = jsonBytes == json ? QVValue{{"J", 1}} : QVValue{{"P", 1}};
-    EXPECT_EQ(config(moduleWith(plistBytes, jsonBytes)), expected) << jsonBytes;
+             {"<plist><dict><key>P</key>", json},              // truncated XML
+             {"<plist><array><true/></array></plist>", json},  // not a dictionary
+             {binary, R"({"J": )"},                            // malformed JSON
+             {binary, "{\"J\": \"\xff\xfe\"}"},                // not UTF-8
+             {binary, "3"},                                    // a bare number
+             {binary, "[1, 2]"}}) {                            // not a dictionary
+    auto m = moduleWith(plistBytes, jsonBytes);
+    QVCore::sharedInstance()->setTempConfigDict({{m->className(), {{"Q", 1}}}});
+    EXPECT_EQ(config(m),
+              (jsonBytes == json ? QVValue{{"J", 1}, {"Q", 1}} : QVValue{{"P", 1}, {"Q", 1}}))
+        << jsonBytes;
+    EXPECT_EQ(QVCore::sharedInstance()->tempConfigDict()[m->className()], QVValue::object());
   }
   auto huge = moduleWith(binary, json);
   const std::string hugeJson = huge->settingsBundlePath() + "/AdvancedConfig.json";
   ASSERT_EQ(::truncate(hugeJson.c_str(), 50L * 1024 * 1024), 0);  // Sparse: nothing is written.
   EXPECT_EQ(config(huge), QVValue({{"P", 1}}));
-
   // A folder named like a file counts as missing.
   EXPECT_FALSE(service_->fileExistsAtFullPath(folder_.makeFolder("D.bundle/BasicConfig.plist")));
   EXPECT_TRUE(service_->fileExistsAtFullPath(hugeJson));
-
-  // Well formed but not a dictionary at the top: the other file and the
-  // pending items still make the module's configuration.
-  for (const auto& [plistBytes, jsonBytes] :
-       Files{{binary, "[1, 2]"}, {"<plist><array><true/></array></plist>", json}}) {
-    auto m = moduleWith(plistBytes, jsonBytes);
-    QVCore::sharedInstance()->setTempConfigDict({{m->className(), {{"Q", 1}}}});
-    EXPECT_TRUE(service_->loadConfig(m)) << jsonBytes;
-    const QVValue expected =
-        jsonBytes == json ? QVValue{{"J", 1}, {"Q", 1}} : QVValue{{"P", 1}, {"Q", 1}};
-    EXPECT_EQ(config(m), expected) << jsonBytes;
-    EXPECT_EQ(QVCore::sharedInstance()->tempConfigDict()[m->className()], QVValue::object());
-  }
   EXPECT_FALSE(service_->loadConfig(moduleWith("<plist><array/></plist>", "[]")))
       << "nothing to load";
+}
+
+// Reads load on demand, null counts as absent, updates merge without saving;
+// setting an item stores strings and numbers and answers what the save did.
+TEST_F(QVConfigServiceTest, ItemsAreReadOnDemandUpdatedInPlaceAndSetThroughTheModulesSave) {
+  auto saver = saving();
+  EXPECT_FALSE(stored("Saving"));
+  EXPECT_EQ(item("A", saver), QVValue(1));
+  EXPECT_TRUE(stored("Saving"));
+  EXPECT_FALSE(item("Gone", saver) || item("Missing", saver));
+
+  QVDictionaryRef live = service_->getConfig(saver);
+  EXPECT_TRUE(service_->updateConfigWithData(saver, {{"A", 2}, {"B", "b"}}));
+  EXPECT_EQ(item("A", saver), QVValue(2));
+  EXPECT_EQ((*live)["B"], "b");  // The live dictionary changed in place.
+  EXPECT_EQ(saver->saves, 0);
+  EXPECT_FALSE(service_->updateConfigWithData(saver, QVValue::array()));
+
+  // Setting an item saves, and the persisting lock is re-entrant: a save
+  // that sets another item nests.
+  bool nested = false;
+  saver->onSave = [&] {
+    if (!std::exchange(nested, true)) set("Nested", QVValue(1), saver);
+  };
+  EXPECT_TRUE(set("A", QVValue("x"), saver));
+  EXPECT_EQ(saver->saved,
+            QVValue::parse(R"({"A": "x", "Gone": null, "L": [1], "B": "b", "Nested": 1})"));
+  saver->saveResult = false;
+  EXPECT_FALSE(set("N", QVValue(2.5), saver));
+  EXPECT_EQ(item("N", saver), QVValue(2.5));
+  EXPECT_EQ(saver->saves, 3);
+
+  // Values of other types, an empty key or no value change nothing.
+  EXPECT_FALSE(set("A", QVValue::array({1}), saver) || set("", QVValue(1), saver) ||
+               set("A", std::nullopt, saver));
+  EXPECT_EQ(item("A", saver), QVValue("x"));
+  EXPECT_EQ(saver->saves, 3);
+
+  // Saving replaces the whole configuration, whatever the module answers.
+  auto replacement = std::make_shared<QVValue>(QVValue{{"Only", 1}});
+  EXPECT_FALSE(service_->saveCurrentConfigurableItemsForLifeCycleObject(replacement, saver));
+  EXPECT_EQ(service_->getConfig(saver), replacement);
+  EXPECT_EQ(saver->saved, *replacement);
+
+  // A module that cannot save keeps the value but answers false.
+  auto plain = module("PlainItems", "S.bundle");
+  EXPECT_FALSE(set("A", QVValue(5), plain));
+  EXPECT_EQ(item("A", plain), QVValue(5));
+  EXPECT_FALSE(service_->saveCurrentConfigurableItemsForLifeCycleObject(replacement, plain));
+  EXPECT_EQ(item("A", plain), QVValue(5));
+}
+
+TEST_F(QVConfigServiceTest, ConcurrentWritersAndReadersLoseNothing) {
+  auto saver = saving();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([this, t, saver] {
+      for (int i = 0; i < 200; ++i) {
+        const std::string key = "k" + std::to_string(t) + "_" + std::to_string(i);
+        t % 2 ? service_->updateConfigWithData(saver, {{key, i}}) : set(key, QVValue(i), saver);
+        item("A", saver);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  for (int t = 0; t < 4; ++t) {
+    EXPECT_EQ(item("k" + std::to_string(t) + "_199", saver), QVValue(199));
+  }
+  EXPECT_EQ(service_->getConfig(saver)->size(), 3u + 4 * 200);
+}
+
+// The core is not enabled here: readers answer their defaults, updates are
+// refused, and only setConfigItemValueForModuleName keeps anything, as
+// pending items that override the files when the module loads.
+TEST(QVApplicationHelperTest, WhileTheCoreIsNotEnabledOnlyEarlyItemsAreKept) {
+  ASSERT_FALSE(QVCore::sharedInstance()->isEnabled());
+  test::QVTempFolder folder;
+  folder.write("H.bundle/AdvancedConfig.json", R"({"Url": "http://file", "N": 1})");
+  auto module = test::QVTestModule::define("HelperModule", folder.at("H.bundle"));
+  auto helper = QVApplicationHelper::sharedInstance();
+  auto pending = [] { return QVCore::sharedInstance()->tempConfigDict()["HelperModule"]; };
+
+  EXPECT_FALSE(helper->configurationCheck());
+  EXPECT_FALSE(helper->getConfigItemForModuleName("N", "HelperModule"));
+  EXPECT_FALSE(helper->getBOOLconfigItemForKeyWithDefaultForModuleName("N", false, "HelperModule"));
+  EXPECT_EQ(helper->getStringItemForKeyWithDefaultForModuleName("Url", "dflt", "HelperModule"),
+            "dflt");
+  EXPECT_EQ(helper->getNumberItemForKeyWithDefaultForModuleName("N", QVValue(9), "HelperModule"),
+            QVValue(9));
+  EXPECT_FALSE(helper->updateConfigWithDataForModuleName({{"N", 2}}, "HelperModule"));
+  EXPECT_TRUE(pending().is_null());
+
+  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://a"), "HelperModule"));
+  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://b"), "HelperModule"));
+  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Skipped", std::nullopt, "HelperModule"));
+  EXPECT_EQ(pending(), QVValue::parse(R"({"Url": "http://b"})"));
+  auto service = QVConfigService::sharedInstance();
+  EXPECT_EQ(service->getConfigItemForLifecycleObject("Url", module), QVValue("http://b"));
+  EXPECT_EQ(service->getConfigItemForLifecycleObject("N", module), QVValue(1));
+  EXPECT_EQ(pending(), QVValue::object());
 }
 
 TEST(QVConfigServiceSingletonTest, FirstUseLoadsTheServicesOwnConfiguration) {

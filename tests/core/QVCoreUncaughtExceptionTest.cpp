@@ -80,11 +80,9 @@ TEST_F(QVCoreUncaughtExceptionTest, TerminatingWithoutAnExceptionStillFlushes) {
         startCore(1, {{"PostMessageUrl", "http://collector.test/crash"}});
         QVCore::sharedInstance()->postMessageForModuleName(test::messageWithOffset(3), "Recorder");
         std::thread([this, session] {
-          for (int i = 0; i < 3000 && session->taskCount() == 0; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-          }
+          const bool posted = session->waitForTasks(1);
           folder.append("released", "");
-          if (session->taskCount() == 1) session->completeWithStatus(0, 200);
+          if (posted) session->completeWithStatus(0, 200);
         }).detach();
         std::terminate();
       },

@@ -5,14 +5,14 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <optional>
-#include <string>
 #include <thread>
 #include <vector>
 
 namespace qv {
 namespace {
+
+using Ints = std::vector<int>;
 
 // Two halves written together: a reader that sees them differ read a value
 // while it was being made.
@@ -20,43 +20,35 @@ struct Pair {
   int first;
   int second;
 };
-
 std::shared_ptr<const Pair> pairOf(int n) { return std::make_shared<const Pair>(Pair{n, n}); }
-
-TEST(QVPublishedTest, ReadersSeeEachPublicationAndOwnersDoNotMix) {
-  QVPublished<const Pair> one;
-  QVPublished<const Pair> two;
-  EXPECT_EQ(one.ofThread(), nullptr);
-  one.publish(pairOf(1));
-  two.publish(pairOf(2));
-  EXPECT_EQ(one.ofThread()->first, 1);
-  EXPECT_EQ(two.ofThread()->first, 2);
-  EXPECT_EQ(one.ofThread()->first, 1);
-
-  one.publish(pairOf(3));
-  EXPECT_EQ(one.ofThread()->first, 3);
-  int seenElsewhere = 0;
-  std::thread([&] { seenElsewhere = one.ofThread()->first; }).join();
-  EXPECT_EQ(seenElsewhere, 3);
-
-  // An update that keeps the value keeps it for readers too; one that
-  // drops it is seen as none.
-  one.update([](const auto& current) { return current; });
-  EXPECT_EQ(one.ofThread()->first, 3);
-  one.update([](const auto&) { return std::shared_ptr<const Pair>(); });
-  EXPECT_EQ(one.ofThread(), nullptr);
-  EXPECT_EQ(one.current(), nullptr);
+// What this thread reads: the first half, or -1 for none.
+int read(QVPublished<const Pair>& published) {
+  const Pair* pair = published.ofThread();
+  return pair ? pair->first : -1;
 }
 
-TEST(QVPublishedTest, AnOwnerMadeWhereAnotherStoodIsReadAfresh) {
-  std::optional<QVPublished<const Pair>> owner;
-  owner.emplace();
-  owner->publish(pairOf(1));
-  EXPECT_EQ(owner->ofThread()->first, 1);
-  owner.reset();
-  owner.emplace();
-  owner->publish(pairOf(2));
-  EXPECT_EQ(owner->ofThread()->first, 2);
+// An update that keeps the value keeps it for readers too; one that drops it
+// is seen as none; an owner made where another stood is read afresh.
+TEST(QVPublishedTest, ReadersSeeEachPublicationAndOwnersDoNotMix) {
+  std::optional<QVPublished<const Pair>> one(std::in_place);
+  QVPublished<const Pair> two;
+  EXPECT_EQ(read(*one), -1);
+  one->publish(pairOf(1));
+  two.publish(pairOf(2));
+  EXPECT_EQ((Ints{read(*one), read(two), read(*one)}), (Ints{1, 2, 1}));
+  one->publish(pairOf(3));
+  int elsewhere = 0;
+  std::thread([&] { elsewhere = read(*one); }).join();
+  one->update([](const auto& current) { return current; });
+  EXPECT_EQ((Ints{elsewhere, read(*one)}), (Ints{3, 3}));
+  one->update([](const auto&) { return std::shared_ptr<const Pair>(); });
+  EXPECT_EQ(read(*one), -1);
+  EXPECT_EQ(one->current(), nullptr);
+
+  one.reset();
+  one.emplace();
+  one->publish(pairOf(4));
+  EXPECT_EQ(read(*one), 4);
 }
 
 TEST(QVPublishedTest, ACopyKeyedByNoGenerationIsLoadedOnEveryRead) {
@@ -68,25 +60,21 @@ TEST(QVPublishedTest, ACopyKeyedByNoGenerationIsLoadedOnEveryRead) {
       return kept;
     });
   };
-  EXPECT_EQ(read(5, 5), 1);
-  EXPECT_EQ(read(5, 5), 1);
-  EXPECT_EQ(read(6, 0), 2);
-  EXPECT_EQ(read(6, 0), 3);
+  EXPECT_EQ((Ints{read(5, 5), read(5, 5), read(6, 0), read(6, 0)}), (Ints{1, 1, 2, 3}));
 }
 
 TEST(QVPublishedTest, RecentLookupsKeepTheLastAnswersOfEachOwner) {
   QVRecentLookups<int, 2> recent;
-  const int ownerA = 0;
-  const int ownerB = 0;
-  recent.add(&ownerA, "m", 1);
-  recent.add(&ownerB, "m", 2);
-  ASSERT_NE(recent.find(&ownerA, "m"), nullptr);
-  EXPECT_EQ(*recent.find(&ownerA, "m"), 1);
-  EXPECT_EQ(*recent.find(&ownerB, "m"), 2);
-  EXPECT_EQ(recent.find(&ownerA, "n"), nullptr);
-  recent.add(&ownerA, "n", 3);  // takes the place of the oldest
-  EXPECT_EQ(recent.find(&ownerA, "m"), nullptr);
-  EXPECT_EQ(*recent.find(&ownerA, "n"), 3);
+  const int a = 0, b = 0;
+  const auto find = [&recent](const int* owner, const char* name) {
+    const int* found = recent.find(owner, name);
+    return found ? *found : -1;
+  };
+  recent.add(&a, "m", 1);
+  recent.add(&b, "m", 2);
+  EXPECT_EQ((Ints{find(&a, "m"), find(&b, "m"), find(&a, "n")}), (Ints{1, 2, -1}));
+  recent.add(&a, "n", 3);  // takes the place of the oldest
+  EXPECT_EQ((Ints{find(&a, "m"), find(&a, "n")}), (Ints{-1, 3}));
 }
 
 // Run under ThreadSanitizer too: readers never see a half-made value and
@@ -96,13 +84,12 @@ TEST(QVPublishedTest, ConcurrentPublishersAndReaders) {
   QVPublished<const Pair> published;
   published.publish(pairOf(0));
   std::vector<std::thread> readers;
-  std::vector<int> torn(4, 0);
+  Ints torn(4, 0);
   for (int r = 0; r < 4; ++r) {
     readers.emplace_back([&, r] {
-      for (;;) {
-        const Pair* pair = published.ofThread();
+      for (const Pair* pair = published.ofThread(); pair->first != kLast;
+           pair = published.ofThread()) {
         if (pair->first != pair->second) ++torn[r];
-        if (pair->first == kLast) return;
         std::this_thread::yield();
       }
     });
@@ -110,13 +97,11 @@ TEST(QVPublishedTest, ConcurrentPublishersAndReaders) {
   std::thread other([&] {
     for (int n = 1; n < kLast; n += 2) published.publish(pairOf(-n));
   });
-  for (int n = 1; n <= kLast; ++n) {
-    published.update([n](const auto&) { return pairOf(n); });
-  }
+  for (int n = 1; n <= kLast; ++n) published.update([n](const auto&) { return pairOf(n); });
   other.join();
   published.publish(pairOf(kLast));
   for (auto& reader : readers) reader.join();
-  EXPECT_EQ(torn, std::vector<int>(4, 0));
+  EXPECT_EQ(torn, Ints(4, 0));
 }
 
 }  // namespace

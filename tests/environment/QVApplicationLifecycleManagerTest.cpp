@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <set>
 #include <thread>
 
 #include "qvcore/core/QVAppTerminationObserver.h"
@@ -17,7 +15,6 @@
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
-#include "qvcore/queue/QVQueueService.h"
 #include "support/QVQueueServiceTestSupport.h"
 
 namespace qv {
@@ -26,10 +23,13 @@ namespace {
 using namespace std::chrono_literals;
 using Event = QVApplication::LifecycleEvent;
 using test::Offsets;
-using test::offsetsIn;
 
-class QVTerminatingModule : public test::QVTestModule, public QVAppTerminationObserver {
- public:
+constexpr const char* kToBackground = "DoPostAppGoesToBackground";
+constexpr const char* kFromBackground = "DoPostAppComesFromBackground";
+constexpr const char* kLaunched = "DoPostAppIsLaunched";
+constexpr const char* kClose = "DoPostAppGoesToClose";
+
+struct QVTerminatingModule : test::QVTestModule, QVAppTerminationObserver {
   using QVTestModule::QVTestModule;
   void brvAppWillTerminate() override { ++terminations; }
   std::atomic<int> terminations{0};
@@ -53,7 +53,6 @@ class QVApplicationLifecycleManagerTest : public test::QVQueueServiceTestBase {
     items["CompressPostMessage"] = false;
     setItems("QVCore", items);
   }
-  Offsets sent(size_t post) const { return offsetsIn(body(post)); }
   void deliver(Event event) {
     app.postLifecycleEvent(event);
     QVRunLoop::main().runUntilIdle();
@@ -63,6 +62,7 @@ class QVApplicationLifecycleManagerTest : public test::QVQueueServiceTestBase {
     QVRunLoop::main().runUntilIdle();
     service->flushDispatchQueue()->sync([] {});  // lets a flush it started finish
   }
+  size_t tasks() { return app.backgroundTaskNames().size(); }
 
   QVApplication& app = QVApplication::sharedApplication();
   std::shared_ptr<QVFakeClock> clock = std::make_shared<QVFakeClock>();
@@ -71,61 +71,44 @@ class QVApplicationLifecycleManagerTest : public test::QVQueueServiceTestBase {
 };
 
 TEST_F(QVApplicationLifecycleManagerTest, ObservesWhatTheConfigurationAsksForAtStart) {
-  auto observed = [&] { return QVNotificationCenter::defaultCenter().observationCount(&*manager); };
-  setCoreItems({{"DoPostAppGoesToBackground", true}, {"DoPostAppComesFromBackground", false}});
-  EXPECT_TRUE(manager->startMonitoringApplicationChanges());
-  EXPECT_EQ(observed(), 1u);
-  for (Event e : {Event::kWillEnterForeground, Event::kDidBecomeActive, Event::kWillTerminate}) {
-    deliver(e);
-  }
-  EXPECT_TRUE(app.backgroundTaskNames().empty());
-  deliver(Event::kDidEnterBackground);
-  EXPECT_EQ(app.backgroundTaskNames(), std::vector<std::string>{"BRVPostInBackground"});
-  EXPECT_TRUE(manager->stopMonitoringApplicationChanges());
-  EXPECT_EQ(observed(), 0u);
-
-  setCoreItems(QVValue::object());  // background is on by default, the rest off
-  manager->startMonitoringApplicationChanges();
-  EXPECT_EQ(observed(), 1u);
-  manager->stopMonitoringApplicationChanges();
-
-  setCoreItems({{"DoPostAppGoesToBackground", false},
-                {"DoPostAppComesFromBackground", true},
-                {"DoPostAppIsLaunched", 1},
-                {"DoPostAppGoesToClose", true}});
-  manager->startMonitoringApplicationChanges();
-  manager->startMonitoringApplicationChanges();
-  EXPECT_EQ(observed(), 6u) << "a second start observes everything twice";
-  manager->stopMonitoringApplicationChanges();
-
-  // Raw items written as text count as the platform reads text; the
-  // background item is read through its accessor, which ignores text.
-  setCoreItems({{"DoPostAppGoesToBackground", "0"},
-                {"DoPostAppComesFromBackground", "YES"},
-                {"DoPostAppIsLaunched", " 1"},
-                {"DoPostAppGoesToClose", "no"}});
-  manager->startMonitoringApplicationChanges();
-  EXPECT_EQ(observed(), 3u);
+  auto& center = QVNotificationCenter::defaultCenter();
+  const auto observed = [&](QVValue items, int starts = 1) {
+    setCoreItems(std::move(items));
+    for (int i = 0; i < starts; ++i) EXPECT_TRUE(manager->startMonitoringApplicationChanges());
+    const size_t count = center.observationCount(&*manager);
+    EXPECT_TRUE(manager->stopMonitoringApplicationChanges());
+    EXPECT_EQ(center.observationCount(&*manager), 0u);
+    return count;
+  };
+  EXPECT_EQ(observed({{kToBackground, true}, {kFromBackground, false}}), 1u);
+  EXPECT_EQ(observed(QVValue::object()), 1u) << "background on by default, the rest off";
+  EXPECT_EQ(observed({{kFromBackground, true}, {kLaunched, 1}, {kClose, true}}, 2), 8u)
+      << "a second start observes everything twice";
+  // Raw items are read as the platform reads text; the background item
+  // through its accessor, which ignores text.
+  EXPECT_EQ(observed({{kToBackground, "0"}, {kFromBackground, "YES"}, {kLaunched, " 1"}}), 3u);
+  EXPECT_EQ(observed({{kToBackground, false}, {kClose, "no"}}), 0u);
 }
 
-TEST_F(QVApplicationLifecycleManagerTest, BackgroundQueuesAreSentWhenTheGrantedTimeRunsOut) {
+TEST_F(QVApplicationLifecycleManagerTest,
+       BackgroundQueuesAreSentWhenTheGrantedTimeRunsOutIfATaskIsGranted) {
   ASSERT_TRUE(service->enable());
   auto module = defineModule<QVTerminatingModule>("Alpha");
   post(module, 7);
-  setCoreItems({{"DoPostAppGoesToBackground", true}});
+  setCoreItems({{kToBackground, true}});
   manager->startMonitoringApplicationChanges();
   app.setBackgroundTimeRemaining(12.5);
 
   deliver(Event::kDidEnterBackground);
+  EXPECT_EQ(app.backgroundTaskNames(), std::vector<std::string>{"BRVPostInBackground"});
   EXPECT_TRUE(manager->isBackgroundPostingRunning()) << "set at once";
   advance(1h);
   EXPECT_EQ(session->taskCount(), 0u) << "nothing is sent while time is left";
 
   // The expiry waits on the main thread for the post in flight; a server
   // answers it from elsewhere.
-  std::thread server([session = session] {
-    for (int i = 0; i < 3000 && session->taskCount() == 0; ++i) std::this_thread::sleep_for(10ms);
-    if (session->taskCount() > 0) session->completeWithStatus(0, 200);
+  std::thread server([s = session] {
+    if (s->waitForTasks(1)) s->completeWithStatus(0, 200);
   });
   app.expireBackgroundTasks();
   QVRunLoop::main().runUntilIdle();
@@ -133,31 +116,29 @@ TEST_F(QVApplicationLifecycleManagerTest, BackgroundQueuesAreSentWhenTheGrantedT
   EXPECT_EQ(logged, std::vector<std::string>{"Background Time:12.500000"});
   EXPECT_EQ(module->terminations, 1);
   ASSERT_EQ(session->taskCount(), 1u);
-  EXPECT_EQ(sent(0), Offsets{7});
+  EXPECT_EQ(test::offsetsIn(body(0)), Offsets{7});
   EXPECT_FALSE(manager->isBackgroundPostingRunning());
-  EXPECT_TRUE(app.backgroundTaskNames().empty()) << "the task was ended";
+  EXPECT_EQ(tasks(), 0u) << "the task was ended";
 
-  setCoreItems({{"DoPostAppGoesToBackground", false}});  // read again at each event
+  setCoreItems({{kToBackground, false}});  // read again at each event
   deliver(Event::kDidEnterBackground);
-  EXPECT_TRUE(app.backgroundTaskNames().empty());
-}
+  EXPECT_EQ(tasks(), 0u);
 
-TEST_F(QVApplicationLifecycleManagerTest, ARefusedBackgroundTaskLeavesThePostingFlagSet) {
-  setCoreItems({{"DoPostAppGoesToBackground", true}});
-  manager->startMonitoringApplicationChanges();
+  // A refused task leaves the flag set, and nothing runs at the expiry.
+  setCoreItems({{kToBackground, true}});
   app.setRefusesBackgroundTasks(true);
   deliver(Event::kDidEnterBackground);
   app.expireBackgroundTasks();
   QVRunLoop::main().runUntilIdle();
   EXPECT_TRUE(manager->isBackgroundPostingRunning());
-  EXPECT_TRUE(logged.empty());
+  EXPECT_EQ(logged.size(), 1u);
   manager->stopMonitoringApplicationChanges();
   EXPECT_FALSE(manager->isBackgroundPostingRunning());
 }
 
 TEST_F(QVApplicationLifecycleManagerTest, ReturningFlushesAtOnceAndBecomingActiveASecondLater) {
   ASSERT_TRUE(service->enable());
-  setCoreItems({{"DoPostAppComesFromBackground", true}, {"DoPostAppIsLaunched", true}});
+  setCoreItems({{kFromBackground, true}, {kLaunched, true}});
   manager->startMonitoringApplicationChanges();
   auto module = defineModule("Alpha");
   post(module, 1);
@@ -172,29 +153,28 @@ TEST_F(QVApplicationLifecycleManagerTest, ReturningFlushesAtOnceAndBecomingActiv
   EXPECT_EQ(session->taskCount(), 1u) << "not before a second has passed";
   advance(1ms);
   ASSERT_EQ(session->taskCount(), 2u);
-  EXPECT_EQ(sent(1), Offsets{2});
+  EXPECT_EQ(test::offsetsIn(body(1)), Offsets{2});
   session->completeWithStatus(1, 200);
   post(module, 3);
   advance(1h);
   EXPECT_EQ(session->taskCount(), 2u) << "one event, one flush";
 }
 
+// What was saved is no longer queued, so a process that lives on sends it
+// once, from the files.
 TEST_F(QVApplicationLifecycleManagerTest, TerminatingSavesEveryModuleQueueAndSendsNothing) {
   ASSERT_TRUE(service->enable());
   for (const char* name : {"Alpha", "Beta", "Gamma"}) post(defineModule(name), 1);
-  setCoreItems({{"DoPostAppGoesToClose", true}});
+  setCoreItems({{kClose, true}});
   manager->startMonitoringApplicationChanges();
   deliver(Event::kWillTerminate);
   advance(1h);
-  std::multiset<std::string> modules;  // named by the text before "_"
-  for (const auto& file : std::filesystem::directory_iterator(service->cachedQueuesDirectory())) {
-    const std::string name = file.path().filename().string();
-    modules.insert(name.substr(0, name.find('_')));
+  std::string modules;  // the text before "_" of each file name
+  for (const auto& name : test::namesIn(service->cachedQueuesDirectory())) {
+    modules += name.substr(0, name.find('_')) + " ";
   }
-  EXPECT_EQ(modules, (std::multiset<std::string>{"Alpha", "Beta", "Gamma"}));
+  EXPECT_EQ(modules, "Alpha Beta Gamma ");
   EXPECT_EQ(session->taskCount(), 0u);
-  // What was saved is no longer queued, so a process that lives on sends
-  // it once, from the files.
   for (const auto& [name, queue] : service->moduleQueues()) EXPECT_TRUE(queue->isEmpty()) << name;
 }
 
@@ -204,24 +184,22 @@ TEST_F(QVApplicationLifecycleManagerTest, StoppingNeedsNoStartAndTheServiceKeeps
 
   auto environment = QVEnvironmentalSerivce::sharedInstance();
   EXPECT_TRUE(environment->stopMonitoringApplicationChanges()) << "no manager yet";
-  setCoreItems({{"DoPostAppGoesToBackground", true}});
-  EXPECT_TRUE(environment->startMonitoringApplicationChanges());
-  EXPECT_TRUE(environment->startMonitoringApplicationChanges());
+  setCoreItems({{kToBackground, true}});
+  EXPECT_TRUE(environment->startMonitoringApplicationChanges() &&
+              environment->startMonitoringApplicationChanges());
   deliver(Event::kDidEnterBackground);
-  EXPECT_EQ(app.backgroundTaskNames().size(), 2u) << "two starts, each event handled twice";
+  EXPECT_EQ(tasks(), 2u) << "two starts, each event handled twice";
   // One stop ends both observations: both starts reached the same manager.
   EXPECT_TRUE(environment->stopMonitoringApplicationChanges());
   deliver(Event::kDidEnterBackground);
-  EXPECT_EQ(app.backgroundTaskNames().size(), 2u);
+  EXPECT_EQ(tasks(), 2u);
 
   // Enabling the service rebuilds the observations rather than adding to
   // them, however often it runs.
-  auto reachability = std::make_shared<QVHostReachabilitySource>();
-  QVReachabilitySource::setShared(reachability);
-  ASSERT_TRUE(environment->enable());
-  ASSERT_TRUE(environment->enable());
+  QVReachabilitySource::setShared(std::make_shared<QVHostReachabilitySource>());
+  ASSERT_TRUE(environment->enable() && environment->enable());
   deliver(Event::kDidEnterBackground);
-  EXPECT_EQ(app.backgroundTaskNames().size(), 3u) << "one enable's worth";
+  EXPECT_EQ(tasks(), 3u) << "one enable's worth";
   EXPECT_TRUE(environment->disable());
   QVReachabilitySource::setShared(nullptr);
 }

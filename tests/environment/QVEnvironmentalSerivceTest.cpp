@@ -5,6 +5,7 @@
 
 #include <regex>
 
+#include "config/QVConfigTestSupport.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVNetworkManager.h"
 #include "qvcore/platform/QVBundle.h"
@@ -15,14 +16,11 @@
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVUserDefaults.h"
 #include "support/QVFakeInterfaceAddressSource.h"
-#include "support/QVTempFolder.h"
 
 namespace qv {
 namespace {
 
-using test::QVFakeInterfaceAddressSource;
-using test::QVTempFolder;
-
+using F = test::QVFakeInterfaceAddressSource;
 constexpr uint32_t kUp = IFF_UP | IFF_RUNNING;
 
 // An application with its own bundle and data folder, and host-fed network
@@ -41,25 +39,44 @@ class QVEnvironmentalSerivceTest : public ::testing::Test {
     folder.writePlist("App/Info.plist", info);
     QVBundle::setMainBundlePath(folder.at("App"));
   }
+  // "on" or "off", and " asleep" while sleep mode is active.
+  std::string state() {
+    return std::string(service->isEnabled() ? "on" : "off") +
+           (service->isSleepModeActive() ? " asleep" : "");
+  }
 
   std::shared_ptr<QVEnvironmentalSerivce> service = QVEnvironmentalSerivce::sharedInstance();
-  QVTempFolder folder;
+  test::QVTempFolder folder;
   std::shared_ptr<QVHostReachabilitySource> reachability =
       std::make_shared<QVHostReachabilitySource>();
-  std::shared_ptr<QVFakeInterfaceAddressSource> addresses =
-      std::make_shared<QVFakeInterfaceAddressSource>();
+  std::shared_ptr<F> addresses = std::make_shared<F>();
 };
 
-TEST_F(QVEnvironmentalSerivceTest, DeviceIdIsTheDigestOfTheStoredUuidAndTheBundleIdentifier) {
+// Only a non-empty text id sent while the service is enabled replaces it.
+TEST_F(QVEnvironmentalSerivceTest, DeviceIdIsTheStoredUuidsDigestUntilAModuleSuppliesOne) {
   const std::string id = service->deviceID();
-  EXPECT_TRUE(std::regex_match(id, std::regex("[0-9a-f]{32}"))) << id;
-  EXPECT_EQ(service->deviceID(), id);
-
   const auto udid = QVUserDefaults::standardUserDefaults().objectForKey("Brevant.UDID");
   ASSERT_TRUE(udid && udid->is_string());
-  EXPECT_TRUE(std::regex_match(udid->get<std::string>(),
-                               std::regex("[0-9A-F]{8}-([0-9A-F]{4}-){3}[0-9A-F]{12}")));
+  const std::regex uuid("[0-9A-F]{8}-([0-9A-F]{4}-){3}[0-9A-F]{12}");
+  EXPECT_TRUE(std::regex_match(udid->get<std::string>(), uuid));
   EXPECT_EQ(id, QVDigest::md5HexString(udid->get<std::string>() + "com.example.app"));
+  EXPECT_TRUE(std::regex_match(id, std::regex("[0-9a-f]{32}"))) << id;
+
+  reachability->setFlags(0x2);
+  ASSERT_TRUE(service->enable());
+  const auto post = [](std::optional<QVValue> userInfo) {
+    QVNotificationCenter::defaultCenter().post(
+        "kBRVApplicationHelperDidPostDeviceIDChangeNotification", nullptr, std::move(userInfo));
+  };
+  post(std::nullopt);
+  post(QVValue{{"other", "x"}});
+  for (const QVValue bad : {QVValue(""), QVValue(42)}) post(QVValue{{"keyBRVDeviceID", bad}});
+  EXPECT_EQ(service->deviceID(), id);
+  post(QVValue{{"keyBRVDeviceID", "module-id"}});
+  EXPECT_EQ(service->deviceID(), "module-id");
+  ASSERT_TRUE(service->disable());
+  post(QVValue{{"keyBRVDeviceID", "after-stop"}});
+  EXPECT_EQ(service->deviceID(), "module-id") << "a stopped service no longer listens";
 }
 
 // A fresh process sees only what an earlier one left on disk. The child
@@ -73,17 +90,12 @@ TEST_F(QVEnvironmentalSerivceTest, DeviceIdSurvivesARestartUntilTheStoredUuidIsR
   // Only the parent asks here: a child that asked first would keep its answer.
   const std::string first = inherited ? "" : service->deviceID();
 
+  const std::string path = home + "/id.txt";
   auto idInFreshProcess = [&](bool removeUuid) {
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-    const std::string path = home + "/id.txt";
-    EXPECT_EXIT(
-        {
-          auto& defaults = QVUserDefaults::standardUserDefaults();
-          if (removeUuid) defaults.removeObjectForKey("Brevant.UDID");
-          std::string id = QVEnvironmentalSerivce::sharedInstance()->deviceID();
-          std::exit(QVFileSystem::writeAtomically(path, id) ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
+    test::expectInFreshProcess([&] {
+      if (removeUuid) QVUserDefaults::standardUserDefaults().removeObjectForKey("Brevant.UDID");
+      return QVFileSystem::writeAtomically(path, service->deviceID());
+    });
     return QVFileSystem::contentsAtPath(path, 64).value_or("");
   };
   EXPECT_EQ(idInFreshProcess(false), first);
@@ -92,34 +104,11 @@ TEST_F(QVEnvironmentalSerivceTest, DeviceIdSurvivesARestartUntilTheStoredUuidIsR
   EXPECT_EQ(renewed.size(), 32u);
 }
 
-TEST_F(QVEnvironmentalSerivceTest, AModuleMaySupplyTheDeviceIdWhileTheServiceIsEnabled) {
-  reachability->setFlags(0x2);
-  ASSERT_TRUE(service->enable());
-  auto post = [](std::optional<QVValue> userInfo) {
-    QVNotificationCenter::defaultCenter().post(
-        "kBRVApplicationHelperDidPostDeviceIDChangeNotification", nullptr, std::move(userInfo));
-  };
-  const std::string generated = service->deviceID();
-  post(std::nullopt);
-  post(QVValue{{"keyBRVDeviceID", ""}});
-  post(QVValue{{"keyBRVDeviceID", 42}});
-  post(QVValue{{"other", "x"}});
-  EXPECT_EQ(service->deviceID(), generated);
-
-  post(QVValue{{"keyBRVDeviceID", "module-id"}});
-  EXPECT_EQ(service->deviceID(), "module-id");
-
-  ASSERT_TRUE(service->disable());
-  post(QVValue{{"keyBRVDeviceID", "after-stop"}});
-  EXPECT_EQ(service->deviceID(), "module-id") << "a stopped service no longer listens";
-}
-
 TEST_F(QVEnvironmentalSerivceTest, EnableStopsAtTheFirstMonitorThatFailsAndDisableInvertsSleep) {
   EXPECT_EQ(service->settingsBundlePath(), "");
   reachability->setFailsToSchedule(true);
   EXPECT_FALSE(service->enable());
-  EXPECT_FALSE(service->isEnabled());
-  EXPECT_FALSE(service->isSleepModeActive());
+  EXPECT_EQ(state(), "off");
 
   // A failed start keeps its network monitor, which refuses a second start
   // of the manager; enabling again starts the monitoring afresh all the
@@ -127,32 +116,23 @@ TEST_F(QVEnvironmentalSerivceTest, EnableStopsAtTheFirstMonitorThatFailsAndDisab
   reachability->setFailsToSchedule(false);
   auto network = QVNetworkManager::sharedInstance();
   EXPECT_FALSE(network->startNetworkMonitoring());
-  EXPECT_TRUE(service->enable());
-  EXPECT_TRUE(service->enable());
+  EXPECT_TRUE(service->enable() && service->enable());
   EXPECT_FALSE(network->startNetworkMonitoring());
-  EXPECT_TRUE(service->isEnabled());
+  EXPECT_EQ(state(), "on");
   EXPECT_TRUE(service->disable());
-  EXPECT_FALSE(service->isEnabled());
-  EXPECT_TRUE(service->isSleepModeActive());
-
+  EXPECT_EQ(state(), "off asleep");
   EXPECT_TRUE(service->enable());
-  EXPECT_TRUE(service->isEnabled());
-  EXPECT_FALSE(service->isSleepModeActive());
-  EXPECT_TRUE(service->disable());
-  EXPECT_FALSE(service->isEnabled());
+  EXPECT_EQ(state(), "on");
 }
 
 TEST_F(QVEnvironmentalSerivceTest, ApplicationFactsComeFromTheMainBundle) {
-  struct Case {
-    const char* version;
-    const char* majorMinor;
-  };
-  for (const Case& c :
-       {Case{"1.2.3", "1.2"}, Case{"2.10.5", "2.10"}, Case{"12.3", "2.3"}, Case{"10.4.1", "0.4"},
-        Case{"7", "7"}, Case{"v.1", "v.1"}, Case{"build 3.", "3."}, Case{"", ""}}) {
-    setInfo({{"CFBundleVersion", c.version}, {"CFBundleName", "Demo"}});
-    EXPECT_EQ(service->appVersionMajorMinor(), c.majorMinor) << c.version;
-    EXPECT_EQ(service->appVersion(), c.version);
+  const std::pair<const char*, const char*> versions[] = {
+      {"1.2.3", "1.2"}, {"2.10.5", "2.10"}, {"12.3", "2.3"},    {"10.4.1", "0.4"},
+      {"7", "7"},       {"v.1", "v.1"},     {"build 3.", "3."}, {"", ""}};
+  for (const auto& [version, majorMinor] : versions) {
+    setInfo({{"CFBundleVersion", version}, {"CFBundleName", "Demo"}});
+    EXPECT_EQ(service->appVersionMajorMinor(), majorMinor) << version;
+    EXPECT_EQ(service->appVersion(), version);
   }
   EXPECT_EQ(service->appName(), "Demo");
   setInfo(QVValue::object());
@@ -164,85 +144,59 @@ TEST_F(QVEnvironmentalSerivceTest, MemoryIsCutToThirtyTwoBitsAndBatteryIsAlwaysF
   auto& device = QVDevice::currentDevice();
   device.setPhysicalMemory((5ull << 30) + 123);
   device.setUserMemory(3ull << 30);
+  device.setBatteryLevel(0.25f);
   EXPECT_EQ(service->deviceTotalMemory(), (1ull << 30) + 123);
   EXPECT_EQ(service->deviceUserMemory(), 3ull << 30);
   EXPECT_EQ(QVEnvironmentalSerivce::getSysInfo(7), 0u);
-
-  device.setBatteryLevel(0.25f);
   EXPECT_EQ(service->getCurrentBatteryLevel(), 100.0f);
-
   EXPECT_GT(service->deviceTotalStorageCapacity(), 0);
   EXPECT_LE(service->deviceTotalStorageFreeCapacity(), service->deviceTotalStorageCapacity());
 }
 
-TEST_F(QVEnvironmentalSerivceTest, AddressesOfUpInterfacesWithTheirFourByteOffset) {
-  addresses->setEntries({QVFakeInterfaceAddressSource::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK),
-                         QVFakeInterfaceAddressSource::ipv4("en0", "192.168.1.10", kUp),
-                         QVFakeInterfaceAddressSource::ipv4("en0", "192.168.1.11", kUp),
-                         QVFakeInterfaceAddressSource::ipv6("en0", "fe80::1", kUp, 0x01020304),
-                         QVFakeInterfaceAddressSource::ipv4("pdp_ip0", "10.0.0.7", 0),
-                         QVFakeInterfaceAddressSource::withoutAddress("en1", kUp)});
-  const auto dict = service->getIPAddressesDict();
-  ASSERT_TRUE(dict);
-  // The IPv6 text is read from the flow information on: 01020304 fe80 0 ...
-  EXPECT_EQ(*dict, (QVValue{{"en0/ipv4", "192.168.1.11"}, {"en0/ipv6", "102:304:fe80::"}}));
-  EXPECT_EQ(service->networkCarrierName(), "Carrier");
-}
-
-TEST_F(QVEnvironmentalSerivceTest, PreferredAddressIsKeptOnceFoundAndUnknownIsRetried) {
-  addresses->setEntries(
-      {QVFakeInterfaceAddressSource::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK)});
+// Up interfaces give their addresses (the last of each family, read from a
+// four-byte offset); the Wi-Fi address is en0's last IPv4, up or down; the
+// preferred address is kept once found, while "Unknown" is asked again.
+TEST_F(QVEnvironmentalSerivceTest, AddressesOfTheInterfacesAsTheHostListsThem) {
+  EXPECT_EQ(service->networkWiFiIPAddress(), "");
+  addresses->setEntries({F::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK)});
   EXPECT_EQ(service->getIPAddressesDict(), std::nullopt);
   EXPECT_EQ(service->networkIPAddress(), "Unknown");
-
-  addresses->setEntries({QVFakeInterfaceAddressSource::ipv4("pdp_ip0", "10.0.0.7", kUp)});
+  addresses->setEntries({F::ipv4("pdp_ip0", "10.0.0.7", kUp)});
   EXPECT_EQ(service->networkIPAddress(), "10.0.0.7");
 
-  addresses->setEntries({QVFakeInterfaceAddressSource::ipv4("pdp_ip0", "10.0.0.8", kUp),
-                         QVFakeInterfaceAddressSource::ipv4("en0", "192.168.1.10", kUp)});
-  EXPECT_EQ(service->networkIPAddress(), "10.0.0.7") << "looked up once per process";
-
-  addresses->setFails(true);
-  EXPECT_EQ(service->networkIPAddress(), "10.0.0.7");
-}
-
-TEST_F(QVEnvironmentalSerivceTest, WiFiAddressIsTheLastIPv4OfEn0UpOrDown) {
-  EXPECT_EQ(service->networkWiFiIPAddress(), "");
-  addresses->setEntries({QVFakeInterfaceAddressSource::ipv4("en0", "192.168.1.10", kUp),
-                         QVFakeInterfaceAddressSource::ipv4("en0", "192.168.1.20", 0),
-                         QVFakeInterfaceAddressSource::ipv4("en1", "192.168.2.1", kUp)});
+  addresses->setEntries({F::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK),
+                         F::ipv4("en0", "192.168.1.10", kUp), F::ipv4("en0", "192.168.1.11", kUp),
+                         F::ipv6("en0", "fe80::1", kUp, 0x01020304),
+                         F::ipv4("en0", "192.168.1.20", 0), F::ipv4("pdp_ip0", "10.0.0.8", 0),
+                         F::ipv4("en1", "192.168.2.1", kUp), F::withoutAddress("en2", kUp)});
+  // The IPv6 text is read from the flow information on: 01020304 fe80 0 ...
+  EXPECT_EQ(service->getIPAddressesDict(), (QVValue{{"en0/ipv4", "192.168.1.11"},
+                                                    {"en0/ipv6", "102:304:fe80::"},
+                                                    {"en1/ipv4", "192.168.2.1"}}));
   EXPECT_EQ(service->networkWiFiIPAddress(), "192.168.1.20");
-  EXPECT_EQ(service->getIPAddressesDict(),
-            (QVValue{{"en0/ipv4", "192.168.1.10"}, {"en1/ipv4", "192.168.2.1"}}));
+  EXPECT_EQ(service->networkIPAddress(), "10.0.0.7") << "looked up once per process";
+  EXPECT_EQ(service->networkCarrierName(), "Carrier");
   addresses->setFails(true);
   EXPECT_EQ(service->networkWiFiIPAddress(), "");
+  EXPECT_EQ(service->networkIPAddress(), "10.0.0.7");
 }
 
 TEST_F(QVEnvironmentalSerivceTest, OrientationNotificationMapsTheDefaultWhenCorrectionsAreOff) {
   std::vector<int64_t> posted;
-  int token;
   QVNotificationCenter::defaultCenter().addObserver(
-      &token, "kQVEnvironmentalServiceDidPostOrientationChangeNotification", nullptr,
+      this, "kQVEnvironmentalServiceDidPostOrientationChangeNotification", nullptr,
       [&](const QVNotification& n) { posted.push_back(n.userInfo->at("keyQVDeviceOrientation")); });
-
   EXPECT_TRUE(service->qvOrientationChanged(4));
-  EXPECT_EQ(posted, std::vector<int64_t>{4});
-
-  struct Case {
-    QVValue defaultOrientation;
-    int64_t expected;
-  };
-  for (const Case& c :
-       {Case{0, 1}, Case{90, 3}, Case{180, 2}, Case{-90, 4}, Case{45, 1}, Case{"90", 1}}) {
+  const std::pair<QVValue, int64_t> rows[] = {{0, 1},   {90, 3}, {180, 2},
+                                              {-90, 4}, {45, 1}, {"90", 1}};
+  for (const auto& [orientation, expected] : rows) {
     QVConfigService::sharedInstance()->setConfigurations(
-        {{"QVCore",
-          std::make_shared<QVValue>(QVValue{{"TurnOffCorrectOrientationUpdates", true},
-                                            {"DefaultOrientation", c.defaultOrientation}})}});
-    posted.clear();
+        {{"QVCore", std::make_shared<QVValue>(QVValue{{"TurnOffCorrectOrientationUpdates", true},
+                                                      {"DefaultOrientation", orientation}})}});
     service->qvOrientationChanged(1);
-    EXPECT_EQ(posted, std::vector<int64_t>{c.expected}) << c.defaultOrientation;
   }
-  QVNotificationCenter::defaultCenter().removeObserver(&token);
+  EXPECT_EQ(posted, (std::vector<int64_t>{4, 1, 3, 2, 4, 1, 1}));
+  QVNotificationCenter::defaultCenter().removeObserver(this);
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
+// The network monitor: reachability read from host-fed flags, and the
+// manager that turns it into a status and a connection type.
 #include "qvcore/environment/QVNetworkManager.h"
 
 #include <gtest/gtest.h>
+#include <sys/un.h>
 
 #include <atomic>
 #include <set>
@@ -21,7 +24,7 @@ namespace {
 constexpr uint32_t kWiFi = 0x2;
 constexpr uint32_t kCellular = 0x40002;
 
-class QVNetworkManagerTest : public ::testing::Test {
+class QVNetworkTest : public ::testing::Test {
  protected:
   void SetUp() override {
     QVReachabilitySource::setShared(source);
@@ -32,6 +35,9 @@ class QVNetworkManagerTest : public ::testing::Test {
           EXPECT_EQ(n.sender, nullptr);
           posted.push_back(n.userInfo.value_or(QVValue()));
         });
+    QVNotificationCenter::defaultCenter().addObserver(
+        this, "kQVNetworkReachabilityChangedNotification", nullptr,
+        [this](const QVNotification& n) { senders.push_back(n.sender); });
   }
   void TearDown() override {
     QVNotificationCenter::defaultCenter().removeObserver(this);
@@ -39,10 +45,14 @@ class QVNetworkManagerTest : public ::testing::Test {
     QVReachabilitySource::setShared(nullptr);
   }
 
-  // Starts monitoring and lets the delayed first evaluation run.
-  void startAndSettle() {
-    ASSERT_TRUE(manager->startNetworkMonitoring());
-    clock->advance(1s);
+  // Starts monitoring and runs past the delayed first evaluation.
+  bool start() {
+    const bool started = manager->startNetworkMonitoring();
+    settle();
+    return started;
+  }
+  void settle(QVClock::Duration time = 1s) {
+    clock->advance(time);
     QVRunLoop::main().runUntilIdle();
   }
   void setFlags(uint32_t flags) {
@@ -53,6 +63,13 @@ class QVNetworkManagerTest : public ::testing::Test {
     source->setRadioAccessTechnology(std::move(technology));
     QVRunLoop::main().runUntilIdle();
   }
+  // What the manager answers: status, its name, the connection type, and
+  // " wifi" while it reports a Wi-Fi connection.
+  std::string state() {
+    return std::to_string(manager->currentNetworkStatus()) + " " +
+           manager->currentNetworkReachabilityName() + " " + manager->currentConnectionType() +
+           (manager->isConnectedViaWifi() ? " wifi" : "");
+  }
   static QVValue change(uint64_t status, const char* name) {
     return {{"keyVQNetworkStatus", status}, {"keyQVConnectionType", name}};
   }
@@ -61,85 +78,55 @@ class QVNetworkManagerTest : public ::testing::Test {
   std::shared_ptr<QVFakeClock> clock = std::make_shared<QVFakeClock>();
   std::shared_ptr<QVNetworkManager> manager = QVNetworkManager::sharedInstance();
   std::vector<QVValue> posted;
+  std::vector<const void*> senders;  // of reachability changes
 };
 
-TEST_F(QVNetworkManagerTest, StartsUnknownAndEvaluatesOneSecondAfterStartOnTheMainLoop) {
-  EXPECT_EQ(manager->currentNetworkStatus(), 0u);
-  EXPECT_EQ(manager->currentNetworkReachabilityName(), "UNKNOWN");
-  EXPECT_EQ(manager->currentConnectionType(), "N/A");
-  const std::pair<int64_t, const char*> names[] = {
-      {0, "NotReachable"}, {1, "ReachableViaWiFi"}, {2, "ReachableViaWWAN"},
-      {3, "UNKNOWN"},      {-1, "UNKNOWN"},
-  };
-  for (const auto& [status, name] : names) {
-    EXPECT_EQ(QVNetworkManager::stringForNetworkStatus(status), name) << status;
+TEST_F(QVNetworkTest, StartsUnknownAndEvaluatesOneSecondAfterStartOnTheMainLoop) {
+  EXPECT_EQ(state(), "0 UNKNOWN N/A");
+  const char* names[] = {"NotReachable", "ReachableViaWiFi", "ReachableViaWWAN", "UNKNOWN"};
+  for (int64_t status = -1; status <= 3; ++status) {
+    EXPECT_EQ(QVNetworkManager::stringForNetworkStatus(status), names[status < 0 ? 3 : status]);
   }
-  // The first evaluation runs one second after the start, on the main loop.
   source->setFlags(kWiFi);
   ASSERT_TRUE(manager->startNetworkMonitoring());
-  clock->advance(1s - 1ns);
-  QVRunLoop::main().runUntilIdle();
-  EXPECT_EQ(manager->currentNetworkStatus(), 0u);
-  clock->advance(1ns);
-  QVRunLoop::main().runUntilIdle();
+  settle(1s - 1ns);
+  EXPECT_EQ(state(), "0 UNKNOWN N/A wifi") << "the monitor answers at once";
+  settle(1ns);
   EXPECT_EQ(posted, std::vector<QVValue>{change(2, "ReachableViaWiFi")});
-  EXPECT_EQ(manager->currentNetworkStatus(), 2u);
-  EXPECT_EQ(manager->currentNetworkReachabilityName(), "ReachableViaWiFi");
-  EXPECT_EQ(manager->currentConnectionType(), "Wifi");
-  EXPECT_TRUE(manager->isConnectedViaWifi());
+  EXPECT_EQ(state(), "2 ReachableViaWiFi Wifi wifi");
 }
 
-TEST_F(QVNetworkManagerTest, PostsOnlyStatusChangesWhileTheTypeFollowsTheRadio) {
+// An unchanged status posts nothing, however the radio changes the type.
+TEST_F(QVNetworkTest, PostsOnlyStatusChangesWhileTheTypeFollowsTheRadioTable) {
   source->setFlags(kWiFi);
-  startAndSettle();
-  setRadio("CTRadioAccessTechnologyLTE");
+  ASSERT_TRUE(start());
   setFlags(kCellular);
-  EXPECT_EQ(posted,
-            (std::vector<QVValue>{change(2, "ReachableViaWiFi"), change(3, "ReachableViaWWAN")}));
-  EXPECT_EQ(manager->currentConnectionType(), "4G");
-  EXPECT_FALSE(manager->isConnectedViaWifi());
-  setRadio("CTRadioAccessTechnologyHSDPA");
-  EXPECT_EQ(posted.size(), 2u) << "an unchanged status posts nothing";
-  EXPECT_EQ(manager->currentConnectionType(), "3G");
-  setFlags(0);
-  EXPECT_EQ(posted.back(), change(1, "NotReachable"));
-  EXPECT_EQ(manager->currentConnectionType(), "N/A");
-}
-
-TEST_F(QVNetworkManagerTest, CellularTypeComesFromTheRadioTable) {
   const std::pair<std::optional<std::string>, const char*> rows[] = {
-      {"CTRadioAccessTechnologyGPRS", "2G"},
-      {"CTRadioAccessTechnologyEdge", "2G"},
-      {"CTRadioAccessTechnologyCDMA1x", "2G"},
-      {"CTRadioAccessTechnologyWCDMA", "3G"},
-      {"CTRadioAccessTechnologyHSDPA", "3G"},
-      {"CTRadioAccessTechnologyHSUPA", "3G"},
-      {"CTRadioAccessTechnologyCDMAEVDORev0", "3G"},
-      {"CTRadioAccessTechnologyCDMAEVDORevA", "3G"},
-      {"CTRadioAccessTechnologyCDMAEVDORevB", "3G"},
-      {"CTRadioAccessTechnologyeHRPD", "3G"},
-      {"CTRadioAccessTechnologyLTE", "4G"},
-      {"CTRadioAccessTechnologyNR", "WWAN"},
-      {"", "WWAN"},
-      {std::nullopt, "WWAN"},
-  };
-  source->setFlags(kCellular);
-  startAndSettle();
+      {"GPRS", "2G"},         {"Edge", "2G"},  {"CDMA1x", "2G"},       {"WCDMA", "3G"},
+      {"HSDPA", "3G"},        {"HSUPA", "3G"}, {"CDMAEVDORev0", "3G"}, {"CDMAEVDORevA", "3G"},
+      {"CDMAEVDORevB", "3G"}, {"eHRPD", "3G"}, {"LTE", "4G"},          {"NR", "WWAN"},
+      {std::nullopt, "WWAN"}, {"", "WWAN"}};
   for (const auto& [technology, type] : rows) {
-    setRadio(technology);
-    EXPECT_EQ(manager->currentConnectionType(), type) << technology.value_or("(none)");
+    setRadio(technology ? "CTRadioAccessTechnology" + *technology : technology);
+    EXPECT_EQ(state(), std::string("3 ReachableViaWWAN ") + type) << technology.value_or("none");
   }
+  setRadio("");
+  EXPECT_EQ(state(), "3 ReachableViaWWAN WWAN") << "empty text";
+  setFlags(0);
+  EXPECT_EQ(state(), "1 NotReachable N/A");
+  EXPECT_EQ(posted,
+            (std::vector<QVValue>{change(2, "ReachableViaWiFi"), change(3, "ReachableViaWWAN"),
+                                  change(1, "NotReachable")}));
 }
 
-TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehind) {
+TEST_F(QVNetworkTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehind) {
   ASSERT_TRUE(manager->startNetworkMonitoring());
   const auto monitor = manager->networkMonitor();
   EXPECT_FALSE(manager->startNetworkMonitoring());
   EXPECT_EQ(manager->networkMonitor(), monitor);
   EXPECT_EQ(source->scheduledTargetCount(), 1u);
   EXPECT_EQ(QVNotificationCenter::defaultCenter().observationCount(manager.get()), 1u);
-  clock->advance(1s);
-  QVRunLoop::main().runUntilIdle();
+  settle();
   posted.clear();
   EXPECT_TRUE(manager->stopNetworkMonitoring());
 
@@ -149,9 +136,7 @@ TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehin
   EXPECT_FALSE(manager->startNetworkMonitoring());
   EXPECT_EQ(QVNotificationCenter::defaultCenter().observationCount(manager.get()), 0u);
   source->setFailsToSchedule(false);
-  EXPECT_FALSE(manager->startNetworkMonitoring());
-  clock->advance(1s);
-  QVRunLoop::main().runUntilIdle();
+  EXPECT_FALSE(start());
   EXPECT_TRUE(posted.empty());
   EXPECT_TRUE(manager->stopNetworkMonitoring());
   EXPECT_EQ(manager->networkMonitor(), nullptr);
@@ -164,29 +149,26 @@ TEST_F(QVNetworkManagerTest, SecondOrFailedStartsAreRefusedAndWhatTheyLeaveBehin
   EXPECT_TRUE(manager->startNetworkMonitoring());
 }
 
-TEST_F(QVNetworkManagerTest, StopKeepsTheLastStatusAndARestartPostsOnlyRealChanges) {
+TEST_F(QVNetworkTest, StopKeepsTheLastStatusAndARestartPostsOnlyRealChanges) {
   source->setFlags(kWiFi);
-  startAndSettle();
+  ASSERT_TRUE(start());
   EXPECT_TRUE(manager->stopNetworkMonitoring());
   EXPECT_TRUE(manager->stopNetworkMonitoring()) << "nothing left to stop";
   EXPECT_EQ(source->scheduledTargetCount(), 0u);
-  EXPECT_EQ(manager->currentNetworkStatus(), 2u);
-  EXPECT_EQ(manager->currentNetworkReachabilityName(), "ReachableViaWiFi");
-  EXPECT_EQ(manager->currentConnectionType(), "Wifi");
-  EXPECT_FALSE(manager->isConnectedViaWifi());
+  EXPECT_EQ(state(), "2 ReachableViaWiFi Wifi") << "no longer reported as Wi-Fi";
 
-  startAndSettle();
+  ASSERT_TRUE(start());
   setFlags(kCellular);
   EXPECT_EQ(posted,
             (std::vector<QVValue>{change(2, "ReachableViaWiFi"), change(3, "ReachableViaWWAN")}));
 }
 
-TEST_F(QVNetworkManagerTest, QueriesFromAnotherThreadSeeWholeValues) {
-  startAndSettle();
+TEST_F(QVNetworkTest, QueriesFromAnotherThreadSeeWholeValues) {
+  ASSERT_TRUE(start());
+  const std::set<std::string> known{
+      "UNKNOWN", "NotReachable", "ReachableViaWiFi", "ReachableViaWWAN", "N/A", "Wifi", "4G"};
   std::atomic<bool> done{false};
   std::thread reader([&] {
-    const std::set<std::string> known{
-        "UNKNOWN", "NotReachable", "ReachableViaWiFi", "ReachableViaWWAN", "N/A", "Wifi", "4G"};
     while (!done) {
       EXPECT_TRUE(known.count(manager->currentNetworkReachabilityName()));
       EXPECT_TRUE(known.count(manager->currentConnectionType()));
@@ -199,6 +181,64 @@ TEST_F(QVNetworkManagerTest, QueriesFromAnotherThreadSeeWholeValues) {
   done = true;
   reader.join();
   EXPECT_EQ(posted.size(), 100u) << "every one of them changed the status";
+}
+
+// Per flags (none: unreadable): the internet target's status, the local
+// Wi-Fi target's, and whether the internet target needs a connection.
+TEST_F(QVNetworkTest, StatusFollowsTheFlagRulesForBothTargets) {
+  const std::pair<std::optional<uint32_t>, const char*> rows[] = {
+      {0x0, "0 0"},           {0x2, "1 0"},           {0x6, "0 0 required"},
+      {0x26, "1 0 required"}, {0x36, "0 0 required"}, {0xE, "1 0 required"},
+      {0x1E, "0 0 required"}, {0x40002, "2 0"},       {0x40006, "2 0 required"},
+      {0x40000, "0 0"},       {0x20002, "1 1"},       {0x60002, "2 1"},
+      {0x20000, "0 0"},       {0x4, "0 0 required"},  {std::nullopt, "0 0"}};
+  auto internet = QVReachability::reachabilityForInternetConnection();
+  auto localWiFi = QVReachability::reachabilityForLocalWiFi();
+  ASSERT_TRUE(internet && localWiFi);
+  for (const auto& [flags, expected] : rows) {
+    source->setFlags(flags);
+    EXPECT_EQ(std::to_string(internet->currentReachabilityStatus()) + " " +
+                  std::to_string(localWiFi->currentReachabilityStatus()) +
+                  (internet->connectionRequired() ? " required" : ""),
+              expected)
+        << std::hex << flags.value_or(0xdead);
+  }
+}
+
+// The notifier does not keep its object alive, and its end stops it.
+TEST_F(QVNetworkTest, StartedNotifierPostsEachChangeWithItselfAsSenderUntilStopped) {
+  auto reachability = QVReachability::reachabilityForInternetConnection();
+  ASSERT_TRUE(reachability->startNotifier());
+  source->setFlags(0x2);
+  source->setRadioAccessTechnology("CTRadioAccessTechnologyLTE");
+  EXPECT_TRUE(senders.empty()) << "changes arrive on the run loop, not on the setter's stack";
+  QVRunLoop::main().runUntilIdle();
+  EXPECT_EQ(senders, (std::vector<const void*>{reachability.get(), reachability.get()}));
+
+  EXPECT_TRUE(reachability->stopNotifier());
+  EXPECT_EQ(source->scheduledTargetCount(), 0u);
+  source->setFlags(0x0);
+  QVRunLoop::main().runUntilIdle();
+  ASSERT_TRUE(reachability->startNotifier());
+  std::weak_ptr<QVReachability> weak = reachability;
+  source->setFlags(0x2);  // a change already on its way to the loop
+  reachability.reset();
+  EXPECT_TRUE(weak.expired());
+  EXPECT_EQ(source->scheduledTargetCount(), 0u);
+  QVRunLoop::main().runUntilIdle();
+  EXPECT_EQ(senders.size(), 2u);
+}
+
+// What the manager does when the source cannot schedule or make targets is
+// checked above; the factories answer for themselves here.
+TEST_F(QVNetworkTest, NothingIsMadeWhenTheSourceCannot) {
+  sockaddr_un local{};
+  local.sun_family = AF_UNIX;
+  EXPECT_FALSE(QVReachability::reachabilityWithAddress(reinterpret_cast<sockaddr*>(&local)));
+  EXPECT_TRUE(QVReachability::reachabilityWithHostName("example.org"));
+  source->setFailsToCreateTargets(true);
+  EXPECT_FALSE(QVReachability::reachabilityWithHostName("example.org"));
+  EXPECT_FALSE(QVReachability::reachabilityForLocalWiFi());
 }
 
 }  // namespace

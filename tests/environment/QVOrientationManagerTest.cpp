@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <thread>
-#include <vector>
 
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/platform/QVApplication.h"
@@ -66,7 +64,8 @@ class QVOrientationManagerTest : public ::testing::Test {
   std::shared_ptr<M> manager_ = M::initWithDelegate(listener_);
 };
 
-TEST(QVOrientationManagerTables, EveryPairGivesTheListedAnglesAndEachCodeItsName) {
+// The screen's dimensions are the main screen's (on Linux 0 x 0 points).
+TEST_F(QVOrientationManagerTest, TablesGiveTheListedAnglesAndNamesAndTheScreenItsSize) {
   for (int64_t device = 0; device <= 6; ++device) {
     for (int64_t ui = 0; ui <= 4; ++ui) {
       SCOPED_TRACE(testing::Message() << "device " << device << ", interface " << ui);
@@ -82,6 +81,11 @@ TEST(QVOrientationManagerTables, EveryPairGivesTheListedAnglesAndEachCodeItsName
                                           "LANDSCAPE", "FLAT",     "FLAT",     "UNKNOWN"};
   for (int64_t code = 0; code <= 7; ++code) EXPECT_EQ(M::getOrientationName(code), names[code]);
   EXPECT_EQ(M::getOrientationName(-1), "UNKNOWN");
+  EXPECT_EQ(QVScreen::mainScreen()->scale(), 1.0);
+  QVScreen::setMainScreen(375, 667, 2.0);
+  EXPECT_EQ(manager_->currentScreenDimensions(), std::make_pair(375.0, 667.0));
+  QVScreen::removeMainScreen();
+  EXPECT_EQ(manager_->currentScreenDimensions(), std::make_pair(0.0, 0.0));
 }
 
 TEST_F(QVOrientationManagerTest, ReportsTurnsButNotRepeatsOrFlatOrUnknown) {
@@ -175,14 +179,6 @@ TEST_F(QVOrientationManagerTest, HostThreadsReportAndReadWhileTheMainLoopHandles
   reading = false;
   reader.join();
   EXPECT_EQ(listener_->heard, (std::vector<int64_t>{4}));
-}
-
-TEST_F(QVOrientationManagerTest, ScreenDimensionsFollowTheMainScreen) {
-  EXPECT_EQ(QVScreen::mainScreen()->scale(), 1.0);  // Linux: 0 x 0 points
-  QVScreen::setMainScreen(375, 667, 2.0);
-  EXPECT_EQ(manager_->currentScreenDimensions(), std::make_pair(375.0, 667.0));
-  QVScreen::removeMainScreen();
-  EXPECT_EQ(manager_->currentScreenDimensions(), std::make_pair(0.0, 0.0));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -23,19 +24,52 @@ class QVFakeHttpSession : public QVHttpSession {
 
   void uploadTaskWithRequest(const QVMutableURLRequest& request,
                              std::shared_ptr<const std::string> body,
-                             CompletionHandler completion) override;
+                             CompletionHandler completion) override {
+    add(Task{true, request, std::move(body), std::move(completion)});
+  }
   void dataTaskWithRequest(const QVMutableURLRequest& request,
-                           CompletionHandler completion) override;
+                           CompletionHandler completion) override {
+    add(Task{false, request, nullptr, std::move(completion)});
+  }
 
-  size_t taskCount() const;
-  Task task(size_t index) const;
+  size_t taskCount() const {
+    std::lock_guard lock(mutex_);
+    return tasks_.size();
+  }
+  // Waits, with a generous bound, until count tasks were made.
+  bool waitForTasks(size_t count) const {
+    std::unique_lock lock(mutex_);
+    return added_.wait_for(lock, std::chrono::seconds(30), [&] { return tasks_.size() >= count; });
+  }
+  Task task(size_t index) const {
+    std::lock_guard lock(mutex_);
+    return tasks_.at(index);
+  }
   // Ends the task as a session would, on the calling thread.
   void complete(size_t index, std::optional<QVHttpResponse> response,
-                std::optional<QVHttpError> error = std::nullopt);
-  void completeWithStatus(size_t index, long status);
+                std::optional<QVHttpError> error = std::nullopt) {
+    CompletionHandler completion;
+    {
+      std::lock_guard lock(mutex_);
+      completion = std::move(tasks_.at(index).completion);
+    }
+    if (completion) completion(std::move(response), std::move(error));
+  }
+  void completeWithStatus(size_t index, long status) {
+    QVHttpResponse response;
+    response.statusCode = status;
+    complete(index, response);
+  }
 
  private:
+  void add(Task task) {
+    std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
+    added_.notify_all();
+  }
+
   mutable std::mutex mutex_;
+  mutable std::condition_variable added_;
   std::vector<Task> tasks_;
 };
 

@@ -1,5 +1,9 @@
 #pragma once
 
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -14,27 +18,52 @@ namespace qv::test {
 class QVFakeInterfaceAddressSource : public QVInterfaceAddressSource {
  public:
   // The entries, or none while fails is set.
-  std::optional<std::vector<QVInterfaceAddress>> interfaceAddresses() override;
-
-  void setEntries(std::vector<QVInterfaceAddress> entries);
-  void addEntry(QVInterfaceAddress entry);
-  void setFails(bool fails);
-  int calls() const;
+  std::optional<std::vector<QVInterfaceAddress>> interfaceAddresses() override {
+    std::lock_guard lock(mutex_);
+    if (fails_) return std::nullopt;
+    return entries_;
+  }
+  void setEntries(std::vector<QVInterfaceAddress> entries) {
+    std::lock_guard lock(mutex_);
+    entries_ = std::move(entries);
+  }
+  void setFails(bool fails) {
+    std::lock_guard lock(mutex_);
+    fails_ = fails;
+  }
 
   // Entries laid out as the system lays them out, the address given as text
   // (inet_pton); the test fails on text that is not an address.
-  static QVInterfaceAddress ipv4(const std::string& name, const std::string& text, uint32_t flags);
+  static QVInterfaceAddress ipv4(const std::string& name, const std::string& text, uint32_t flags) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    EXPECT_EQ(::inet_pton(AF_INET, text.c_str(), &address.sin_addr), 1) << text;
+    return {name, flags, AF_INET, bytesOf(address)};
+  }
   static QVInterfaceAddress ipv6(const std::string& name, const std::string& text, uint32_t flags,
-                                 uint32_t flowInfo = 0);
+                                 uint32_t flowInfo = 0) {
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_flowinfo = htonl(flowInfo);
+    EXPECT_EQ(::inet_pton(AF_INET6, text.c_str(), &address.sin6_addr), 1) << text;
+    return {name, flags, AF_INET6, bytesOf(address)};
+  }
   // An entry of another family (AF_PACKET, or AF_UNSPEC for none): no bytes.
   static QVInterfaceAddress withoutAddress(const std::string& name, uint32_t flags,
-                                           int family = AF_UNSPEC);
+                                           int family = AF_UNSPEC) {
+    return {name, flags, family, {}};
+  }
 
  private:
-  mutable std::mutex mutex_;
+  template <typename SocketAddress>
+  static std::vector<uint8_t> bytesOf(const SocketAddress& address) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&address);
+    return std::vector<uint8_t>(bytes, bytes + sizeof address);
+  }
+
+  std::mutex mutex_;
   std::vector<QVInterfaceAddress> entries_;
   bool fails_ = false;
-  int calls_ = 0;
 };
 
 }  // namespace qv::test
