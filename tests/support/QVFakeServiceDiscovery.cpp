@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "qvcore/platform/QVNetServiceBrowserDelegate.h"
@@ -12,14 +11,6 @@
 #include "qvcore/platform/QVStreamException.h"
 
 namespace qv::test {
-
-void QVFakeServiceDiscovery::OutputStream::open() {
-  setStatus(kStatusOpen);
-  deliverEvent(kEventOpenCompleted);
-  deliverEvent(kEventHasSpaceAvailable);
-}
-
-void QVFakeServiceDiscovery::OutputStream::close() { setStatus(kStatusClosed); }
 
 ptrdiff_t QVFakeServiceDiscovery::OutputStream::write(const uint8_t* buffer, size_t maxLength) {
   ++writeCalls;
@@ -34,18 +25,6 @@ void QVFakeServiceDiscovery::OutputStream::endFromPeer() {
   failure = "send: Broken pipe";
   setStatus(kStatusError, *failure);
   deliverEvent(kEventEndEncountered);
-}
-
-void QVFakeServiceDiscovery::InputStream::open() {
-  setStatus(kStatusOpen);
-  deliverEvent(kEventOpenCompleted);
-}
-
-void QVFakeServiceDiscovery::InputStream::close() { setStatus(kStatusClosed); }
-
-void QVFakeServiceDiscovery::Service::resolveWithTimeout(double timeoutSeconds) {
-  timeout = timeoutSeconds;
-  resolving_ = true;
 }
 
 void QVFakeServiceDiscovery::Service::answer(std::vector<AddressData> addresses) {
@@ -116,8 +95,7 @@ QVNetService::AddressData ipv4Address(uint8_t a, uint8_t b, uint8_t c, uint8_t d
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
-  const uint8_t host[4] = {a, b, c, d};
-  std::memcpy(&address.sin_addr.s_addr, host, sizeof host);
+  address.sin_addr.s_addr = htonl(a << 24 | b << 16 | c << 8 | d);
   const auto* first = reinterpret_cast<const uint8_t*>(&address);
   return {first, first + sizeof address};
 }

@@ -29,8 +29,12 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
  public:
   class OutputStream final : public QVOutputStream {
    public:
-    void open() override;
-    void close() override;
+    void open() override {
+      setStatus(kStatusOpen);
+      deliverEvent(kEventOpenCompleted);
+      deliverEvent(kEventHasSpaceAvailable);
+    }
+    void close() override { setStatus(kStatusClosed); }
     // Takes at most chunk bytes a call; raises while failure is set.
     ptrdiff_t write(const uint8_t* buffer, size_t maxLength) override;
     bool hasSpaceAvailable() const override { return true; }
@@ -47,8 +51,11 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
 
   class InputStream final : public QVInputStream {
    public:
-    void open() override;
-    void close() override;
+    void open() override {
+      setStatus(kStatusOpen);
+      deliverEvent(kEventOpenCompleted);
+    }
+    void close() override { setStatus(kStatusClosed); }
     ptrdiff_t read(uint8_t*, size_t) override { return 0; }
     bool hasBytesAvailable() const override { return false; }
     std::string description() const override { return describe("FakeInputStream"); }
@@ -60,7 +67,7 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
     std::string name() const override { return name_; }
     std::string type() const override { return "_brevantlogservice._tcp."; }
     std::string domain() const override { return "local."; }
-    void resolveWithTimeout(double timeoutSeconds) override;
+    void resolveWithTimeout(double seconds) override { timeout = seconds, resolving_ = true; }
     void stop() override { resolving_ = false; }
     std::vector<AddressData> addresses() const override { return addresses_; }
     std::string hostName() const override { return name_ + ".local."; }
