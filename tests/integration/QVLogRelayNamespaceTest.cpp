@@ -10,13 +10,9 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "qvcore/logrelay/VintraZANLogClient.h"
 #include "qvcore/platform/QVBundle.h"
@@ -27,6 +23,7 @@
 #include "support/QVNetworkNamespace.h"
 
 using namespace std::chrono_literals;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -72,7 +69,7 @@ int runApp(const Namespace& network, const App& app) {
 
 size_t occurrences(const std::string& text, const std::string& part) {
   size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) ++count;
   return count;
 }
 
@@ -122,10 +119,8 @@ void toolPrintsWhatAppsPost(Namespace& network, const std::string& tool) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
         << apps[i].name << " ended with " << status;
     const std::string log = Namespace::readFile(network.folder() + "/" + apps[i].name + ".log");
-    EXPECT_THAT(log, HasSubstr("didFindService: ")) << log;
-    EXPECT_THAT(log, HasSubstr("connected to: 10.231.0.")) << log;
-    EXPECT_THAT(log, Not(HasSubstr("Stream has no space"))) << log;
-    EXPECT_THAT(log, Not(HasSubstr("Caught:"))) << log;
+    EXPECT_THAT(log, AllOf(HasSubstr("didFindService: "), HasSubstr("connected to: 10.231.0."),
+                           Not(HasSubstr("Stream has no space")), Not(HasSubstr("Caught:"))));
   }
   // The tool has printed everything once it has seen both peers close.
   EXPECT_TRUE(Namespace::waitFor(
