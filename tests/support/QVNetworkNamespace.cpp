@@ -48,6 +48,7 @@ enable-wide-area=no
 [publish]
 publish-hinfo=no
 publish-workstation=no
+publish-aaaa-on-ipv4=no
 )";
 
 // The ip tool of iproute2; empty when it is not installed.
