@@ -33,20 +33,6 @@ constexpr uint64_t kImmediateFailures = 20000;
 // (ThreadSanitizer refuses threads with less than 1 MiB.)
 constexpr size_t kThreadStack = 1 << 20;
 
-// Every failed post is written and synced: a folder in memory, when the
-// machine has one, keeps that cheap.
-std::unique_ptr<test::QVTempFolder> memoryFolder() {
-  const char* previous = std::getenv("TMPDIR");
-  const std::string saved = previous ? previous : "";
-  if (QVFileSystem::isDirectoryAtPath("/dev/shm")) ::setenv("TMPDIR", "/dev/shm", 1);
-  auto folder = std::make_unique<test::QVTempFolder>();
-  if (previous)
-    ::setenv("TMPDIR", saved.c_str(), 1);
-  else
-    ::unsetenv("TMPDIR");
-  return folder;
-}
-
 TEST(QVImmediateFailureChainTest, TensOfThousandsOfImmediateFailuresAreAllCachedWithoutACrash) {
   // Threads made from here on (the HTTP callback thread among them).
   pthread_attr_t attributes;
@@ -55,8 +41,11 @@ TEST(QVImmediateFailureChainTest, TensOfThousandsOfImmediateFailuresAreAllCached
   ASSERT_EQ(::pthread_setattr_default_np(&attributes), 0);
   ::pthread_attr_destroy(&attributes);
   test::QVTestHost host("com.example.chain");
-  const auto data = memoryFolder();
-  QVFileSystem::setHomeDirectory(data->path());
+  // Every failed post is written and synced: a folder in memory keeps that
+  // cheap (this process ends with the test).
+  if (QVFileSystem::isDirectoryAtPath("/dev/shm")) ::setenv("TMPDIR", "/dev/shm", 1);
+  const test::QVTempFolder data;
+  QVFileSystem::setHomeDirectory(data.path());
   test::QVTestHttpServer server;
   server.addReply(test::QVTestReply::of(test::QVTestReply::Kind::kHoldThenAnswer));
   host.writeCoreConfig({{"PostMessageLevelWiFi", 3},

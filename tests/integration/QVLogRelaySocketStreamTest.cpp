@@ -1,17 +1,14 @@
 // The socket streams that the log relay writes through, against a real TCP
 // peer on the loopback address.
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <algorithm>
 
+#include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <regex>
 #include <string>
 #include <thread>
@@ -30,83 +27,45 @@
 
 using namespace std::chrono_literals;
 using ::testing::Contains;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using ::testing::Pair;
+using Event = qv::QVByteStream::Event;
 
 namespace qv {
 namespace {
 
 class EventLog : public QVStreamDelegate {
  public:
-  void streamHandleEvent(const std::shared_ptr<QVByteStream>& stream,
-                         QVByteStream::Event event) override {
+  void streamHandleEvent(const std::shared_ptr<QVByteStream>& stream, Event event) override {
     events.emplace_back(stream.get(), event);
   }
-  bool saw(const std::shared_ptr<QVByteStream>& stream, QVByteStream::Event event) const {
-    for (const auto& [who, what] : events) {
-      if (who == stream.get() && what == event) return true;
-    }
-    return false;
+  bool saw(const std::shared_ptr<QVByteStream>& stream, Event event) const {
+    return std::count(events.begin(), events.end(), std::make_pair(stream.get(), event)) > 0;
   }
-  std::vector<std::pair<QVByteStream*, QVByteStream::Event>> events;
+  std::vector<std::pair<QVByteStream*, Event>> events;
 };
 
-// A listening socket on 127.0.0.1 and a port the system picked; a small
-// receive window, when given, makes a peer that stops reading fill the
-// connection soon.
-class Peer {
- public:
-  explicit Peer(int receiveBuffer = 0) {
-    listener_ = test::bindLoopback(port_, true, receiveBuffer);
-  }
+// A listener on 127.0.0.1; a small receive window, when given, makes a peer
+// that stops reading fill the connection soon.
+struct Peer {
+  explicit Peer(int window = 0) : listener(test::bindLoopback(port, true, window)) {}
   ~Peer() {
-    if (accepted_ >= 0) ::close(accepted_);
-    if (listener_ >= 0) ::close(listener_);
+    ::close(fd);
+    ::close(listener);
   }
-  std::vector<uint8_t> address() const {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port_));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&address);
-    return {bytes, bytes + sizeof address};
-  }
-  // Closing the listener leaves an address that refuses connections.
-  void stopListening() { ::close(std::exchange(listener_, -1)); }
   bool accept() {
-    pollfd entry{listener_, POLLIN, 0};
-    if (::poll(&entry, 1, 5000) != 1) return false;
-    accepted_ = ::accept(listener_, nullptr, nullptr);
-    return accepted_ >= 0;
+    pollfd entry{listener, POLLIN, 0};
+    return ::poll(&entry, 1, 5000) == 1 && (fd = ::accept(listener, nullptr, nullptr)) >= 0;
   }
-  // Reads until text has arrived, the peer's end, or 10 s without data.
-  std::string receiveUntil(const std::string& text) { return test::receiveUntil(accepted_, text); }
-  // Exactly count bytes, which the kernel already holds for this end.
-  std::string receive(size_t count) {
-    std::string got;
-    char buffer[65536];
-    while (got.size() < count) {
-      const ssize_t n = ::recv(accepted_, buffer, std::min(sizeof buffer, count - got.size()), 0);
-      if (n <= 0) break;
-      got.append(buffer, static_cast<size_t>(n));
-    }
-    return got;
-  }
-  void send(const std::string& text) { test::sendAll(accepted_, text); }
   // True once the other side has ended the connection.
   bool seesEnd() {
-    pollfd entry{accepted_, POLLIN, 0};
+    pollfd entry{fd, POLLIN, 0};
     char byte;
-    return ::poll(&entry, 1, 10000) == 1 && ::recv(accepted_, &byte, 1, 0) == 0;
+    return ::poll(&entry, 1, 10000) == 1 && ::recv(fd, &byte, 1, 0) == 0;
   }
-  void close() { ::close(std::exchange(accepted_, -1)); }
-
- private:
-  int listener_ = -1;
-  int accepted_ = -1;
-  int port_ = 0;
+  int port = 0;
+  int listener;
+  int fd = -1;
 };
 
 ptrdiff_t write(QVOutputStream& stream, const std::string& text) {
@@ -115,8 +74,9 @@ ptrdiff_t write(QVOutputStream& stream, const std::string& text) {
 
 class QVLogRelaySocketStreamTest : public ::testing::Test {
  protected:
-  void open(const std::vector<uint8_t>& address) {
-    std::tie(input_, output_) = QVSocketConnection::makeStreams(address);
+  void open(const Peer& peer) {
+    std::tie(input_, output_) =
+        QVSocketConnection::makeStreams(test::ipv4Address(127, 0, 0, 1, peer.port));
     for (std::shared_ptr<QVByteStream> stream :
          {std::shared_ptr<QVByteStream>(input_), std::shared_ptr<QVByteStream>(output_)}) {
       stream->setDelegate(log_);
@@ -124,7 +84,7 @@ class QVLogRelaySocketStreamTest : public ::testing::Test {
       stream->scheduleInRunLoop(loop_);
     }
   }
-  bool await(const std::shared_ptr<QVByteStream>& stream, QVByteStream::Event event) {
+  bool await(const std::shared_ptr<QVByteStream>& stream, Event event) {
     return loop_.runUntil([&] { return log_->saw(stream, event); }, 5s);
   }
 
@@ -136,7 +96,7 @@ class QVLogRelaySocketStreamTest : public ::testing::Test {
 
 TEST_F(QVLogRelaySocketStreamTest, WritesReachThePeerAndItsCloseIsHeard) {
   Peer peer;
-  open(peer.address());
+  open(peer);
   // Written before the connect is known to be done: the write waits for it.
   EXPECT_EQ(write(*output_, "hello, "), 7);
   ASSERT_TRUE(peer.accept());
@@ -145,38 +105,35 @@ TEST_F(QVLogRelaySocketStreamTest, WritesReachThePeerAndItsCloseIsHeard) {
   EXPECT_TRUE(await(input_, QVByteStream::kEventOpenCompleted));
   EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusOpen);
   EXPECT_EQ(write(*output_, "tool"), 4);
-  EXPECT_EQ(peer.receiveUntil("hello, tool"), "hello, tool");
+  EXPECT_EQ(test::receiveUntil(peer.fd, "hello, tool"), "hello, tool");
 
-  peer.send("ack");
+  test::sendAll(peer.fd, "ack");
   ASSERT_TRUE(await(input_, QVByteStream::kEventHasBytesAvailable));
   uint8_t buffer[8] = {};
-  EXPECT_EQ(input_->read(buffer, sizeof buffer), 3);
+  ASSERT_EQ(input_->read(buffer, sizeof buffer), 3);
   EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), 3), "ack");
 
-  peer.close();
+  ::close(std::exchange(peer.fd, -1));
   ASSERT_TRUE(await(input_, QVByteStream::kEventEndEncountered));
   EXPECT_EQ(input_->streamStatus(), QVByteStream::kStatusAtEnd);
   // The peer's reset comes back after the first write into the closed
   // connection; from then on writes raise instead of looping.
-  bool raised = false;
-  loop_.runUntil(
-      [&] {
-        try {
-          write(*output_, "more");
-        } catch (const QVStreamException&) {
-          raised = true;
-        }
-        return raised;
-      },
-      5s);
-  EXPECT_TRUE(raised);
+  const auto raises = [&] {
+    try {
+      write(*output_, "more");
+    } catch (const QVStreamException&) {
+      return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(loop_.runUntil(raises, 5s));
   EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusError);
 }
 
 TEST_F(QVLogRelaySocketStreamTest, ARefusedConnectionIsAnErrorAndWritesRaise) {
   Peer peer;
-  peer.stopListening();
-  open(peer.address());
+  ::close(std::exchange(peer.listener, -1));
+  open(peer);
   EXPECT_TRUE(await(output_, QVByteStream::kEventErrorOccurred));
   EXPECT_TRUE(await(input_, QVByteStream::kEventErrorOccurred));
   EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusError);
@@ -187,11 +144,11 @@ TEST_F(QVLogRelaySocketStreamTest, ARefusedConnectionIsAnErrorAndWritesRaise) {
 
 TEST_F(QVLogRelaySocketStreamTest, AClosedStreamSaysNothingMoreAndTakesNothing) {
   Peer peer;
-  open(peer.address());
+  open(peer);
   ASSERT_TRUE(peer.accept());
   output_->close();
   input_->close();
-  peer.send("unheard");
+  test::sendAll(peer.fd, "unheard");
   EXPECT_TRUE(peer.seesEnd()) << "closing both streams ends the connection";
   // The bytes and the end are there to be seen by any watch still open.
   loop_.runUntilIdle();
@@ -204,7 +161,7 @@ TEST_F(QVLogRelaySocketStreamTest, AClosedStreamSaysNothingMoreAndTakesNothing) 
 // room again.
 TEST_F(QVLogRelaySocketStreamTest, AFullConnectionTakesNothingAtOnceAndTellsWhenItHasRoom) {
   Peer peer(4096);
-  open(peer.address());
+  open(peer);
   ASSERT_TRUE(peer.accept());
   ASSERT_TRUE(await(output_, QVByteStream::kEventOpenCompleted));
   const std::string chunk(64 * 1024, '.');
@@ -214,7 +171,12 @@ TEST_F(QVLogRelaySocketStreamTest, AFullConnectionTakesNothingAtOnceAndTellsWhen
   EXPECT_EQ(taken, 0) << "the full connection took nothing, without waiting for room";
   EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusOpen);
   log_->events.clear();
-  EXPECT_EQ(peer.receive(total).size(), total);
+  size_t got = 0;
+  char buffer[65536];
+  for (ssize_t n = 1; got < total && n > 0; got += std::max<ssize_t>(n, 0)) {
+    n = ::recv(peer.fd, buffer, std::min(sizeof buffer, total - got), 0);
+  }
+  EXPECT_EQ(got, total);
   EXPECT_TRUE(await(output_, QVByteStream::kEventHasSpaceAvailable));
 }
 
@@ -227,7 +189,7 @@ TEST_F(QVLogRelaySocketStreamTest, ARelayWhoseToolStopsReadingDropsAndCountsInst
   QVLog::setSink([&](const std::string& line) { logged.push_back(line); });
   auto client = VintraZANLogClient::onlyVintraZANLogClient();
   Peer peer(4096);
-  open(peer.address());
+  open(peer);
   output_->setDelegate(client);
   client->setTheOutStream(output_);
   output_->scheduleInRunLoop(QVRunLoop::main());
@@ -242,7 +204,7 @@ TEST_F(QVLogRelaySocketStreamTest, ARelayWhoseToolStopsReadingDropsAndCountsInst
   std::string received;
   std::atomic<bool> done{false};
   std::thread reader([&] {
-    received = peer.receiveUntil("last\n");
+    received = test::receiveUntil(peer.fd, "last\n");
     done = true;
   });
   // The peer reads again: what waited goes out, then one more text, which
@@ -261,7 +223,7 @@ TEST_F(QVLogRelaySocketStreamTest, ARelayWhoseToolStopsReadingDropsAndCountsInst
   for (size_t at = 0; (at = received.find(filler + "\n", at)) != std::string::npos; ++at) ++arrived;
   EXPECT_GT(dropped, 0);
   EXPECT_EQ(arrived + dropped, kTexts) << "every text either arrived whole or was counted";
-  EXPECT_THAT(received, EndsWith("last\n"));
+  EXPECT_THAT(received, ::testing::EndsWith("last\n"));
 }
 
 }  // namespace

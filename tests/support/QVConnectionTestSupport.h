@@ -13,7 +13,6 @@
 #include "qvcore/core/QVHttpHeadersProvider.h"
 #include "qvcore/model/QVQueue.h"
 #include "qvcore/queue/QVConnectionDelegate.h"
-#include "qvcore/queue/QVDataCompression.h"
 #include "support/QVTestModule.h"
 
 namespace qv::test {
@@ -92,20 +91,6 @@ class QVRecordingDelegate : public QVConnectionDelegate {
   std::condition_variable changed_;
   std::vector<Outcome> outcomes_;
 };
-
-// Compresses an upload's body as the queue service does when compression is
-// configured: only a strictly shorter result is installed.
-inline std::shared_ptr<QVMutableURLRequest> compressBody(
-    const std::shared_ptr<QVMutableURLRequest>& request) {
-  const auto body = request->HTTPBody();
-  const auto compressed = QVDataCompression::compressData(body);
-  if (compressed && !compressed->empty() && body && compressed->size() < body->size()) {
-    request->setHTTPBody(compressed);
-    request->setValueForHTTPHeaderField(std::to_string(compressed->size()), "Content-Length");
-    request->setValueForHTTPHeaderField("gzip", "Content-Encoding");
-  }
-  return request;
-}
 
 // Gives the core and the module exactly these configurations.
 inline void configure(const QVLifecycleObject& module, const QVValue& moduleItems,

@@ -1,7 +1,10 @@
 #pragma once
 
-#include <cstddef>
+#include <netinet/in.h>
+
+#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,12 +15,12 @@
 #include "qvcore/platform/QVInputStream.h"
 #include "qvcore/platform/QVNetService.h"
 #include "qvcore/platform/QVNetServiceBrowser.h"
+#include "qvcore/platform/QVNetServiceBrowserDelegate.h"
+#include "qvcore/platform/QVNetServiceDelegate.h"
 #include "qvcore/platform/QVOutputStream.h"
+#include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVServiceDiscovery.h"
-
-namespace qv {
-class QVRunLoop;
-}
+#include "qvcore/platform/QVStreamException.h"
 
 namespace qv::test {
 
@@ -29,14 +32,29 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
  public:
   class OutputStream final : public QVOutputStream {
    public:
-    void open() override;
-    void close() override;
+    void open() override {
+      setStatus(kStatusOpen);
+      deliverEvent(kEventOpenCompleted);
+      deliverEvent(kEventHasSpaceAvailable);
+    }
+    void close() override { setStatus(kStatusClosed); }
     // Takes at most chunk bytes a call; raises while failure is set.
-    ptrdiff_t write(const uint8_t* buffer, size_t maxLength) override;
+    ptrdiff_t write(const uint8_t* buffer, size_t maxLength) override {
+      ++writeCalls;
+      writerThreads.push_back(std::this_thread::get_id());
+      if (failure) throw QVStreamException(*failure);
+      const size_t taken = std::min(maxLength, chunk);
+      written.append(reinterpret_cast<const char*>(buffer), taken);
+      return static_cast<ptrdiff_t>(taken);
+    }
     bool hasSpaceAvailable() const override { return true; }
     std::string description() const override { return describe("FakeOutputStream"); }
     // The tool went away: end-of-stream comes, and writes fail from now on.
-    void endFromPeer();
+    void endFromPeer() {
+      failure = "send: Broken pipe";
+      setStatus(kStatusError, *failure);
+      deliverEvent(kEventEndEncountered);
+    }
 
     std::string written;
     size_t chunk = SIZE_MAX;
@@ -47,8 +65,11 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
 
   class InputStream final : public QVInputStream {
    public:
-    void open() override;
-    void close() override;
+    void open() override {
+      setStatus(kStatusOpen);
+      deliverEvent(kEventOpenCompleted);
+    }
+    void close() override { setStatus(kStatusClosed); }
     ptrdiff_t read(uint8_t*, size_t) override { return 0; }
     bool hasBytesAvailable() const override { return false; }
     std::string description() const override { return describe("FakeInputStream"); }
@@ -60,17 +81,31 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
     std::string name() const override { return name_; }
     std::string type() const override { return "_brevantlogservice._tcp."; }
     std::string domain() const override { return "local."; }
-    void resolveWithTimeout(double timeoutSeconds) override;
+    void resolveWithTimeout(double seconds) override { timeout = seconds, resolving_ = true; }
     void stop() override { resolving_ = false; }
     std::vector<AddressData> addresses() const override { return addresses_; }
     std::string hostName() const override { return name_ + ".local."; }
     uint16_t port() const override { return 4567; }
-    bool getInputStreamOutputStream(std::shared_ptr<QVInputStream>& inputStream,
-                                    std::shared_ptr<QVOutputStream>& outputStream) override;
+    bool getInputStreamOutputStream(std::shared_ptr<QVInputStream>& in,
+                                    std::shared_ptr<QVOutputStream>& out) override {
+      if (addresses_.empty()) return false;
+      in = input = std::make_shared<InputStream>();
+      out = output = std::make_shared<OutputStream>();
+      return true;
+    }
 
-    // The resolve under way ends with these addresses, or fails.
-    void answer(std::vector<AddressData> addresses);
-    void failToResolve();
+    // The resolve under way ends with these addresses, or fails without.
+    void answer(std::vector<AddressData> addresses) {
+      auto self = std::static_pointer_cast<Service>(shared_from_this());
+      loop_.post([self, addresses = std::move(addresses)] {
+        auto delegate = self->delegate();
+        if (!std::exchange(self->resolving_, false) || !delegate) return;
+        self->addresses_ = addresses;
+        if (addresses.empty()) return delegate->netServiceDidNotResolve(self, "timed out");
+        delegate->netServiceDidResolveAddress(self);
+      });
+    }
+    void failToResolve() { answer({}); }
 
     std::optional<double> timeout;
     std::shared_ptr<InputStream> input;
@@ -87,28 +122,59 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
    public:
     explicit Browser(QVRunLoop& loop) : loop_(loop) {}
     void searchForServicesOfTypeInDomain(const std::string& type,
-                                         const std::string& domain) override;
-    void stop() override;
-
+                                         const std::string& domain) override {
+      this->type = type;
+      this->domain = domain;
+      searching = true;
+      tell([](auto& delegate, auto& self) { delegate->netServiceBrowserWillSearch(self); });
+    }
+    void stop() override {
+      if (!std::exchange(searching, false)) return;
+      tell([](auto& delegate, auto& self) { delegate->netServiceBrowserDidStopSearch(self); });
+    }
     // An instance appears; the delegate hears of it if the search is still
     // on when the event runs.
-    std::shared_ptr<Service> find(const std::string& name);
+    std::shared_ptr<Service> find(const std::string& name) {
+      auto service = std::make_shared<Service>(loop_, name);
+      tell([service](auto& delegate, auto& self) {
+        if (self->searching)
+          delegate->netServiceBrowserDidFindServiceMoreComing(self, service, false);
+      });
+      return service;
+    }
 
     std::string type;
     std::string domain;
     bool searching = false;
 
    private:
+    using Delegate = std::shared_ptr<QVNetServiceBrowserDelegate>;
+    void tell(std::function<void(const Delegate&, const std::shared_ptr<Browser>&)> event) {
+      auto self = std::static_pointer_cast<Browser>(shared_from_this());
+      loop_.post([self, event] {
+        if (auto delegate = self->delegate()) event(delegate, self);
+      });
+    }
     QVRunLoop& loop_;
   };
 
-  std::shared_ptr<QVNetServiceBrowser> makeServiceBrowser(QVRunLoop& loop) override;
+  std::shared_ptr<QVNetServiceBrowser> makeServiceBrowser(QVRunLoop& loop) override {
+    browsers.push_back(std::make_shared<Browser>(loop));
+    return browsers.back();
+  }
 
   std::vector<std::shared_ptr<Browser>> browsers;
 };
 
 // The bytes of a sockaddr_in for a.b.c.d and port.
-QVNetService::AddressData ipv4Address(uint8_t a, uint8_t b, uint8_t c, uint8_t d,
-                                      uint16_t port = 4567);
+inline QVNetService::AddressData ipv4Address(uint8_t a, uint8_t b, uint8_t c, uint8_t d,
+                                             uint16_t port = 4567) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(a << 24 | b << 16 | c << 8 | d);
+  const auto* first = reinterpret_cast<const uint8_t*>(&address);
+  return {first, first + sizeof address};
+}
 
 }  // namespace qv::test

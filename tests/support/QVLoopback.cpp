@@ -6,30 +6,31 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace qv::test {
 
 namespace {
 
-sockaddr_in loopback(int port) {
-  sockaddr_in address{};
+sockaddr* loopback(sockaddr_in& address, int port) {
+  address = {};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
+  return reinterpret_cast<sockaddr*>(&address);
 }
 
 }  // namespace
 
 int bindLoopback(int& port, bool listen, int receiveBufferBytes) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = loopback(0);
+  sockaddr_in address;
   socklen_t length = sizeof address;
   if (receiveBufferBytes > 0) {
     ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBufferBytes, sizeof receiveBufferBytes);
   }
-  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+  if (fd < 0 || ::bind(fd, loopback(address, 0), length) != 0 ||
       ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
       (listen && ::listen(fd, 16) != 0)) {
     if (fd >= 0) ::close(fd);
@@ -41,32 +42,27 @@ int bindLoopback(int& port, bool listen, int receiveBufferBytes) {
 
 int connectLoopback(int port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in address = loopback(port);
-  if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    return fd;
-  }
+  sockaddr_in address;
+  if (fd >= 0 && ::connect(fd, loopback(address, port), sizeof address) == 0) return fd;
   if (fd >= 0) ::close(fd);
   return -1;
 }
 
 bool sendAll(int fd, const std::string& bytes) {
-  for (size_t sent = 0; sent < bytes.size();) {
-    const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    sent += static_cast<size_t>(n);
+  ssize_t n = 1;
+  for (size_t sent = 0; sent < bytes.size() && n > 0; sent += static_cast<size_t>(n)) {
+    n = std::max<ssize_t>(::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL), 0);
   }
-  return true;
+  return n > 0;
 }
 
 std::string receiveUntil(int fd, const std::string& part) {
   std::string got;
-  while (part.empty() || got.find(part) == std::string::npos) {
-    pollfd entry{fd, POLLIN, 0};
-    if (::poll(&entry, 1, 10000) != 1) break;
-    char buffer[65536];
-    const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-    if (n <= 0) break;
-    got.append(buffer, static_cast<size_t>(n));
+  char buffer[65536];
+  pollfd entry{fd, POLLIN, 0};
+  for (ssize_t n = 1; n > 0 && (part.empty() || got.find(part) == std::string::npos);) {
+    n = ::poll(&entry, 1, 10000) == 1 ? ::recv(fd, buffer, sizeof buffer, 0) : 0;
+    got.append(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0)));
   }
   return got;
 }

@@ -11,8 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -29,46 +27,28 @@ namespace {
 constexpr int kCannotIsolate = 77;
 constexpr const char* kDbusDaemon = "/usr/bin/dbus-daemon";
 constexpr const char* kAvahiDaemon = "/usr/sbin/avahi-daemon";
-constexpr const char* kSystemBusSocket = "/run/dbus/system_bus_socket";
 
 // A bus that lets anyone own any name and send anything: it exists only for
 // the daemon and the processes of one test.
-constexpr const char* kBusConfig = R"(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=/run/dbus/system_bus_socket</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_type="method_return"/>
-    <allow send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="signal"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-  </policy>
-</busconfig>
+constexpr const char* kBusConfig = R"(<busconfig><type>system</type>
+<listen>unix:path=/run/dbus/system_bus_socket</listen><auth>EXTERNAL</auth>
+<policy context="default"><allow user="*"/><allow own="*"/>
+<allow send_type="method_call"/><allow send_type="signal"/><allow send_type="method_return"/>
+<allow send_type="error"/><allow receive_type="method_call"/><allow receive_type="signal"/>
+<allow receive_type="method_return"/><allow receive_type="error"/></policy></busconfig>
 )";
 
 constexpr const char* kAvahiConfig = R"([server]
 host-name=qvmdnstest
-domain-name=local
 use-ipv4=yes
 use-ipv6=no
 allow-interfaces=qvmdns0,qvmdns1
-enable-dbus=yes
 [wide-area]
 enable-wide-area=no
 [publish]
 publish-hinfo=no
 publish-workstation=no
-[reflector]
-enable-reflector=no
+publish-aaaa-on-ipv4=no
 )";
 
 // The ip tool of iproute2; empty when it is not installed.
@@ -79,27 +59,15 @@ std::string findIpTool() {
   return {};
 }
 
-bool runCommand(const std::string& command, std::string& error) {
-  if (std::system(command.c_str()) == 0) return true;
-  error = "failed: " + command;
-  return false;
-}
-
-// In a child of the namespace's process: dies with it.
-void dieWithParent(pid_t parent) {
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (::getppid() != parent) ::_exit(127);
-}
+std::string failure(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 }  // namespace
 
 void QVNetworkNamespace::run(Kind kind, const std::function<void(QVNetworkNamespace&)>& body) {
   const std::string ip = findIpTool();
   QV_REQUIRE_CAPABILITY(!ip.empty(), "the ip tool (iproute2)");
-  if (kind == Kind::kMdns) {
-    const bool daemons = ::access(kDbusDaemon, X_OK) == 0 && ::access(kAvahiDaemon, X_OK) == 0;
-    QV_REQUIRE_CAPABILITY(daemons, "dbus-daemon and avahi-daemon");
-  }
+  const bool daemons = ::access(kDbusDaemon, X_OK) == 0 && ::access(kAvahiDaemon, X_OK) == 0;
+  QV_REQUIRE_CAPABILITY(kind != Kind::kMdns || daemons, "dbus-daemon and avahi-daemon");
   QVTempFolder folder;
   std::fflush(nullptr);
   const pid_t child = ::fork();
@@ -109,18 +77,16 @@ void QVNetworkNamespace::run(Kind kind, const std::function<void(QVNetworkNamesp
     int status = 1;
     {
       QVNetworkNamespace network(folder.path(), ip);
-      std::string error;
-      if (!network.isolate(kind, error)) {
+      std::string error = network.isolate(kind);
+      if (!error.empty()) {
         std::fprintf(stderr, "%s\n", error.c_str());
         std::fflush(nullptr);
         ::_exit(kCannotIsolate);
       }
-      if (kind != Kind::kMdns || network.startDaemons(error)) {
-        body(network);
-        status = ::testing::Test::HasFailure() ? 1 : 0;
-      } else {
-        std::fprintf(stderr, "%s\n", error.c_str());
-      }
+      if (kind == Kind::kMdns) error = network.startDaemons();
+      if (error.empty()) body(network);
+      if (!error.empty()) std::fprintf(stderr, "%s\n", error.c_str());
+      status = error.empty() && !::testing::Test::HasFailure() ? 0 : 1;
     }
     std::fflush(nullptr);
     ::_exit(status);
@@ -141,55 +107,52 @@ QVNetworkNamespace::~QVNetworkNamespace() {
   while (!started_.empty()) stop(started_.back(), SIGTERM, std::chrono::seconds(3));
 }
 
-bool QVNetworkNamespace::isolate(Kind kind, std::string& error) {
+std::string QVNetworkNamespace::isolate(Kind kind) {
   // Private mounts, so that what follows stays in this namespace.
   if (::unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
       ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    error = std::string("unshare or mount: ") + std::strerror(errno);
-    return false;
+    return failure("unshare or mount");
   }
-  if (kind == Kind::kLinks) return true;
-  if (::mount("qvmdns", "/run", "tmpfs", 0, "mode=0755") != 0) {
-    error = std::string("mount /run: ") + std::strerror(errno);
-    return false;
-  }
+  if (kind == Kind::kLinks) return "";
+  // No system bus and no host Avahi, nor its static services.
+  if (::mount("qvmdns", "/run", "tmpfs", 0, "mode=0755") != 0) return failure("mount /run");
   ::mkdir("/run/dbus", 0755);
   ::mkdir("/run/avahi-daemon", 0755);
-  // Static services of the host's Avahi would only add noise.
   if (::access("/etc/avahi/services", F_OK) == 0) {
     ::mount("qvmdns", "/etc/avahi/services", "tmpfs", MS_RDONLY, "mode=0755");
   }
   ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-  const std::string ip = ip_ + " ";
-  return runCommand(ip + "link set lo up", error) &&
-         runCommand(ip + "link add qvmdns0 type veth peer name qvmdns1", error) &&
-         runCommand(ip + "addr add 10.231.0.1/24 dev qvmdns0", error) &&
-         runCommand(ip + "addr add 10.231.0.2/24 dev qvmdns1", error) &&
-         runCommand(ip + "link set qvmdns0 multicast on up", error) &&
-         runCommand(ip + "link set qvmdns1 multicast on up", error);
+  for (const char* arguments :
+       {"link set lo up", "link add qvmdns0 type veth peer name qvmdns1",
+        "addr add 10.231.0.1/24 dev qvmdns0", "addr add 10.231.0.2/24 dev qvmdns1",
+        "link set qvmdns0 multicast on up", "link set qvmdns1 multicast on up"}) {
+    const std::string command = ip_ + " " + arguments;
+    if (std::system(command.c_str()) != 0) return "failed: " + command;
+  }
+  return "";
 }
 
-bool QVNetworkNamespace::startDaemons(std::string& error) {
+std::string QVNetworkNamespace::startDaemons() {
   const std::string busConfig = folder_ + "/bus.conf";
   const std::string avahiConfig = folder_ + "/avahi-daemon.conf";
   std::ofstream(busConfig) << kBusConfig;
   std::ofstream(avahiConfig) << kAvahiConfig;
   spawn({kDbusDaemon, "--config-file=" + busConfig, "--nofork", "--nopidfile"},
         folder_ + "/dbus.out", folder_ + "/dbus.err");
-  if (!waitFor([] { return ::access(kSystemBusSocket, F_OK) == 0; }, std::chrono::seconds(10))) {
-    error = "the D-Bus system bus did not start: " + readFile(folder_ + "/dbus.err");
-    return false;
+  const auto bus = [] { return ::access("/run/dbus/system_bus_socket", F_OK) == 0; };
+  if (!waitFor(bus, std::chrono::seconds(10))) {
+    return "the D-Bus system bus did not start: " + readFile(folder_ + "/dbus.err");
   }
-  spawn({kAvahiDaemon, "--no-drop-root", "--no-chroot", "--no-rlimits", "-f", avahiConfig},
-        folder_ + "/avahi.out", folder_ + "/avahi.err");
-  // Avahi serves clients once it has settled its host name.
   const std::string log = folder_ + "/avahi.err";
-  if (!waitFor([&] { return readFile(log).find("Server startup complete") != std::string::npos; },
-               std::chrono::seconds(15))) {
-    error = "avahi-daemon did not start: " + readFile(log);
-    return false;
-  }
-  return true;
+  spawn({kAvahiDaemon, "--no-drop-root", "--no-chroot", "--no-rlimits", "-f", avahiConfig},
+        folder_ + "/avahi.out", log);
+  // Avahi serves clients once it has settled its host name.
+  const auto settled = [&] {
+    return readFile(log).find("Server startup complete") != std::string::npos;
+  };
+  if (!waitFor(settled, std::chrono::seconds(15)))
+    return "avahi-daemon did not start: " + readFile(log);
+  return "";
 }
 
 void QVNetworkNamespace::ip(const std::string& arguments) const {
@@ -210,10 +173,10 @@ void QVNetworkNamespace::addVethLink(const std::string& name, const std::string&
 pid_t QVNetworkNamespace::spawn(const std::vector<std::string>& argv, const std::string& stdoutPath,
                                 const std::string& stderrPath) {
   return fork([&] {
-    const int out = ::open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const int err = ::open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (out >= 0) ::dup2(out, STDOUT_FILENO);
-    if (err >= 0) ::dup2(err, STDERR_FILENO);
+    ::dup2(::open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
+           STDOUT_FILENO);
+    ::dup2(::open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
+           STDERR_FILENO);
     std::vector<char*> args;
     for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
@@ -228,7 +191,9 @@ pid_t QVNetworkNamespace::fork(const std::function<int()>& body) {
   std::fflush(nullptr);
   const pid_t child = ::fork();
   if (child == 0) {
-    dieWithParent(parent);
+    // Dies with the namespace's process.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(127);
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -263,9 +228,8 @@ bool QVNetworkNamespace::waitFor(const std::function<bool()>& predicate,
 }
 
 std::string QVNetworkNamespace::readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
   std::ostringstream text;
-  text << file.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 

@@ -58,9 +58,9 @@ class QVNetworkNamespace {
 
  private:
   QVNetworkNamespace(std::string folder, std::string ipTool);
-  // In the child: false with error set when it cannot be isolated.
-  bool isolate(Kind kind, std::string& error);
-  bool startDaemons(std::string& error);
+  // In the child: what went wrong, empty when all went well.
+  std::string isolate(Kind kind);
+  std::string startDaemons();
 
   std::string folder_;
   std::string ip_;

@@ -26,68 +26,53 @@ using test::offsetsIn;
 
 constexpr const char* kCaBundle = "QVCORE_CA_BUNDLE";
 
-class QVHttpsPostTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ::unsetenv(kCaBundle);  // the first session trusts the system's bundle only
-    host_.writeCoreConfig({{"PostMessageLevelWiFi", 3},
-                           {"PostMessageTimeout", 10},
-                           {"CompressPostMessage", true},
-                           {"HasToPersistLocalCache", true}});
-    host_.defineModule("Collector", {{"PostMessageUrl", server_.url("/collect")}});
-    ASSERT_TRUE(core_->enable());
-    ASSERT_TRUE(core_->enableModule("Collector"));
-  }
-  void TearDown() override {
-    core_->disable();
-    QVHttpSession::setShared(nullptr);
-    ::unsetenv(kCaBundle);
-  }
-
-  bool flushCycle(uint64_t cycle) {
-    core_->flushQueues();
-    return QVRunLoop::main().runUntil([&] { return service_->completedFlushCycles() == cycle; },
+TEST(QVHttpsPostTest, ASelfSignedServerIsRefusedUntilItsCertificateIsTrusted) {
+  ::unsetenv(kCaBundle);  // the first session trusts the system's bundle only
+  test::QVTestHost host{"com.example.tls"};
+  test::QVTlsTestServer server{host.folder().at("server.pem")};
+  host.writeCoreConfig({{"PostMessageLevelWiFi", 3},
+                        {"PostMessageTimeout", 10},
+                        {"CompressPostMessage", true},
+                        {"HasToPersistLocalCache", true}});
+  host.defineModule("Collector", {{"PostMessageUrl", server.url("/collect")}});
+  const auto core = QVCore::sharedInstance();
+  const auto service = QVQueueService::sharedInstance();
+  ASSERT_TRUE(core->enable() && core->enableModule("Collector"));
+  const auto flushCycle = [&](uint64_t cycle) {
+    core->flushQueues();
+    return QVRunLoop::main().runUntil([&] { return service->completedFlushCycles() == cycle; },
                                       30s);
-  }
-  std::vector<std::string> cachedFiles() const {
-    return test::namesIn(service_->cachedQueuesDirectory());
-  }
-
-  test::QVTestHost host_{"com.example.tls"};
-  test::QVTlsTestServer server_{host_.folder().at("server.pem")};
-  std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
-  std::shared_ptr<QVQueueService> service_ = QVQueueService::sharedInstance();
-};
-
-TEST_F(QVHttpsPostTest, ASelfSignedServerIsRefusedUntilItsCertificateIsTrusted) {
+  };
   for (uint64_t offset = 1; offset <= 3; ++offset) {
-    EXPECT_TRUE(core_->postMessageForModuleName(test::messageWithOffset(offset), "Collector"));
+    EXPECT_TRUE(core->postMessageForModuleName(test::messageWithOffset(offset), "Collector"));
   }
   ASSERT_TRUE(flushCycle(1));
-  EXPECT_TRUE(server_.posts().empty()) << "no request may cross an unverified connection";
-  EXPECT_TRUE(service_->moduleQueues().at("Collector")->isEmpty());
-  ASSERT_EQ(cachedFiles().size(), 1u) << "the failed post goes to the disk cache";
+  EXPECT_TRUE(server.posts().empty()) << "no request may cross an unverified connection";
+  EXPECT_TRUE(service->moduleQueues().at("Collector")->isEmpty());
+  ASSERT_EQ(test::namesIn(service->cachedQueuesDirectory()).size(), 1u)
+      << "the failed post is cached";
 
   // The variable is read when a session is made, as by a host started with it.
-  ::setenv(kCaBundle, server_.certificatePath().c_str(), 1);
+  ::setenv(kCaBundle, server.certificatePath().c_str(), 1);
   QVHttpSession::setShared(std::make_shared<QVCurlHttpSession>());
   ASSERT_TRUE(flushCycle(2));
-  const auto posts = server_.posts();
+  const auto posts = server.posts();
   ASSERT_EQ(posts.size(), 1u);
-  EXPECT_EQ(posts[0].path, "/collect");
-  EXPECT_EQ(posts[0].contentEncoding, "gzip");
+  EXPECT_EQ(posts[0].path + " " + posts[0].contentEncoding, "/collect gzip");
   EXPECT_EQ(offsetsIn(posts[0].body), (Offsets{1, 2, 3}));
-  EXPECT_TRUE(cachedFiles().empty());
+  EXPECT_TRUE(test::namesIn(service->cachedQueuesDirectory()).empty());
 
   // Trusted or not, the certificate must name the host: it names 127.0.0.1,
   // not the same server reached as localhost.
   auto outcome = std::make_shared<std::promise<std::optional<QVHttpError>>>();
   QVHttpSession::shared()->dataTaskWithRequest(
-      QVMutableURLRequest("https://localhost:" + std::to_string(server_.port()) + "/"),
+      QVMutableURLRequest("https://localhost:" + std::to_string(server.port()) + "/"),
       [outcome](auto, auto error) { outcome->set_value(std::move(error)); });
   auto error = outcome->get_future();
   ASSERT_EQ(error.wait_for(30s), std::future_status::ready);
   EXPECT_EQ(error.get().value_or(QVHttpError{}).code, CURLE_PEER_FAILED_VERIFICATION);
+  core->disable();
+  QVHttpSession::setShared(nullptr);
 }
 
 }  // namespace

@@ -25,15 +25,6 @@ void check(bool ok, const char* what) {
   if (!ok) throw std::runtime_error(std::string("TLS test server: ") + what);
 }
 
-void addExtension(X509* certificate, int nid, const char* value) {
-  X509V3_CTX context;
-  X509V3_set_ctx_nodb(&context);
-  X509V3_set_ctx(&context, certificate, certificate, nullptr, nullptr, 0);
-  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
-  check(extension && X509_add_ext(certificate, extension, -1) == 1, "extension");
-  X509_EXTENSION_free(extension);
-}
-
 // Valid from an hour ago for a day, so clock skew does not matter.
 Certificate selfSigned(EVP_PKEY* key) {
   Certificate certificate(X509_new(), &X509_free);
@@ -46,7 +37,13 @@ Certificate selfSigned(EVP_PKEY* key) {
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                              reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
   check(X509_set_issuer_name(c, name) == 1 && X509_set_pubkey(c, key) == 1, "names");
-  addExtension(c, NID_subject_alt_name, "IP:127.0.0.1");
+  X509V3_CTX context;
+  X509V3_set_ctx_nodb(&context);
+  X509V3_set_ctx(&context, c, c, nullptr, nullptr, 0);
+  X509_EXTENSION* extension =
+      X509V3_EXT_conf_nid(nullptr, &context, NID_subject_alt_name, "IP:127.0.0.1");
+  check(extension && X509_add_ext(c, extension, -1) == 1, "extension");
+  X509_EXTENSION_free(extension);
   check(X509_sign(c, key, EVP_sha256()) > 0, "signature");
   return certificate;
 }
