@@ -12,6 +12,7 @@
 #include "platform/host/QVSwallowed.h"
 #include "queue/QVCacheFileCheck.h"
 #include "queue/QVQueueFileCache.h"
+#include "queue/QVQueueServiceImpl.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVAppTerminationObserver.h"
 #include "qvcore/core/QVCore.h"
@@ -27,14 +28,14 @@ std::string QVQueueService::cachedQueuesDirectory() const { return QVQueueFileCa
 bool QVQueueService::createCachedQueueFolder() { return QVQueueFileCache::createFolder(); }
 
 bool QVQueueService::saveModuleQueueToFile(const std::shared_ptr<QVQueue>& queue) {
-  const std::shared_ptr<QVQueue> snapshot = cut(queue);
+  const std::shared_ptr<QVQueue> snapshot = impl_->cut(queue);
   if (!snapshot) return false;
   if (saveQueueToFile(snapshot)) {
-    QVModuleLedger& ledger = ledgerFor(snapshot);
-    ledger.addCached(messagesPosted(snapshot, ledger));
+    QVModuleLedger& ledger = Impl::ledgerFor(snapshot);
+    ledger.addCached(Impl::messagesPosted(snapshot, ledger));
     return true;
   }
-  appendToSendList(snapshot);
+  impl_->appendToSendList(snapshot);
   return false;
 }
 
@@ -43,7 +44,7 @@ bool QVQueueService::saveQueueToFile(const std::shared_ptr<QVQueue>& queue) {
     const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
     if (!module) return false;
     const std::string json = queue->toJson();
-    return !json.empty() && fileCache_->write(module->className(), json);
+    return !json.empty() && impl_->fileCache.write(module->className(), json);
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
     return false;
@@ -51,15 +52,17 @@ bool QVQueueService::saveQueueToFile(const std::shared_ptr<QVQueue>& queue) {
 }
 
 void QVQueueService::recoverSavedQueues() {
-  for (auto& file : fileCache_->takeAll()) recoverFile(file.name, std::move(file.text));
+  for (auto& file : impl_->fileCache.takeAll()) {
+    impl_->recoverFile(file.name, std::move(file.text));
+  }
 }
 
 // Files of unknown modules, unreadable ones, and texts that are not what
 // saveQueueToFile writes are gone already: dropped, never posted. Each is
 // counted under the module its name gives, as recovered and dropped, so
 // that the ledger balances whichever process cached it.
-void QVQueueService::recoverFile(const std::string& name, std::optional<std::string> text) {
-  const auto module = moduleFromFilePath(name);
+void QVQueueService::Impl::recoverFile(const std::string& name, std::optional<std::string> text) {
+  const auto module = owner.moduleFromFilePath(name);
   QVModuleLedger& ledger = QVDeliveryLedger::shared().module(
       module ? module->className() : QVQueueFileCache::moduleNameOf(name));
   const bool urlEncoded = QVConfigService::sharedInstance()->isURLEncodedForModule(module);

@@ -7,6 +7,7 @@
 #include "core/QVDeliveryLedger.h"
 #include "platform/host/QVSwallowed.h"
 #include "queue/QVDataCompressionStream.h"
+#include "queue/QVQueueServiceImpl.h"
 #include "qvcore/config/QVConfigKeys.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/core/QVCore.h"
@@ -38,9 +39,9 @@ bool QVQueueService::startFlushTimer() {
                                                   });
     // A timer held before is dropped without being invalidated: it keeps
     // firing, and only the newest one can be stopped.
-    std::lock_guard lock(stateMutex_);
-    flushTimer_ = std::move(timer);
-    return flushTimer_ != nullptr;
+    std::lock_guard lock(impl_->stateMutex);
+    impl_->flushTimer = std::move(timer);
+    return impl_->flushTimer != nullptr;
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
     return false;
@@ -50,8 +51,8 @@ bool QVQueueService::startFlushTimer() {
 void QVQueueService::stopFlushTimer() {
   std::shared_ptr<QVRepeatingTimer> timer;
   {
-    std::lock_guard lock(stateMutex_);
-    timer = std::move(flushTimer_);
+    std::lock_guard lock(impl_->stateMutex);
+    timer = std::move(impl_->flushTimer);
   }
   if (timer) timer->invalidate();
 }
@@ -80,15 +81,15 @@ void QVQueueService::flushQueues() {
       }
     }
     auto connection = serverConnection();
-    if (hasQueuedPosts() && connection && !connection->isBusy()) continueFlush();
+    if (impl_->hasQueuedPosts() && connection && !connection->isBusy()) continueFlush();
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
   }
 }
 
-std::shared_ptr<QVQueue> QVQueueService::cut(const std::shared_ptr<QVQueue>& queue) {
+std::shared_ptr<QVQueue> QVQueueService::Impl::cut(const std::shared_ptr<QVQueue>& queue) {
   if (!queue) return nullptr;
-  std::lock_guard lock(cutMutex_);
+  std::lock_guard lock(cutMutex);
   // Checked again here: a flush beside this one may have cut it meanwhile.
   if (queue->isEmpty()) return nullptr;
   auto snapshot = QVQueue::initWithQueue(queue);
@@ -98,8 +99,8 @@ std::shared_ptr<QVQueue> QVQueueService::cut(const std::shared_ptr<QVQueue>& que
 
 void QVQueueService::flushQueue(const std::shared_ptr<QVQueue>& queue) {
   try {
-    if (auto snapshot = cut(queue)) appendToSendList(std::move(snapshot));
-    if (!isConnectionBusy()) continueFlush();
+    if (auto snapshot = impl_->cut(queue)) impl_->appendToSendList(std::move(snapshot));
+    if (!impl_->isConnectionBusy()) continueFlush();
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
   }
@@ -111,18 +112,18 @@ void QVQueueService::flushURLQueue(const std::shared_ptr<QVQueue>& queue) {
     if (!module) return;
     // Walking the snapshot, not the live queue, keeps the sessions made
     // after the cut for the next flush.
-    const auto snapshot = cut(queue);
+    const auto snapshot = impl_->cut(queue);
     if (!snapshot) return;
     for (const auto& [id, session] : snapshot->sessions()) {
-      for (const auto& message : session->messages()) splitOff(message, module);
+      for (const auto& message : session->messages()) impl_->splitOff(message, module);
     }
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
   }
 }
 
-void QVQueueService::splitOff(const std::shared_ptr<QVMessage>& message,
-                              const std::shared_ptr<QVLifecycleObject>& module) {
+void QVQueueService::Impl::splitOff(const std::shared_ptr<QVMessage>& message,
+                                    const std::shared_ptr<QVLifecycleObject>& module) {
   std::string json;
   try {
     json = message->toJson();
@@ -133,7 +134,7 @@ void QVQueueService::splitOff(const std::shared_ptr<QVMessage>& message,
     return;
   }
   appendToSendList(QVQueue::initWithJSONAndModule(std::move(json), module));
-  if (!isConnectionBusy()) continueFlush();
+  if (!isConnectionBusy()) owner.continueFlush();
 }
 
 void QVQueueService::continueFlush() {
@@ -161,35 +162,37 @@ void QVQueueService::continueFlush() {
   walking = &walk;
   while (walk.goOn) {
     walk.goOn = false;
-    offerHead();
+    impl_->offerHead();
   }
 }
 
-void QVQueueService::offerHead() {
+void QVQueueService::Impl::offerHead() {
   std::shared_ptr<QVQueue> head;
   {
-    std::lock_guard lock(sendListMutex_);
+    std::lock_guard lock(sendListMutex);
     // An offer made by another thread is still unresolved: its outcome goes
     // on from there. Without this, a flush and an outcome arriving together
     // would both offer a head and the loser would be failed by the busy
     // connection, and every queue after it with it.
-    if (offering_) return;
-    if (!cachedQueues_.empty()) {
-      head = cachedQueues_.front();
-      offering_ = true;
+    if (offering) return;
+    if (!cachedQueues.empty()) {
+      head = cachedQueues.front();
+      offering = true;
     }
   }
   if (head) {
     if (!postHead(head)) releaseOffer();
     return;
   }
-  ++completedFlushCycles_;
+  ++completedFlushCycles;
   QVCore::sharedInstance()->flushCompleted();
 }
 
-void QVQueueService::flushCachedQueue(const std::shared_ptr<QVQueue>& queue) { postHead(queue); }
+void QVQueueService::flushCachedQueue(const std::shared_ptr<QVQueue>& queue) {
+  impl_->postHead(queue);
+}
 
-bool QVQueueService::postHead(const std::shared_ptr<QVQueue>& queue) {
+bool QVQueueService::Impl::postHead(const std::shared_ptr<QVQueue>& queue) {
   try {
     const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
     const auto url = QVConfigService::sharedInstance()->getConfigItemForLifecycleObject(
@@ -197,7 +200,7 @@ bool QVQueueService::postHead(const std::shared_ptr<QVQueue>& queue) {
     // Without a URL the queue stays at the head, holding up every module's
     // queues behind it until the module gets one.
     if (!url || !url->is_string() || url->get_ref<const std::string&>().empty()) return false;
-    auto connection = serverConnection();
+    auto connection = owner.serverConnection();
     if (!connection) return false;
     prepareCompressedBody(queue);
     connection->postQueueToURL(queue, url->get<std::string>());
@@ -208,30 +211,30 @@ bool QVQueueService::postHead(const std::shared_ptr<QVQueue>& queue) {
   }
 }
 
-void QVQueueService::releaseOffer() {
-  std::lock_guard lock(sendListMutex_);
-  offering_ = false;
+void QVQueueService::Impl::releaseOffer() {
+  std::lock_guard lock(sendListMutex);
+  offering = false;
 }
 
 void QVQueueService::flushFinishedForQueue(const std::shared_ptr<QVQueue>& queue) {
   {
-    std::lock_guard lock(sendListMutex_);
-    offering_ = false;
-    cachedQueues_.erase(std::remove(cachedQueues_.begin(), cachedQueues_.end(), queue),
-                        cachedQueues_.end());
+    std::lock_guard lock(impl_->sendListMutex);
+    impl_->offering = false;
+    SendList& list = impl_->cachedQueues;
+    list.erase(std::remove(list.begin(), list.end(), queue), list.end());
   }
   continueFlush();
 }
 
 void QVQueueService::flushCompletedForQueue(const std::shared_ptr<QVQueue>& queue) {
-  QVModuleLedger& ledger = ledgerFor(queue);
-  ledger.addSent(messagesPosted(queue, ledger));
+  QVModuleLedger& ledger = Impl::ledgerFor(queue);
+  ledger.addSent(Impl::messagesPosted(queue, ledger));
   flushFinishedForQueue(queue);
 }
 
 void QVQueueService::flushFailedForQueue(const std::shared_ptr<QVQueue>& queue) {
-  QVModuleLedger& ledger = ledgerFor(queue);
-  const uint64_t posted = messagesPosted(queue, ledger);
+  QVModuleLedger& ledger = Impl::ledgerFor(queue);
+  const uint64_t posted = Impl::messagesPosted(queue, ledger);
   ledger.addFailed(posted);
   // Not retried in this cycle: the file brings it back at the next flush.
   if (!QVConfigService::sharedInstance()->isHasToPersistLocalCacheEnabled()) {
@@ -249,13 +252,13 @@ void QVQueueService::flushRejectedForQueue(const std::shared_ptr<QVQueue>& queue
   const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
   QVLog::log("QVCore: dropped a post of module " + (module ? module->className() : "(gone)") +
              " that can never be sent: " + reason);
-  QVModuleLedger& ledger = ledgerFor(queue);
-  ledger.addDropped(QVDropReason::kRequestNotBuildable, messagesPosted(queue, ledger));
+  QVModuleLedger& ledger = Impl::ledgerFor(queue);
+  ledger.addDropped(QVDropReason::kRequestNotBuildable, Impl::messagesPosted(queue, ledger));
   flushFinishedForQueue(queue);
 }
 
-uint64_t QVQueueService::messagesPosted(const std::shared_ptr<QVQueue>& queue,
-                                        QVModuleLedger& ledger) {
+uint64_t QVQueueService::Impl::messagesPosted(const std::shared_ptr<QVQueue>& queue,
+                                              QVModuleLedger& ledger) {
   if (!queue) return 0;
   const std::size_t carried = queue->messageCount();
   const std::size_t posted = std::min(queue->messagesInPayload(), carried);
@@ -272,7 +275,7 @@ std::shared_ptr<QVMutableURLRequest> QVQueueService::beforeFlushingRequestForQue
   }
   const auto body = request->HTTPBody();
   if (!body || body->empty()) return request;
-  auto compressed = takeCompressedBody(queue, *body);
+  auto compressed = impl_->takeCompressedBody(queue, *body);
   if (!compressed) compressed = QVDataCompression::compressData(body);
   // A failed compression hands back the body itself, which is not shorter.
   if (compressed && !compressed->empty() && compressed->size() < body->size()) {
@@ -287,10 +290,10 @@ std::shared_ptr<QVMutableURLRequest> QVQueueService::beforeFlushingRequestForQue
 // after the other they nearly double a flush, done side by side the flush
 // takes about the longer of the two. The bytes are those compressData
 // would give for the body: the same text, the same stream parameters.
-void QVQueueService::prepareCompressedBody(const std::shared_ptr<QVQueue>& queue) {
+void QVQueueService::Impl::prepareCompressedBody(const std::shared_ptr<QVQueue>& queue) {
   {
-    std::lock_guard lock(compressedMutex_);
-    compressed_ = {};
+    std::lock_guard lock(compressedMutex);
+    compressed = {};
   }
   const auto config = QVConfigService::sharedInstance();
   if (!config->isCompressPostMessageEnabled() || config->isURLEncodedForModule(queue->module())) {
@@ -304,20 +307,20 @@ void QVQueueService::prepareCompressedBody(const std::shared_ptr<QVQueue>& queue
     queue->keepPayload(std::move(text));
     return;
   }
-  auto compressed = stream.finish(text);
+  auto deflated = stream.finish(text);
   // A heap block moves with its text: the address stays the body's.
-  CompressedBody kept{queue.get(), text.data(), text.size(), std::move(compressed)};
+  CompressedBody kept{queue.get(), text.data(), text.size(), std::move(deflated)};
   queue->keepPayload(std::move(text));
-  std::lock_guard lock(compressedMutex_);
-  compressed_ = std::move(kept);
+  std::lock_guard lock(compressedMutex);
+  compressed = std::move(kept);
 }
 
-std::shared_ptr<const std::string> QVQueueService::takeCompressedBody(
+std::shared_ptr<const std::string> QVQueueService::Impl::takeCompressedBody(
     const std::shared_ptr<QVQueue>& queue, const std::string& body) {
   CompressedBody kept;
   {
-    std::lock_guard lock(compressedMutex_);
-    kept = std::exchange(compressed_, {});
+    std::lock_guard lock(compressedMutex);
+    kept = std::exchange(compressed, {});
   }
   // The connection moved the very text into the request: the same bytes at
   // the same address. A module that replaced the body gets it compressed
@@ -328,19 +331,19 @@ std::shared_ptr<const std::string> QVQueueService::takeCompressedBody(
   return std::move(kept.compressed);
 }
 
-void QVQueueService::appendToSendList(std::shared_ptr<QVQueue> queue) {
+void QVQueueService::Impl::appendToSendList(std::shared_ptr<QVQueue> queue) {
   if (!queue) return;
-  std::lock_guard lock(sendListMutex_);
-  cachedQueues_.push_back(std::move(queue));
+  std::lock_guard lock(sendListMutex);
+  cachedQueues.push_back(std::move(queue));
 }
 
-bool QVQueueService::hasQueuedPosts() const {
-  std::lock_guard lock(sendListMutex_);
-  return !cachedQueues_.empty();
+bool QVQueueService::Impl::hasQueuedPosts() const {
+  std::lock_guard lock(sendListMutex);
+  return !cachedQueues.empty();
 }
 
-bool QVQueueService::isConnectionBusy() const {
-  auto connection = serverConnection();
+bool QVQueueService::Impl::isConnectionBusy() const {
+  auto connection = owner.serverConnection();
   return connection && connection->isBusy();
 }
 

@@ -8,7 +8,7 @@
 #include "platform/host/QVApplicationIdentifier.h"
 #include "platform/host/QVSwallowed.h"
 #include "platform/runloop/QVPublished.h"
-#include "queue/QVQueueFileCache.h"
+#include "queue/QVQueueServiceImpl.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/model/QVQueue.h"
 #include "qvcore/platform/QVClassRegistry.h"
@@ -54,17 +54,21 @@ std::shared_ptr<QVQueueService> QVQueueService::sharedInstance() {
   return *instance;
 }
 
-QVQueueService::QVQueueService() : fileCache_(std::make_unique<QVQueueFileCache>()) {}
+QVQueueService::QVQueueService() : impl_(std::make_unique<Impl>(*this)) {}
 QVQueueService::~QVQueueService() = default;
+
+bool QVQueueService::isEnabled() const { return impl_->enabled.load(); }
+
+void QVQueueService::setEnabled(bool enabled) { impl_->enabled.store(enabled); }
 
 bool QVQueueService::enable() {
   auto queue = std::make_shared<QVSerialQueue>(applicationIdentifier() + ".qvcore.flush");
   auto connection = QVServerConnection::initWithDelegate(shared_from_this());
   std::shared_ptr<QVSerialQueue> previousQueue;
   {
-    std::lock_guard lock(stateMutex_);
-    previousQueue = std::exchange(flushQueue_, std::move(queue));
-    serverConnection_ = connection;
+    std::lock_guard lock(impl_->stateMutex);
+    previousQueue = std::exchange(impl_->flushQueue, std::move(queue));
+    impl_->serverConnection = connection;
   }
   // Outside the lock: the old queue finishes its flushes before it goes, and
   // they read the fields.
@@ -72,58 +76,58 @@ bool QVQueueService::enable() {
 
   bool result = false;
   if (connection && startFlushTimer()) result = createCachedQueueFolder();
-  enabled_ = result;
+  impl_->enabled = result;
   return result;
 }
 
 bool QVQueueService::disable() {
   std::shared_ptr<QVSerialQueue> queue;
   {
-    std::lock_guard lock(stateMutex_);
-    serverConnection_.reset();
+    std::lock_guard lock(impl_->stateMutex);
+    impl_->serverConnection.reset();
   }
   stopFlushTimer();
   {
-    std::lock_guard lock(stateMutex_);
-    queue = std::move(flushQueue_);
+    std::lock_guard lock(impl_->stateMutex);
+    queue = std::move(impl_->flushQueue);
   }
   // Flushes already submitted still run, find no dispatch queue and return.
   queue.reset();
-  enabled_ = false;
+  impl_->enabled = false;
   return true;
 }
 
-std::pair<QVQueue*, QVModuleLedger*> QVQueueService::moduleQueueFor(
+std::pair<QVQueue*, QVModuleLedger*> QVQueueService::Impl::moduleQueueFor(
     const std::shared_ptr<QVLifecycleObject>& module) {
   const std::string name = module->className();
-  if (const auto found = recentQueues.find(this, name); found.first) return found;
+  if (const auto found = recentQueues.find(&owner, name); found.first) return found;
   QVQueue* queue = filedQueueFor(name, module).get();
   if (!queue) return {nullptr, nullptr};
   const std::pair found{queue, &QVDeliveryLedger::shared().module(name)};
-  recentQueues.add(this, name, found);
+  recentQueues.add(&owner, name, found);
   return found;
 }
 
-std::shared_ptr<QVQueue> QVQueueService::filedQueueFor(const std::string& name,
-                                                       std::shared_ptr<QVLifecycleObject> module) {
+std::shared_ptr<QVQueue> QVQueueService::Impl::filedQueueFor(
+    const std::string& name, std::shared_ptr<QVLifecycleObject> module) {
   {
-    std::lock_guard lock(queuesMutex_);
-    auto it = moduleQueues_.find(name);
-    if (it != moduleQueues_.end()) return it->second;
+    std::lock_guard lock(queuesMutex);
+    auto it = moduleQueues.find(name);
+    if (it != moduleQueues.end()) return it->second;
   }
   // Made outside the lock, since a new queue asks the core for its session;
   // a queue that another thread filed first wins. The module is a copy: the
   // caller's may live in a registry that the core reads again meanwhile.
   auto made = QVQueue::initForModule(module);
-  std::lock_guard lock(queuesMutex_);
-  return moduleQueues_.try_emplace(name, std::move(made)).first->second;
+  std::lock_guard lock(queuesMutex);
+  return moduleQueues.try_emplace(name, std::move(made)).first->second;
 }
 
 bool QVQueueService::postMessageForModuleWithSessionID(
     std::shared_ptr<QVMessage> message, const std::shared_ptr<QVLifecycleObject>& module,
     std::optional<std::string> sessionID) {
   if (!module) return false;
-  const auto [queue, ledger] = moduleQueueFor(module);
+  const auto [queue, ledger] = impl_->moduleQueueFor(module);
   if (!queue || !queue->postMessageToSessionID(std::move(message), std::move(sessionID))) {
     return false;
   }
@@ -136,9 +140,9 @@ uint64_t QVQueueService::getCurrentSessionStartTimeForModule(
   if (!module) return 0;
   std::shared_ptr<QVQueue> queue;
   {
-    std::lock_guard lock(queuesMutex_);
-    auto it = moduleQueues_.find(module->className());
-    if (it != moduleQueues_.end()) queue = it->second;
+    std::lock_guard lock(impl_->queuesMutex);
+    auto it = impl_->moduleQueues.find(module->className());
+    if (it != impl_->moduleQueues.end()) queue = it->second;
   }
   return queue ? queue->currentSessionStartTime() : 0;
 }
@@ -153,8 +157,8 @@ bool QVQueueService::isManualPostingEnabled() const {
 }
 
 QVQueueService::ModuleQueues QVQueueService::moduleQueues() const {
-  std::lock_guard lock(queuesMutex_);
-  return moduleQueues_;
+  std::lock_guard lock(impl_->queuesMutex);
+  return impl_->moduleQueues;
 }
 
 QVLedgerSnapshot QVQueueService::ledgerSnapshot() const {
@@ -162,49 +166,83 @@ QVLedgerSnapshot QVQueueService::ledgerSnapshot() const {
   for (const auto& [name, queue] : moduleQueues()) {
     snapshot.modules[name].queued += queue->messageCount();
   }
-  std::lock_guard lock(sendListMutex_);
-  for (std::size_t i = 0; i < cachedQueues_.size(); ++i) {
-    const auto& queue = cachedQueues_[i];
-    QVLedgerCounts& counts = snapshot.modules[ledgerName(queue)];
+  std::lock_guard lock(impl_->sendListMutex);
+  for (std::size_t i = 0; i < impl_->cachedQueues.size(); ++i) {
+    const auto& queue = impl_->cachedQueues[i];
+    QVLedgerCounts& counts = snapshot.modules[Impl::ledgerName(queue)];
     // Only the head is ever handed to the connection.
-    (i == 0 && offering_ ? counts.inFlight : counts.queued) += queue->messageCount();
+    (i == 0 && impl_->offering ? counts.inFlight : counts.queued) += queue->messageCount();
   }
   return snapshot;
 }
 
 void QVQueueService::resetLedger() { QVDeliveryLedger::shared().reset(); }
 
-std::string QVQueueService::ledgerName(const std::shared_ptr<QVQueue>& queue) {
+std::string QVQueueService::Impl::ledgerName(const std::shared_ptr<QVQueue>& queue) {
   const std::shared_ptr<QVLifecycleObject> module = queue ? queue->module() : nullptr;
   return module ? module->className() : "(gone)";
 }
 
-QVModuleLedger& QVQueueService::ledgerFor(const std::shared_ptr<QVQueue>& queue) {
+QVModuleLedger& QVQueueService::Impl::ledgerFor(const std::shared_ptr<QVQueue>& queue) {
   return QVDeliveryLedger::shared().module(ledgerName(queue));
 }
 
-QVModuleLedger& QVQueueService::ledgerFor(const std::shared_ptr<QVLifecycleObject>& module) {
+QVModuleLedger& QVQueueService::Impl::ledgerFor(const std::shared_ptr<QVLifecycleObject>& module) {
   return QVDeliveryLedger::shared().module(module ? module->className() : "(gone)");
 }
 
 QVQueueService::SendList QVQueueService::cachedQueues() const {
-  std::lock_guard lock(sendListMutex_);
-  return cachedQueues_;
+  std::lock_guard lock(impl_->sendListMutex);
+  return impl_->cachedQueues;
 }
 
 std::shared_ptr<QVServerConnection> QVQueueService::serverConnection() const {
-  std::lock_guard lock(stateMutex_);
-  return serverConnection_;
+  std::lock_guard lock(impl_->stateMutex);
+  return impl_->serverConnection;
 }
 
 std::shared_ptr<QVRepeatingTimer> QVQueueService::flushTimer() const {
-  std::lock_guard lock(stateMutex_);
-  return flushTimer_;
+  std::lock_guard lock(impl_->stateMutex);
+  return impl_->flushTimer;
 }
 
 std::shared_ptr<QVSerialQueue> QVQueueService::flushDispatchQueue() const {
-  std::lock_guard lock(stateMutex_);
-  return flushQueue_;
+  std::lock_guard lock(impl_->stateMutex);
+  return impl_->flushQueue;
+}
+
+uint64_t QVQueueService::completedFlushCycles() const { return impl_->completedFlushCycles.load(); }
+
+uint64_t QVQueueService::maxPostsPerActivationCounter() const {
+  return impl_->maxPostsPerActivationCounter.load();
+}
+
+void QVQueueService::setMaxPostsPerActivationCounter(uint64_t value) {
+  impl_->maxPostsPerActivationCounter.store(value);
+}
+
+uint64_t QVQueueService::maxBytesPerActivationCounter() const {
+  return impl_->maxBytesPerActivationCounter.load();
+}
+
+void QVQueueService::setMaxBytesPerActivationCounter(uint64_t value) {
+  impl_->maxBytesPerActivationCounter.store(value);
+}
+
+uint64_t QVQueueService::configItemMaxPostsPerActivationCounter() const {
+  return impl_->configItemMaxPostsPerActivationCounter.load();
+}
+
+void QVQueueService::setConfigItemMaxPostsPerActivationCounter(uint64_t value) {
+  impl_->configItemMaxPostsPerActivationCounter.store(value);
+}
+
+uint64_t QVQueueService::configItemMaxBytesPerActivationCounter() const {
+  return impl_->configItemMaxBytesPerActivationCounter.load();
+}
+
+void QVQueueService::setConfigItemMaxBytesPerActivationCounter(uint64_t value) {
+  impl_->configItemMaxBytesPerActivationCounter.store(value);
 }
 
 }  // namespace qv

@@ -1,13 +1,10 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "qvcore/QVExport.h"
@@ -18,9 +15,7 @@
 namespace qv {
 
 class QVMessage;
-class QVModuleLedger;
 class QVQueue;
-class QVQueueFileCache;
 class QVRepeatingTimer;
 class QVSerialQueue;
 class QVServerConnection;
@@ -75,8 +70,8 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   // Drops the connection, timer and dispatch queue; always true. Queued
   // messages and the send list stay in memory for the next enable.
   bool disable() override;
-  bool isEnabled() const override { return enabled_.load(); }
-  void setEnabled(bool enabled) { enabled_.store(enabled); }
+  bool isEnabled() const override;
+  void setEnabled(bool enabled);
   // The service has no configuration of its own.
   std::string settingsBundlePath() const override { return ""; }
 
@@ -207,30 +202,18 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
   std::shared_ptr<QVRepeatingTimer> flushTimer() const;
   std::shared_ptr<QVSerialQueue> flushDispatchQueue() const;
   // How many cycles have reported flushCompleted since the process started.
-  uint64_t completedFlushCycles() const { return completedFlushCycles_.load(); }
+  uint64_t completedFlushCycles() const;
 
   // Storage for modules; the core itself never reads them and enforces no
   // limit.
-  uint64_t maxPostsPerActivationCounter() const { return maxPostsPerActivationCounter_.load(); }
-  void setMaxPostsPerActivationCounter(uint64_t value) {
-    maxPostsPerActivationCounter_.store(value);
-  }
-  uint64_t maxBytesPerActivationCounter() const { return maxBytesPerActivationCounter_.load(); }
-  void setMaxBytesPerActivationCounter(uint64_t value) {
-    maxBytesPerActivationCounter_.store(value);
-  }
-  uint64_t configItemMaxPostsPerActivationCounter() const {
-    return configItemMaxPostsPerActivationCounter_.load();
-  }
-  void setConfigItemMaxPostsPerActivationCounter(uint64_t value) {
-    configItemMaxPostsPerActivationCounter_.store(value);
-  }
-  uint64_t configItemMaxBytesPerActivationCounter() const {
-    return configItemMaxBytesPerActivationCounter_.load();
-  }
-  void setConfigItemMaxBytesPerActivationCounter(uint64_t value) {
-    configItemMaxBytesPerActivationCounter_.store(value);
-  }
+  uint64_t maxPostsPerActivationCounter() const;
+  void setMaxPostsPerActivationCounter(uint64_t value);
+  uint64_t maxBytesPerActivationCounter() const;
+  void setMaxBytesPerActivationCounter(uint64_t value);
+  uint64_t configItemMaxPostsPerActivationCounter() const;
+  void setConfigItemMaxPostsPerActivationCounter(uint64_t value);
+  uint64_t configItemMaxBytesPerActivationCounter() const;
+  void setConfigItemMaxBytesPerActivationCounter(uint64_t value);
 
   QVQueueService(const QVQueueService&) = delete;
   QVQueueService& operator=(const QVQueueService&) = delete;
@@ -239,88 +222,10 @@ class QV_EXPORT QVQueueService : public QVLifecycleObject,
  private:
   QVQueueService();
 
-  // The queue of the module's class, made and filed on first use, and the
-  // module's ledger; both valid for the life of the process.
-  std::pair<QVQueue*, QVModuleLedger*> moduleQueueFor(
-      const std::shared_ptr<QVLifecycleObject>& module);
-  std::shared_ptr<QVQueue> filedQueueFor(const std::string& name,
-                                         std::shared_ptr<QVLifecycleObject> module);
-  // The snapshot to send, taken and cut from the live queue in one step;
-  // null when the queue holds no session.
-  std::shared_ptr<QVQueue> cut(const std::shared_ptr<QVQueue>& queue);
-  void appendToSendList(std::shared_ptr<QVQueue> queue);
-  // Puts one message of a URL-encoded module on the send list as its own
-  // entry; a message its module cannot describe is dropped and counted.
-  void splitOff(const std::shared_ptr<QVMessage>& message,
-                const std::shared_ptr<QVLifecycleObject>& module);
-  // How many of the queue's messages its post carried; those its payload
-  // left out are counted as dropped in ledger, the queue's module's.
-  static uint64_t messagesPosted(const std::shared_ptr<QVQueue>& queue, QVModuleLedger& ledger);
-  static std::string ledgerName(const std::shared_ptr<QVQueue>& queue);
-  static QVModuleLedger& ledgerFor(const std::shared_ptr<QVQueue>& queue);
-  static QVModuleLedger& ledgerFor(const std::shared_ptr<QVLifecycleObject>& module);
-  // Reads one listed cache file back onto the send list, counting what it
-  // held as recovered, and as dropped when it cannot be posted.
-  void recoverFile(const std::string& name, std::optional<std::string> text);
-  bool hasQueuedPosts() const;
-  // Whether a connection exists and has a post in flight.
-  bool isConnectionBusy() const;
-  // Hands the queue to the connection; false when it was not handed over
-  // (no URL, no connection, a failure before the post).
-  bool postHead(const std::shared_ptr<QVQueue>& queue);
-  // With compression on, writes the queue's JSON body while compressing it
-  // on a second thread, and keeps both for the request the connection is
-  // about to build (see beforeFlushingRequestForQueue).
-  void prepareCompressedBody(const std::shared_ptr<QVQueue>& queue);
-  // The compressed form kept for this body of this queue, taken; null when
-  // none was kept for it.
-  std::shared_ptr<const std::string> takeCompressedBody(const std::shared_ptr<QVQueue>& queue,
-                                                        const std::string& body);
-  void releaseOffer();
-  // One step of continueFlush: posts the head, or reports the end of the
-  // cycle when the list is empty.
-  void offerHead();
-
-  std::atomic<bool> enabled_{false};
-  std::atomic<uint64_t> completedFlushCycles_{0};
-  std::atomic<uint64_t> maxPostsPerActivationCounter_{0};
-  std::atomic<uint64_t> maxBytesPerActivationCounter_{0};
-  std::atomic<uint64_t> configItemMaxPostsPerActivationCounter_{0};
-  std::atomic<uint64_t> configItemMaxBytesPerActivationCounter_{0};
-
-  mutable std::mutex stateMutex_;
-  std::shared_ptr<QVServerConnection> serverConnection_;
-  std::shared_ptr<QVRepeatingTimer> flushTimer_;
-  std::shared_ptr<QVSerialQueue> flushQueue_;
-
-  // Only grows, and a queue filed is never replaced: posting threads keep
-  // the queues' addresses and find them again without the lock.
-  mutable std::mutex queuesMutex_;
-  ModuleQueues moduleQueues_;
-
-  // Guards the send list and offering_: true from the moment continueFlush
-  // hands the head to the connection until that post's outcome arrives, so
-  // that a flush and an outcome running at the same moment never offer two
-  // heads at once.
-  mutable std::mutex sendListMutex_;
-  SendList cachedQueues_;
-  bool offering_ = false;
-
-  // Makes snapshot-and-flush of a module queue one step, for the terminate
-  // path's flush that may run beside the dispatch queue's.
-  std::mutex cutMutex_;
-  // The body prepareCompressedBody wrote, known by its queue and by the
-  // address and length of its bytes, which the connection moves into the
-  // request unchanged; and its compressed form.
-  struct CompressedBody {
-    const QVQueue* queue = nullptr;
-    const char* bytes = nullptr;
-    std::size_t size = 0;
-    std::shared_ptr<const std::string> compressed;
-  };
-  std::mutex compressedMutex_;
-  CompressedBody compressed_;
-  const std::unique_ptr<QVQueueFileCache> fileCache_;
+  // Private state lives behind the pointer, so that it can change without
+  // changing this class's layout.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qv
