@@ -14,17 +14,17 @@ cd "$(dirname "$0")/.."
 
 suites=(platform model config queue core environment logrelay integration faults soak)
 fixtures=(
-  QVSerialQueueTest QVRunLoopTest QVMainLoopVirtualTimeTest QVRunLoopWatchTest QVRepeatingTimerTest
+  QVSerialQueueTest QVRunLoopTest QVRunLoopWatchTest QVRepeatingTimerTest
   QVGlobalQueueTest QVNotificationCenterTest QVLogTest QVApplicationLifecycleTest
   QVQueueTest QVSessionTest
-  QVConfigItemsTest
-  QVQueueServiceTest QVQueueServiceDiskCacheTest QVDataCompressionTest
-  QVCoreUncaughtExceptionTest QVCoreDeliveryTest QVDeliveryLedgerTest QVPublishedTest
-  QVApplicationLifecycleManagerTest QVOrientationManagerTest QVNetworkManagerTest
+  QVConfigServiceTest
+  QVQueueServiceTest QVDataCompressionTest
+  QVCoreUncaughtExceptionTest QVCoreCycleTest QVDeliveryLedgerTest QVPublishedTest
+  QVApplicationLifecycleManagerTest QVOrientationManagerTest QVNetworkTest
   VintraZANLogClientTest
   QVCurlHttpSessionTest QVServerConnectionIntegrationTest QVCrashFlushTest
   QVLogRelaySocketStreamTest QVFaultMatrixTest QVImmediateFailureChainTest
-  QVNetlinkRouteChangeTest
+  QVNetlinkReachabilityTest
   QVSoakTest
 )
 
