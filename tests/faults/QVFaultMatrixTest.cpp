@@ -61,11 +61,8 @@ const FaultRow kRows[] = {
     {"SlowServer", Server::kSlow, {}, 2, false, false},
 };
 
-// Test names and failure messages show the row by its name.
+// Failure messages show the row by its name.
 void PrintTo(const FaultRow& row, std::ostream* out) { *out << row.name; }
-void PrintTo(Path path, std::ostream* out) {
-  *out << (path == Path::kJson ? "JSON, gzip" : "URL-encoded");
-}
 
 const std::vector<std::string> kModules = {"Alpha", "Beta", "Gamma"};
 constexpr int kPerModule = 2;
@@ -232,8 +229,8 @@ TEST_P(QVFaultMatrixTest, EveryAcceptedMessageArrivesAndOnlyALostAnswerDuplicate
 }
 
 std::string rowName(const testing::TestParamInfo<std::tuple<FaultRow, Path>>& info) {
-  const auto& [row, path] = info.param;
-  return std::string(row.name) + (path == Path::kJson ? "_Json" : "_UrlEncoded");
+  return std::get<0>(info.param).name +
+         std::string(std::get<1>(info.param) == Path::kJson ? "_Json" : "_UrlEncoded");
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, QVFaultMatrixTest,
