@@ -97,7 +97,7 @@ class QVShellTest : public ::testing::Test {
   std::string answer(const std::string& line) {
     auto result = run(line + "\n");
     EXPECT_EQ(result.status, 0) << line << ": " << result.err;
-    return result.out.substr(0, result.out.find('\n'));
+    return result.out.substr(0, result.out.size() - 1);  // without the last newline
   }
 
   test::QVTempFolder folder_;
@@ -163,39 +163,23 @@ TEST_F(QVShellTest, AModuleClassImplementsExactlyTheOptionalOperationsAskedFor) 
 // In a network namespace of the test's own, whose default route leaves by
 // enp3s0: "network system" reads that, the host-fed network lists only the
 // address a line gives.
-void followsTheSystemsNetworkOnRequest(test::QVNetworkNamespace& net) {
-  net.ip("link set lo up");
-  net.addVethLink("enp3s0", "peer0", "10.200.0.1/24");
-  net.ip("route add default via 10.200.0.2 dev enp3s0");
-  test::QVTempFolder folder;
-  folder.write("bundles/QVCoreSettings.bundle/QVCoreAdvancedConfig.json",
-               R"({"PostMessageLevelWiFi": 3})");
-  folder.writePlist("app/Info.plist", {{"CFBundleIdentifier", "com.example.net"}});
-  QVShell shell;
-  const auto answers = [&](const std::string& script) {
-    std::istringstream in(script);
-    std::ostringstream out, err;
-    EXPECT_EQ(shell.runScript(in, out, err), 0) << err.str();
-    return out.str();
-  };
-  ASSERT_EQ(answers("home " + folder.at("home") + "\nmain-bundle " + folder.at("app") +
-                    "\nbundles " + folder.at("bundles") + "\nenable\n"),
-            "ok\nok\nok\ntrue\n");
-  const std::string facts =
-      "fact currentNetworkStatus\nfact networkWiFiIPAddress\nfact currentConnectionType\n";
-  EXPECT_EQ(answers("network none\n" + facts), "ok\n1\n\nN/A\n") << "host-fed";
-  EXPECT_EQ(answers("network system\n" + facts + "fact networkIPAddress\n"),
-            "ok\n2\n10.200.0.1\nWifi\n10.200.0.1\n");
-  net.ip("route del default");
-  EXPECT_EQ(answers("network system\n" + facts), "ok\n1\n\nN/A\n") << "no default route";
-  EXPECT_EQ(answers("network cellular address=198.51.100.7\n" + facts), "ok\n3\n\nWWAN\n");
-  EXPECT_EQ(answers("network wifi address=192.0.2.7\n" + facts), "ok\n2\n192.0.2.7\nWifi\n");
-  EXPECT_EQ(answers("fact networkIPAddress\n"), "10.200.0.1\n") << "looked up once per process";
-}
-
-TEST(QVShellNetworkTest, NetworkSystemReadsTheMachinesNetworkAndOtherNetworksGoBack) {
-  test::QVNetworkNamespace::run(test::QVNetworkNamespace::Kind::kLinks,
-                                followsTheSystemsNetworkOnRequest);
+TEST_F(QVShellTest, NetworkSystemReadsTheMachinesNetworkAndOtherNetworksGoBack) {
+  test::QVNetworkNamespace::run(test::QVNetworkNamespace::Kind::kLinks, [this](auto& net) {
+    net.ip("link set lo up");
+    net.addVethLink("enp3s0", "peer0", "10.200.0.1/24");
+    net.ip("route add default via 10.200.0.2 dev enp3s0");
+    ASSERT_EQ(answer(host()), "ok\nok\nok\ntrue");
+    const std::string facts =
+        "fact currentNetworkStatus\nfact networkWiFiIPAddress\nfact currentConnectionType";
+    EXPECT_EQ(answer("network none\n" + facts), "ok\n1\n\nN/A") << "host-fed";
+    EXPECT_EQ(answer("network system\n" + facts + "\nfact networkIPAddress"),
+              "ok\n2\n10.200.0.1\nWifi\n10.200.0.1");
+    net.ip("route del default");
+    EXPECT_EQ(answer("network system\n" + facts), "ok\n1\n\nN/A") << "no default route";
+    EXPECT_EQ(answer("network cellular address=198.51.100.7\n" + facts), "ok\n3\n\nWWAN");
+    EXPECT_EQ(answer("network wifi address=192.0.2.7\n" + facts), "ok\n2\n192.0.2.7\nWifi");
+    EXPECT_EQ(answer("fact networkIPAddress"), "10.200.0.1") << "looked up once per process";
+  });
 }
 
 TEST_F(QVShellTest, PlatformEventsReachTheCoresFacts) {
