@@ -6,33 +6,18 @@
 // but whose answer never reached the client: those arrive exactly twice.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdint>
-#include <functional>
 #include <map>
-#include <memory>
-#include <optional>
 #include <sstream>
-#include <string>
-#include <tuple>
-#include <vector>
 
-#include "QVCollectorDecoder.h"
 #include "QVCollectorServer.h"
-#include "qvcore/core/QVCore.h"
-#include "qvcore/model/QVQueue.h"
 #include "qvcore/platform/QVRunLoop.h"
-#include "qvcore/queue/QVServerConnection.h"
-#include "support/QVQueueServiceTestSupport.h"
+#include "support/QVCollectedPosts.h"
 #include "support/QVTestHost.h"
-#include "support/QVTestHttpServer.h"
 
 namespace qv {
 namespace {
 
 using namespace std::chrono_literals;
-using collector::QVCollectorRecord;
 using test::Offsets;
 using test::QVTestReply;
 
@@ -76,28 +61,12 @@ const FaultRow kRows[] = {
     {"SlowServer", Server::kSlow, {}, 2, false, false},
 };
 
-// Test names and failure messages show the row by its name.
+// Failure messages show the row by its name.
 void PrintTo(const FaultRow& row, std::ostream* out) { *out << row.name; }
-void PrintTo(Path path, std::ostream* out) {
-  *out << (path == Path::kJson ? "JSON, gzip" : "URL-encoded");
-}
 
 const std::vector<std::string> kModules = {"Alpha", "Beta", "Gamma"};
 constexpr int kPerModule = 2;
 constexpr auto kSlowAnswer = 200ms;
-
-// The offsets a decoded payload holds: a queue's sessions, or the one
-// message of a URL-encoded post.
-Offsets offsetsOf(const QVCollectorRecord& record) {
-  const std::string* text = record.payloadText();
-  if (!text) return {};
-  const QVValue payload = QVValue::parse(*text, nullptr, false);
-  if (payload.is_object() && payload.contains("sessions")) return test::offsetsIn(*text);
-  if (payload.is_object() && payload.contains("offset") && payload["offset"].is_number()) {
-    return {payload["offset"].get<uint64_t>()};
-  }
-  return {};
-}
 
 Offsets sorted(Offsets offsets) {
   std::sort(offsets.begin(), offsets.end());
@@ -140,15 +109,14 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
   }
 
   void startCore(const std::string& url) {
-    host_.writeCoreConfig({{"PostMessageLevelWiFi", 3},
-                           {"PostMessageTimeout", row().postTimeout},
-                           {"CompressPostMessage", json()},
-                           {"HasToPersistLocalCache", true}});
-    for (const auto& name : kModules) {
-      host_.defineModule(name, {{"PostMessageUrl", url}, {"URLEncoded", !json()}});
-    }
-    ASSERT_TRUE(core_->enable());
-    for (const auto& name : kModules) ASSERT_TRUE(core_->enableModule(name));
+    std::map<std::string, QVValue> modules;
+    for (const auto& name : kModules)
+      modules[name] = {{"PostMessageUrl", url}, {"URLEncoded", !json()}};
+    ASSERT_TRUE(host_.startCore({{"PostMessageLevelWiFi", 3},
+                                 {"PostMessageTimeout", row().postTimeout},
+                                 {"CompressPostMessage", json()},
+                                 {"HasToPersistLocalCache", true}},
+                                modules));
   }
   void postBatch() {
     for (const auto& name : kModules) {
@@ -164,19 +132,14 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
 
   // Every request the server read whole, decoded as the collector does,
   // with the status it answered (or meant to answer).
-  std::vector<QVCollectorRecord> records() const {
-    std::vector<QVCollectorRecord> out;
+  std::vector<collector::QVCollectorRecord> records() const {
+    std::vector<collector::QVCollectorRecord> out;
     if (row().server != Server::kScripted) {
-      store_.forEach([&](const QVCollectorRecord& record) { out.push_back(record); });
-      return out;
+      store_.forEach([&](const collector::QVCollectorRecord& record) { out.push_back(record); });
     }
     for (const auto& sent : scripted_.requests()) {
-      QVCollectorRecord record;
-      record.request = {sent.method, sent.path(), sent.query(), sent.headers, sent.body};
-      record.decoded = collector::QVCollectorDecoder::decode(record.request);
       const bool first = out.empty() && row().firstReply.kind == QVTestReply::Kind::kAnswer;
-      record.status = first ? row().firstReply.status : 200;
-      out.push_back(std::move(record));
+      out.push_back(test::collected(sent, first ? row().firstReply.status : 200));
     }
     return out;
   }
@@ -184,8 +147,7 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
   Offsets delivered() const {
     Offsets offsets;
     for (const auto& record : records()) {
-      if (record.status >= 400) continue;
-      const Offsets some = offsetsOf(record);
+      const Offsets some = record.status < 400 ? test::offsetsOf(record) : Offsets{};
       offsets.insert(offsets.end(), some.begin(), some.end());
     }
     return sorted(offsets);
@@ -194,39 +156,7 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
     const Offsets got = delivered();
     return std::includes(got.begin(), got.end(), accepted_.begin(), accepted_.end());
   }
-  // Nothing queued, nothing on the send list, nothing in flight or on disk.
-  bool quiet() const {
-    for (const auto& [name, queue] : service_->moduleQueues()) {
-      if (!queue->isEmpty()) return false;
-    }
-    const auto connection = service_->serverConnection();
-    return service_->cachedQueues().empty() && connection && !connection->isBusy() &&
-           cachedFiles().empty();
-  }
-  std::vector<std::string> cachedFiles() const {
-    return test::namesIn(service_->cachedQueuesDirectory());
-  }
-  // The client's own account: every accepted message sent once, the failed
-  // posts' messages cached and read back, nothing dropped or left.
-  void expectLedger(uint64_t cachedMessages) const {
-    const QVLedgerSnapshot ledger = core_->ledgerSnapshot();
-    EXPECT_TRUE(ledger.balances()) << ledger.toJson();
-    QVLedgerCounts all;
-    for (const auto& [name, counts] : ledger.modules) {
-      all.accepted += counts.accepted;
-      all.sent += counts.sent;
-      all.failed += counts.failed;
-      all.cached += counts.cached;
-      all.recovered += counts.recovered;
-      all.queued += counts.queued + counts.inFlight + counts.droppedTotal();
-    }
-    EXPECT_EQ(all.accepted, accepted_.size()) << ledger.toJson();
-    EXPECT_EQ(all.sent, accepted_.size()) << ledger.toJson();
-    EXPECT_EQ(all.failed, cachedMessages) << ledger.toJson();
-    EXPECT_EQ(all.cached, cachedMessages) << ledger.toJson();
-    EXPECT_EQ(all.recovered, cachedMessages) << ledger.toJson();
-    EXPECT_EQ(all.queued, 0u) << "queued, in flight or dropped: " << ledger.toJson();
-  }
+  size_t cachedFiles() const { return test::namesIn(service_->cachedQueuesDirectory()).size(); }
   bool waitFor(const std::function<bool()>& predicate) {
     return QVRunLoop::main().runUntil(predicate, 30s);
   }
@@ -262,40 +192,41 @@ TEST_P(QVFaultMatrixTest, EveryAcceptedMessageArrivesAndOnlyALostAnswerDuplicate
   const size_t failedPosts = row().server == Server::kRefusingFirst ? postsPerBatch()
                              : row().firstPostFails                 ? 1
                                                                     : 0;
-  EXPECT_EQ(cachedFiles().size(), failedPosts) << "posts kept on disk after the first cycle";
+  EXPECT_EQ(cachedFiles(), failedPosts) << "posts kept on disk after the first cycle";
 
   if (row().server == Server::kRefusingFirst) recover();
   postBatch();
   core_->flushQueues();
-  ASSERT_TRUE(waitFor([&] { return everythingDelivered() && quiet(); }))
+  ASSERT_TRUE(waitFor([&] { return everythingDelivered() && test::nothingLeftToSend(*service_); }))
       << "delivered " << testing::PrintToString(delivered()) << " of "
       << testing::PrintToString(accepted_);
 
-  const std::vector<QVCollectorRecord> all = records();
+  const auto all = records();
   for (const auto& record : all) {
-    EXPECT_EQ(record.decoded.kind, json() ? "json" : "urlencoded");
-    EXPECT_EQ(record.decoded.encoding, json() ? "gzip" : "identity");
-    EXPECT_EQ(record.decoded.problem, "");
+    const auto& decoded = record.decoded;
+    EXPECT_EQ(decoded.kind + " " + decoded.encoding + " " + decoded.problem,
+              json() ? "json gzip " : "urlencoded identity ");
   }
-  const Offsets lostAnswer = row().answerLost ? sorted(offsetsOf(all.at(0))) : Offsets{};
+  const Offsets lostAnswer = row().answerLost ? sorted(test::offsetsOf(all.at(0))) : Offsets{};
   EXPECT_EQ(lostAnswer.empty(), !row().answerLost) << "the post whose answer was lost";
-  const Offsets got = delivered();
-  std::map<uint64_t, size_t> times;
-  for (uint64_t offset : got) ++times[offset];
-  Offsets distinct, repeated;
-  for (const auto& [offset, count] : times) {
-    distinct.push_back(offset);
-    if (count > 1) repeated.push_back(offset);
-  }
-  EXPECT_EQ(distinct, accepted_) << "every accepted message, and nothing else";
-  EXPECT_EQ(repeated, lostAnswer) << "duplicates: the post whose answer was lost, only";
-  EXPECT_EQ(got.size(), accepted_.size() + lostAnswer.size()) << "none more than twice";
-  expectLedger(failedPosts * (json() ? kPerModule : 1));
+  // Every accepted message and nothing else, once; the post whose answer was
+  // lost twice.
+  Offsets expected = accepted_;
+  expected.insert(expected.end(), lostAnswer.begin(), lostAnswer.end());
+  EXPECT_EQ(delivered(), sorted(expected));
+  // The client's own account: every accepted message sent once, the failed
+  // posts' messages cached and read back, nothing dropped or left.
+  const QVLedgerSnapshot ledger = core_->ledgerSnapshot();
+  EXPECT_TRUE(ledger.balances()) << ledger.toJson();
+  const std::string n = std::to_string(accepted_.size());
+  const std::string c = std::to_string(failedPosts * (json() ? kPerModule : 1));
+  EXPECT_EQ(test::ledgerLine(ledger), "accepted " + n + " sent " + n + " failed " + c + " cached " +
+                                          c + " recovered " + c + " dropped 0 left 0");
 }
 
 std::string rowName(const testing::TestParamInfo<std::tuple<FaultRow, Path>>& info) {
-  const auto& [row, path] = info.param;
-  return std::string(row.name) + (path == Path::kJson ? "_Json" : "_UrlEncoded");
+  return std::get<0>(info.param).name +
+         std::string(std::get<1>(info.param) == Path::kJson ? "_Json" : "_UrlEncoded");
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, QVFaultMatrixTest,

@@ -9,22 +9,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <iostream>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "QVCollectorDecoder.h"
-#include "QVCollectorRecord.h"
-#include "qvcore/core/QVCore.h"
-#include "qvcore/model/QVQueue.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
-#include "support/QVQueueServiceTestSupport.h"
+#include "support/QVCollectedPosts.h"
 #include "support/QVTestHost.h"
-#include "support/QVTestHttpServer.h"
 
 namespace qv {
 namespace {
@@ -56,37 +47,24 @@ Module moduleOf(uint64_t index) {
 
 std::string pathOf(Module module) { return std::string("/") + kNames[module]; }
 
-// The offsets in a decoded payload: a queue's sessions, or one URL-encoded
-// message.
-test::Offsets offsetsOf(const QVValue& payload) {
-  if (!payload.is_object()) return {};
-  if (!payload.contains("sessions")) return {payload.value("offset", uint64_t{0})};
-  test::Offsets offsets;
-  for (const auto& session : payload["sessions"]) {
-    for (const auto& message : session["messages"]) offsets.push_back(message.value("offset", 0));
-  }
-  return offsets;
-}
-
 class QVSoakTest : public ::testing::Test {
  protected:
   void TearDown() override { core_->disable(); }
 
   void start() {
-    host_.writeCoreConfig({{"PostMessageLevelWiFi", 3},
-                           {"PostMessageTimeout", 30},
-                           {"ManualPostEnabled", false},
-                           {"DoPostOnIntervals", true},
-                           {"PostMessageTimeIntervals", 0.01},
-                           {"CompressPostMessage", true},
-                           {"HasToPersistLocalCache", true}});
+    std::map<std::string, QVValue> modules;
     for (int module = 0; module < kModuleCount; ++module) {
-      host_.defineModule(kNames[module],
-                         {{"PostMessageUrl", server_.url(pathOf(static_cast<Module>(module)))},
-                          {"URLEncoded", module == kQuery}});
+      modules[kNames[module]] = {{"PostMessageUrl", server_.url(pathOf(Module(module)))},
+                                 {"URLEncoded", module == kQuery}};
     }
-    ASSERT_TRUE(core_->enable());
-    for (const char* name : kNames) ASSERT_TRUE(core_->enableModule(name));
+    ASSERT_TRUE(host_.startCore({{"PostMessageLevelWiFi", 3},
+                                 {"PostMessageTimeout", 30},
+                                 {"ManualPostEnabled", false},
+                                 {"DoPostOnIntervals", true},
+                                 {"PostMessageTimeIntervals", 0.01},
+                                 {"CompressPostMessage", true},
+                                 {"HasToPersistLocalCache", true}},
+                                modules));
     ASSERT_TRUE(service_->flushTimer());
   }
 
@@ -134,17 +112,10 @@ class QVSoakTest : public ::testing::Test {
                                       600s)) {
         return false;
       }
-      if (nothingLeft()) return true;
+      if (test::nothingLeftToSend(*service_)) return true;
     }
     return false;
   }
-  bool nothingLeft() const {
-    for (const auto& [name, queue] : service_->moduleQueues()) {
-      if (!queue->isEmpty()) return false;
-    }
-    return test::namesIn(service_->cachedQueuesDirectory()).empty();
-  }
-
   // How often the server received each message, decoded as the collector
   // decodes it, checking on the way that every request was whole and
   // reached its module's address.
@@ -153,23 +124,14 @@ class QVSoakTest : public ::testing::Test {
     const auto requests = server_.requests();
     uint64_t gzipped = 0;
     for (const auto& sent : requests) {
-      collector::QVCollectorRecord record;
-      record.request = {sent.method, sent.path(), sent.query(), sent.headers, sent.body};
-      record.decoded = collector::QVCollectorDecoder::decode(record.request);
+      const auto record = test::collected(sent);
       gzipped += record.decoded.encoding == "gzip";
-      EXPECT_EQ(record.decoded.problem, "") << sent.target;
-      const std::string* text = record.payloadText();
-      if (!text) {
-        ADD_FAILURE() << "no payload in " << sent.target;
-        continue;
-      }
-      for (const uint64_t offset : offsetsOf(QVValue::parse(*text, nullptr, false))) {
-        if (offset == 0 || offset > total_) {
-          ADD_FAILURE() << "unknown offset " << offset;
-          continue;
-        }
-        ++counts[offset - 1];
-        if (sent.path() != pathOf(moduleOf(offset - 1)) && ++misrouted_ <= 5) {
+      const test::Offsets offsets = test::offsetsOf(record);
+      EXPECT_TRUE(record.decoded.problem.empty() && !offsets.empty()) << sent.target;
+      for (const uint64_t offset : offsets) {
+        const bool known = offset > 0 && offset <= total_;
+        if (known) ++counts[offset - 1];
+        if ((!known || sent.path() != pathOf(moduleOf(offset - 1))) && ++misrouted_ <= 5) {
           ADD_FAILURE() << "offset " << offset << " arrived at " << sent.path();
         }
       }
@@ -210,24 +172,21 @@ TEST_F(QVSoakTest, EveryAcceptedMessageArrivesExactlyOnceWhileFlushesRace) {
   ASSERT_TRUE(drain()) << "the queues never emptied";
 
   const std::vector<uint32_t> counts = receivedCounts();
-  uint64_t accepted = 0, lost = 0, duplicated = 0, unasked = 0;
+  uint64_t accepted = 0;
+  test::Offsets lost, duplicated, unasked;
   for (uint64_t index = 0; index < total_; ++index) {
     accepted += accepted_[index] != 0;
-    if (accepted_[index] && counts[index] == 0 && ++lost <= 5) {
-      ADD_FAILURE() << "offset " << index + 1 << " never arrived";
-    }
-    if (counts[index] > 1 && ++duplicated <= 5) {
-      ADD_FAILURE() << "offset " << index + 1 << " arrived " << counts[index] << " times";
-    }
-    if (!accepted_[index] && counts[index] > 0) ++unasked;
+    if (accepted_[index] && counts[index] == 0) lost.push_back(index + 1);
+    if (counts[index] > 1) duplicated.push_back(index + 1);
+    if (!accepted_[index] && counts[index] > 0) unasked.push_back(index + 1);
   }
   // Wi-Fi level 3 admits every message; a post is refused only when flushes
   // close its session under it on every attempt, which is rare.
   std::cout << "soak: " << total_ - accepted << " posts refused\n";
   EXPECT_GT(accepted, total_ / 2);
-  EXPECT_EQ(lost, 0u);
-  EXPECT_EQ(duplicated, 0u);
-  EXPECT_EQ(unasked, 0u);
+  EXPECT_EQ(lost, test::Offsets{});
+  EXPECT_EQ(duplicated, test::Offsets{});
+  EXPECT_EQ(unasked, test::Offsets{});
   EXPECT_EQ(misrouted_, 0u);
 
   // The client's own account agrees, module by module.
@@ -235,14 +194,14 @@ TEST_F(QVSoakTest, EveryAcceptedMessageArrivesExactlyOnceWhileFlushesRace) {
   EXPECT_TRUE(ledger.balances()) << ledger.toJson();
   uint64_t counted = 0;
   for (int module = 0; module < kModuleCount; ++module) {
-    uint64_t acceptedHere = 0;
+    uint64_t n = 0;
     for (uint64_t index = 0; index < total_; ++index) {
-      acceptedHere += accepted_[index] && moduleOf(index) == module;
+      n += accepted_[index] && moduleOf(index) == module;
     }
+    const std::string a = std::to_string(n);
+    EXPECT_EQ(test::ledgerLine(ledger, kNames[module]),
+              "accepted " + a + " sent " + a + " failed 0 cached 0 recovered 0 dropped 0 left 0");
     const QVLedgerCounts& c = ledger.modules.at(kNames[module]);
-    EXPECT_EQ(c.accepted, acceptedHere) << kNames[module];
-    EXPECT_EQ(c.sent, acceptedHere) << kNames[module];
-    EXPECT_EQ(c.droppedTotal() + c.queued + c.inFlight + c.failed, 0u) << ledger.toJson();
     counted += c.accepted + c.refused;
   }
   EXPECT_EQ(counted, total_) << "every post counted once, accepted or refused";

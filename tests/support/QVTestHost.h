@@ -1,8 +1,10 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 
+#include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVHostReachabilitySource.h"
@@ -52,6 +54,18 @@ class QVTestHost {
     const std::string bundle = name + ".bundle";
     folder_.writePlist(bundle + "/BasicConfig.plist", items);
     return QVTestModule::define(name, folder_.at(bundle));
+  }
+
+  // Enables the shared core with those settings and the modules (name to
+  // settings), each enabled; false when any of that fails.
+  bool startCore(const QVValue& coreItems, const std::map<std::string, QVValue>& modules) {
+    writeCoreConfig(coreItems);
+    for (const auto& [name, items] : modules) defineModule(name, items);
+    bool enabled = QVCore::sharedInstance()->enable();
+    for (const auto& entry : modules) {
+      enabled = enabled && QVCore::sharedInstance()->enableModule(entry.first);
+    }
+    return enabled;
   }
 
  private:

@@ -24,31 +24,24 @@ bool sameName(const std::string& a, const std::string& b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
-std::string trim(const std::string& text) {
-  const size_t begin = text.find_first_not_of(" \t");
-  if (begin == std::string::npos) return "";
-  return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
-}
-
 // Request line and header lines of a head that ends in an empty line.
 QVRecordedRequest parseHead(const std::string& head) {
   QVRecordedRequest request;
-  size_t lineStart = 0;
-  bool first = true;
-  while (lineStart < head.size()) {
-    const size_t lineEnd = head.find("\r\n", lineStart);
-    const std::string line = head.substr(lineStart, lineEnd - lineStart);
-    lineStart = lineEnd + 2;
-    if (line.empty()) break;
-    if (first) {
-      const size_t a = line.find(' '), b = line.rfind(' ');
-      request.method = line.substr(0, a);
-      request.target = line.substr(a + 1, b - a - 1);
-      request.version = line.substr(b + 1);
-      first = false;
-    } else if (const size_t colon = line.find(':'); colon != std::string::npos) {
-      request.headers.emplace_back(line.substr(0, colon), trim(line.substr(colon + 1)));
-    }
+  size_t end = head.find("\r\n");
+  const std::string first = head.substr(0, end);
+  const size_t a = first.find(' '), b = first.rfind(' ');
+  request.method = first.substr(0, a);
+  request.target = first.substr(a + 1, b - a - 1);
+  request.version = first.substr(b + 1);
+  for (size_t start = end + 2; (end = head.find("\r\n", start)) != std::string::npos && end > start;
+       start = end + 2) {
+    const std::string line = head.substr(start, end - start);
+    const size_t colon = line.find(':');
+    const size_t value = line.find_first_not_of(" \t", colon + 1);
+    if (colon == std::string::npos) continue;
+    const size_t last = line.find_last_not_of(" \t");
+    request.headers.emplace_back(line.substr(0, colon),
+                                 value > last ? "" : line.substr(value, last - value + 1));
   }
   return request;
 }
@@ -169,11 +162,9 @@ void QVTestHttpServer::handle(int fd) {
     case QVTestReply::Kind::kClose:
     case QVTestReply::Kind::kResetWhileReading:
       break;
-    case QVTestReply::Kind::kStall: {
-      // Until the client hangs up (readable at end of stream) or the bound.
+    case QVTestReply::Kind::kStall:  // until the client hangs up or the bound
       waitReadable(fd, kIoBound);
       break;
-    }
     case QVTestReply::Kind::kHoldThenAnswer: {
       std::unique_lock lock(mutex_);
       changed_.wait_for(lock, kIoBound, [&] { return released_ || stopping_; });

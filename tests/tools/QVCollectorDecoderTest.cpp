@@ -45,6 +45,13 @@ QVCollectorDecoded post(std::string body, const std::string& encoding = "") {
   return QVCollectorDecoder::decode(request);
 }
 
+// Kind, problem, messages, sizes and whether the inflated body was kept.
+std::string show(const QVCollectorDecoded& d) {
+  return d.kind + " [" + d.problem + "] " + std::to_string(d.messages) + " " +
+         std::to_string(d.rawBytes) + ">" + std::to_string(d.decodedBytes) +
+         (d.inflated ? " inflated" : "");
+}
+
 QVCollectorDecoded get(const std::string& query) {
   return QVCollectorDecoder::decode({"GET", "/collect", query, {}, ""});
 }
@@ -52,33 +59,23 @@ QVCollectorDecoded get(const std::string& query) {
 TEST(QVCollectorDecoderTest, GzipDeflateAndPlainBodiesAllDecodeToTheLibrarysPayload) {
   const std::string json = libraryPayload();
   const std::string gzip = *QVDataCompression::compressData(std::make_shared<std::string>(json));
-  const std::string gzipTwice =
-      *QVDataCompression::compressData(std::make_shared<std::string>(json.substr(0, 10)));
   const struct {
-    std::string encoding, body, expected;
-  } cases[] = {
-      {"", json, json},
-      {"gzip", gzip, json},
-      {" GZip ", gzip, json},
-      {"x-gzip", gzip, json},
-      {"deflate", zlibDeflate(json, 15), json},
-      {"deflate", zlibDeflate(json, -15), json},
-      // Concatenated members are one body.
-      {"gzip",
-       gzipTwice + *QVDataCompression::compressData(std::make_shared<std::string>(json.substr(10))),
-       json}};
+    std::string encoding, body;
+  } cases[] = {{"", json},
+               {"gzip", gzip},
+               {" GZip ", gzip},
+               {"x-gzip", gzip},
+               {"deflate", zlibDeflate(json, 15)},
+               {"deflate", zlibDeflate(json, -15)},
+               // Concatenated members are one body.
+               {"gzip", zlibDeflate(json.substr(0, 10), 31) + zlibDeflate(json.substr(10), 31)}};
   for (const auto& each : cases) {
-    SCOPED_TRACE(each.encoding);
     const QVCollectorDecoded decoded = post(each.body, each.encoding);
-    EXPECT_EQ(decoded.kind, "json");
-    EXPECT_EQ(decoded.problem, "");
-    EXPECT_EQ(decoded.messages, 3);
-    EXPECT_EQ(decoded.rawBytes, static_cast<int64_t>(each.body.size()));
-    EXPECT_EQ(decoded.decodedBytes, static_cast<int64_t>(json.size()));
-    EXPECT_EQ(decoded.inflated.has_value(), !each.encoding.empty());
-    if (decoded.inflated) {
-      EXPECT_EQ(*decoded.inflated, json);
-    }
+    EXPECT_EQ(show(decoded), "json [] 3 " + std::to_string(each.body.size()) + ">" +
+                                 std::to_string(json.size()) +
+                                 (each.encoding.empty() ? "" : " inflated"))
+        << each.encoding;
+    EXPECT_EQ(decoded.inflated.value_or(json), json);
   }
 }
 
@@ -98,12 +95,10 @@ TEST(QVCollectorDecoderTest, UnreadableBodiesAreKeptAndMarkedWithTheReason) {
       {"", "{\"messageVersion\": ", "body is not JSON (at byte "},
       {"", std::string(600, '[') + std::string(600, ']'), "body nests deeper than 512 levels"}};
   for (const auto& each : cases) {
-    SCOPED_TRACE(each.problem);
-    const QVCollectorDecoded decoded = post(each.body, each.encoding);
-    EXPECT_EQ(decoded.kind, "bytes");
-    EXPECT_EQ(decoded.problem.substr(0, each.problem.size()), each.problem);
-    EXPECT_EQ(decoded.messages, 0);
-    EXPECT_FALSE(decoded.inflated);
+    const QVCollectorDecoded d = post(each.body, each.encoding);
+    EXPECT_EQ(d.kind + " " + d.problem.substr(0, each.problem.size()) + " " +
+                  std::to_string(d.messages) + (d.inflated ? " inflated" : ""),
+              "bytes " + each.problem + " 0");
   }
   const QVCollectorDecoded nothing = QVCollectorDecoder::decode({"GET", "/", "", {}, ""});
   EXPECT_EQ(nothing.kind, "empty");
@@ -115,9 +110,7 @@ TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeF
   // numbers not.
   const QVValue payload = QVValue::parse(libraryPayload());
   const QVCollectorDecoded whole = get(QVCoreExtensions::urlEncodedString(payload));
-  EXPECT_EQ(whole.kind, "urlencoded");
-  EXPECT_EQ(whole.problem, "");
-  EXPECT_EQ(whole.messages, 3);
+  EXPECT_EQ(show(whole).substr(0, 16), "urlencoded [] 3 ");
   EXPECT_EQ(QVValue::parse(*whole.queryFields), payload);
 
   const QVValue message = {{"offset", 7},      {"name", "Home Page & more"},
@@ -126,8 +119,7 @@ TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeF
                            {"list", {1, "x"}}, {"obj", {{"k", "v&w/x=y"}}},
                            {"none", nullptr}};
   const QVCollectorDecoded one = get(QVCoreExtensions::urlEncodedString(message));
-  EXPECT_EQ(one.problem, "");
-  EXPECT_EQ(one.messages, 1);
+  EXPECT_EQ(show(one).substr(0, 16), "urlencoded [] 1 ");
   EXPECT_EQ(QVValue::parse(*one.queryFields), message);
 
   EXPECT_EQ(QVValue::parse(*get("k=1&&k=%zz&k&=v&%4").queryFields),
@@ -165,12 +157,10 @@ TEST(QVCollectorDecoderTest, PayloadCheckNamesEachWayAPayloadStraysFromTheFormat
        "sessions[0].messages[0]: offset is not an unsigned integer"},
   };
   for (const auto& each : cases) {
-    SCOPED_TRACE(each.problem);
     QVValue payload = good;
     each.change(payload);
     const QVCollectorDecoded decoded = post(payload.dump());
-    EXPECT_EQ(decoded.kind, "json");
-    EXPECT_EQ(decoded.problem, each.problem);
+    EXPECT_EQ(decoded.kind + ": " + decoded.problem, "json: " + each.problem);
   }
   // Many problems: the first five, then a count.
   QVValue many = good;

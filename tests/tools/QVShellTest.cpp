@@ -32,27 +32,23 @@ namespace {
 
 TEST(QVShellLineTest, SplitsQuotedTextsOptionsAndJsonToTheEndOfTheLine) {
   std::string error;
-  auto line = QVShellLine::parse(
-      R"(post  Mod "two words" name="Home \"Screen\"" fields={"a": "x y", "b": [1, 2]}  )", &error);
-  ASSERT_TRUE(line) << error;
-  EXPECT_EQ(line->command(), "post");
-  ASSERT_EQ(line->positional().size(), 2u);
-  EXPECT_EQ(line->positional()[0].value, "Mod");
-  EXPECT_EQ(line->positional()[1].value, "two words");
-  EXPECT_EQ(line->option("name"), R"(Home "Screen")");
-  EXPECT_EQ(line->option("fields"), R"({"a": "x y", "b": [1, 2]})");
-  EXPECT_FALSE(line->option("session"));
-
-  auto json = QVShellLine::parse(R"(config set M Key {"k": "v w"})", &error);
-  ASSERT_TRUE(json);
-  ASSERT_EQ(json->positional().size(), 4u);
-  EXPECT_EQ(json->restOfLine(2), R"(Key {"k": "v w"})");
-  EXPECT_EQ(json->positional()[3].value, R"({"k": "v w"})");
-
-  EXPECT_TRUE(QVShellLine::parse("   # a comment", &error)->empty());
-  EXPECT_TRUE(QVShellLine::parse("", &error)->empty());
-  EXPECT_FALSE(QVShellLine::parse(R"(echo "open)", &error));
-  EXPECT_FALSE(error.empty());
+  const auto words = [&error](const std::string& text) {
+    auto line = QVShellLine::parse(text, &error);
+    if (!line) return "error: " + error;
+    std::string out = line->command();
+    for (const auto& word : line->positional()) out += "|" + word.value;
+    return out + "|name=" + line->option("name").value_or("-") +
+           "|fields=" + line->option("fields").value_or("-");
+  };
+  EXPECT_EQ(
+      words(R"(post  Mod "two words" name="Home \"Screen\"" fields={"a": "x y", "b": [1]}  )"),
+      R"(post|Mod|two words|name=Home "Screen"|fields={"a": "x y", "b": [1]})");
+  EXPECT_EQ(words(R"(config set M Key {"k": "v w"})"),
+            R"(config|set|M|Key|{"k": "v w"}|name=-|fields=-)");
+  EXPECT_EQ(QVShellLine::parse(R"(config set M Key {"k": 1})", &error)->restOfLine(2),
+            R"(Key {"k": 1})");
+  EXPECT_EQ(words("   # a comment") + words(""), "|name=-|fields=-|name=-|fields=-");
+  EXPECT_EQ(words(R"(echo "open)").substr(0, 7), "error: ");
 }
 
 struct ScriptRun {
@@ -75,17 +71,22 @@ class QVShellTest : public ::testing::Test {
                                           {"CFBundleIdentifier", "com.example.shell"}});
   }
 
-  // The lines that set the host up, then modules posting to the server.
+  // The lines that set the host up and enable the core, then modules
+  // ("Name options") posting to the server, each enabled.
   std::string host(const std::vector<std::string>& modules = {}) {
     std::string script = "home " + folder_.at("home") + "\nmain-bundle " + folder_.at("app") +
                          "\nbundles " + folder_.at("bundles") + "\n";
-    for (const auto& name : modules) {
-      folder_.write("bundles/" + name + ".bundle/AdvancedConfig.json",
+    std::string enable = "enable\n";
+    for (const auto& module : modules) {
+      const std::string name = module.substr(0, module.find(' ')), bundle = "bundles/" + name;
+      folder_.write(bundle + ".bundle/AdvancedConfig.json",
                     R"({"PostMessageUrl": ")" + server_.url("/" + name) + "\"}");
+      script += "module " + name + " " + folder_.at(bundle + ".bundle") +
+                module.substr(name.size()) + "\n";
+      enable += "enable-module " + name + "\n";
     }
-    return script;
+    return script + enable;
   }
-  std::string bundle(const std::string& name) { return folder_.at("bundles/" + name + ".bundle"); }
 
   ScriptRun run(const std::string& script) {
     std::istringstream in(script);
@@ -96,7 +97,7 @@ class QVShellTest : public ::testing::Test {
   std::string answer(const std::string& line) {
     auto result = run(line + "\n");
     EXPECT_EQ(result.status, 0) << line << ": " << result.err;
-    return result.out.substr(0, result.out.find('\n'));
+    return result.out.substr(0, result.out.size() - 1);  // without the last newline
   }
 
   test::QVTempFolder folder_;
@@ -132,31 +133,27 @@ TEST_F(QVShellTest, ABadCommandPrintsOneErrorLineAndNothingElseAndTheScriptGoesO
 }
 
 TEST_F(QVShellTest, AModuleClassImplementsExactlyTheOptionalOperationsAskedFor) {
-  struct Case {
-    std::string options;
-    bool headers, saves, handles, observes;
-  };
-  const Case cases[] = {
-      {"", false, false, false, false},
-      {"saves-config=true", false, true, false, false},
-      {"handles-exceptions=true terminate-hook=false", false, false, true, false},
-      {"terminate-hook=true saves-config=true headers={\"X-Kind\": \"shell\"}", true, true, false,
-       true},
+  // Which operations: H(eaders), S(aves config), E(xceptions), T(ermination).
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "----"},
+      {"saves-config=true", "-S--"},
+      {"handles-exceptions=true terminate-hook=false", "--E-"},
+      {"terminate-hook=true saves-config=true headers={\"X-Kind\": \"shell\"}", "HS-T"},
   };
   int index = 0;
-  for (const auto& c : cases) {
+  for (const auto& [options, expected] : cases) {
     const std::string name = "Module" + std::to_string(index++);
-    ASSERT_EQ(answer("module " + name + " /bundle/" + name + " " + c.options), "ok");
+    ASSERT_EQ(answer("module " + name + " /bundle/" + name + " " + options), "ok");
     auto object = QVClassRegistry::shared().sharedInstanceOfClass(name);
     auto* module = dynamic_cast<QVLifecycleObject*>(object.get());
     ASSERT_NE(module, nullptr);
-    EXPECT_EQ(module->className(), name);
-    EXPECT_EQ(module->settingsBundlePath(), "/bundle/" + name);
+    EXPECT_EQ(module->className() + " " + module->settingsBundlePath(), name + " /bundle/" + name);
     auto* provider = dynamic_cast<QVHttpHeadersProvider*>(module);
-    EXPECT_EQ(provider != nullptr, c.headers) << c.options;
-    EXPECT_EQ(dynamic_cast<QVConfigurationSaver*>(module) != nullptr, c.saves) << c.options;
-    EXPECT_EQ(dynamic_cast<QVUncaughtExceptionHandler*>(module) != nullptr, c.handles);
-    EXPECT_EQ(dynamic_cast<QVAppTerminationObserver*>(module) != nullptr, c.observes);
+    std::string got = provider ? "H" : "-";
+    got += dynamic_cast<QVConfigurationSaver*>(module) ? "S" : "-";
+    got += dynamic_cast<QVUncaughtExceptionHandler*>(module) ? "E" : "-";
+    got += dynamic_cast<QVAppTerminationObserver*>(module) ? "T" : "-";
+    EXPECT_EQ(got, expected) << options;
     if (provider) {
       EXPECT_EQ(provider->httpHeadersForSessionIdAndJson("S", "{}")["X-Kind"], "shell");
     }
@@ -166,43 +163,27 @@ TEST_F(QVShellTest, AModuleClassImplementsExactlyTheOptionalOperationsAskedFor) 
 // In a network namespace of the test's own, whose default route leaves by
 // enp3s0: "network system" reads that, the host-fed network lists only the
 // address a line gives.
-void followsTheSystemsNetworkOnRequest(test::QVNetworkNamespace& net) {
-  net.ip("link set lo up");
-  net.addVethLink("enp3s0", "peer0", "10.200.0.1/24");
-  net.ip("route add default via 10.200.0.2 dev enp3s0");
-  test::QVTempFolder folder;
-  folder.write("bundles/QVCoreSettings.bundle/QVCoreAdvancedConfig.json",
-               R"({"PostMessageLevelWiFi": 3})");
-  folder.writePlist("app/Info.plist", {{"CFBundleIdentifier", "com.example.net"}});
-  QVShell shell;
-  const auto answers = [&](const std::string& script) {
-    std::istringstream in(script);
-    std::ostringstream out, err;
-    EXPECT_EQ(shell.runScript(in, out, err), 0) << err.str();
-    return out.str();
-  };
-  ASSERT_EQ(answers("home " + folder.at("home") + "\nmain-bundle " + folder.at("app") +
-                    "\nbundles " + folder.at("bundles") + "\nenable\n"),
-            "ok\nok\nok\ntrue\n");
-  const std::string facts =
-      "fact currentNetworkStatus\nfact networkWiFiIPAddress\nfact currentConnectionType\n";
-  EXPECT_EQ(answers("network none\n" + facts), "ok\n1\n\nN/A\n") << "host-fed";
-  EXPECT_EQ(answers("network system\n" + facts + "fact networkIPAddress\n"),
-            "ok\n2\n10.200.0.1\nWifi\n10.200.0.1\n");
-  net.ip("route del default");
-  EXPECT_EQ(answers("network system\n" + facts), "ok\n1\n\nN/A\n") << "no default route";
-  EXPECT_EQ(answers("network cellular address=198.51.100.7\n" + facts), "ok\n3\n\nWWAN\n");
-  EXPECT_EQ(answers("network wifi address=192.0.2.7\n" + facts), "ok\n2\n192.0.2.7\nWifi\n");
-  EXPECT_EQ(answers("fact networkIPAddress\n"), "10.200.0.1\n") << "looked up once per process";
-}
-
-TEST(QVShellNetworkTest, NetworkSystemReadsTheMachinesNetworkAndOtherNetworksGoBack) {
-  test::QVNetworkNamespace::run(test::QVNetworkNamespace::Kind::kLinks,
-                                followsTheSystemsNetworkOnRequest);
+TEST_F(QVShellTest, NetworkSystemReadsTheMachinesNetworkAndOtherNetworksGoBack) {
+  test::QVNetworkNamespace::run(test::QVNetworkNamespace::Kind::kLinks, [this](auto& net) {
+    net.ip("link set lo up");
+    net.addVethLink("enp3s0", "peer0", "10.200.0.1/24");
+    net.ip("route add default via 10.200.0.2 dev enp3s0");
+    ASSERT_EQ(answer(host()), "ok\nok\nok\ntrue");
+    const std::string facts =
+        "fact currentNetworkStatus\nfact networkWiFiIPAddress\nfact currentConnectionType";
+    EXPECT_EQ(answer("network none\n" + facts), "ok\n1\n\nN/A") << "host-fed";
+    EXPECT_EQ(answer("network system\n" + facts + "\nfact networkIPAddress"),
+              "ok\n2\n10.200.0.1\nWifi\n10.200.0.1");
+    net.ip("route del default");
+    EXPECT_EQ(answer("network system\n" + facts), "ok\n1\n\nN/A") << "no default route";
+    EXPECT_EQ(answer("network cellular address=198.51.100.7\n" + facts), "ok\n3\n\nWWAN");
+    EXPECT_EQ(answer("network wifi address=192.0.2.7\n" + facts), "ok\n2\n192.0.2.7\nWifi");
+    EXPECT_EQ(answer("fact networkIPAddress"), "10.200.0.1") << "looked up once per process";
+  });
 }
 
 TEST_F(QVShellTest, PlatformEventsReachTheCoresFacts) {
-  ASSERT_EQ(run(host() + "enable\n").out, "ok\nok\nok\ntrue\n");
+  ASSERT_EQ(run(host()).out, "ok\nok\nok\ntrue\n");
   struct Case {
     std::string event, fact, expected;
   };
@@ -240,9 +221,7 @@ TEST_F(QVShellTest, PlatformEventsReachTheCoresFacts) {
 }
 
 TEST_F(QVShellTest, PostedMessagesPassTheGateAndReachTheServerWithTheModulesHeaders) {
-  auto result = run(host({"Shop"}) + "module Shop " + bundle("Shop") +
-                    " headers={\"X-Shell\": \"on\"}\n"
-                    "enable\nenable-module Shop\n"
+  auto result = run(host({"Shop headers={\"X-Shell\": \"on\"}"}) +
                     "post Shop session=S1 offset=7 fields={\"screen\": \"Home\"}\n"
                     "post-context Shop type=3 name=Home referrer=Launch session=S1\n"
                     "post Shop level=0\npost Shop level=4\n"
@@ -256,11 +235,9 @@ TEST_F(QVShellTest, PostedMessagesPassTheGateAndReachTheServerWithTheModulesHead
   EXPECT_NE(result.err.find("] 200/200"), std::string::npos) << "the progress bar ends full";
   ASSERT_EQ(server_.requests().size(), 1u);
   const auto request = server_.request(0);
-  EXPECT_EQ(request.path(), "/Shop");
-  EXPECT_EQ(request.header("X-Shell"), "on");
+  EXPECT_EQ(request.path() + " " + request.header("X-Shell").value_or(""), "/Shop on");
   const QVValue payload = QVValue::parse(request.body, nullptr, false);
-  ASSERT_TRUE(payload.is_object()) << request.body;
-  ASSERT_EQ(payload["sessions"].size(), 2u);
+  ASSERT_TRUE(payload.is_object() && payload["sessions"].size() == 2) << request.body;
   EXPECT_EQ(payload["sessions"][0]["id"], "S1");
   EXPECT_EQ(payload["sessions"][0]["messages"],
             QVValue::parse(R"([{"offset": 7, "screen": "Home"}, {"offset": 0}])"));
@@ -279,9 +256,7 @@ TEST_F(QVShellTest, ExpiredBackgroundTimeTellsTheModulesThatAskedAndSendsTheQueu
     std::lock_guard lock(mutex);
     lines.push_back(line);
   });
-  auto result = run(host({"Keeper", "Plain"}) + "module Keeper " + bundle("Keeper") +
-                    " terminate-hook=true\nmodule Plain " + bundle("Plain") +
-                    "\nenable\nenable-module Keeper\nenable-module Plain\n"
+  auto result = run(host({"Keeper terminate-hook=true", "Plain"}) +
                     "post Keeper offset=1\npost Plain offset=2\n"
                     "lifecycle background\nlifecycle expire-background\n");
   QVLog::setSink(nullptr);
@@ -317,8 +292,7 @@ TEST_F(QVShellTest, LogLinesGoToTheDeveloperLogTool) {
 using QVShellDeathTest = QVShellTest;
 
 TEST_F(QVShellDeathTest, ACrashTellsTheModuleAndSendsTheQueueBeforeTheProcessEnds) {
-  const std::string script = host({"Crasher"}) + "module Crasher " + bundle("Crasher") +
-                             " handles-exceptions=true\nenable\nenable-module Crasher\n"
+  const std::string script = host({"Crasher handles-exceptions=true"}) +
                              "post Crasher offset=5\ncrash it broke\necho never\n";
   EXPECT_EXIT(run(script), ::testing::KilledBySignal(SIGABRT),
               "Crasher: uncaught exception: it broke");

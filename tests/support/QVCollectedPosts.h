@@ -1,0 +1,67 @@
+#pragma once
+
+// What a core posted to a QVTestHttpServer, read back as the collector reads
+// it, and the core's own account of it: shared by the suites that run a whole
+// core against a scripted server (faults, soak). Needs the collector library.
+#include <string>
+
+#include "QVCollectorDecoder.h"
+#include "QVCollectorRecord.h"
+#include "qvcore/core/QVCore.h"
+#include "qvcore/model/QVQueue.h"
+#include "qvcore/queue/QVServerConnection.h"
+#include "support/QVQueueServiceTestSupport.h"
+#include "support/QVTestHttpServer.h"
+
+namespace qv::test {
+
+inline collector::QVCollectorRecord collected(const QVRecordedRequest& sent, int status = 200) {
+  collector::QVCollectorRecord record;
+  record.request = {sent.method, sent.path(), sent.query(), sent.headers, sent.body};
+  record.decoded = collector::QVCollectorDecoder::decode(record.request);
+  record.status = status;
+  return record;
+}
+
+// The offsets a decoded payload holds: a queue's sessions, or the one
+// message of a URL-encoded post.
+inline Offsets offsetsOf(const collector::QVCollectorRecord& record) {
+  const std::string* text = record.payloadText();
+  const QVValue payload = text ? QVValue::parse(*text, nullptr, false) : QVValue();
+  if (!payload.is_object()) return {};
+  if (payload.contains("sessions")) return offsetsIn(*text);
+  if (payload.contains("offset") && payload["offset"].is_number()) return {payload["offset"]};
+  return {};
+}
+
+// No module queue holds a message, the send list is empty, no post is under
+// way and no file waits in the cache folder.
+inline bool nothingLeftToSend(const QVQueueService& service) {
+  for (const auto& [name, queue] : service.moduleQueues()) {
+    if (!queue->isEmpty()) return false;
+  }
+  const auto connection = service.serverConnection();
+  return service.cachedQueues().empty() && (!connection || !connection->isBusy()) &&
+         namesIn(service.cachedQueuesDirectory()).empty();
+}
+
+// The counts of one module, or of all of them summed, as one line.
+inline std::string ledgerLine(const QVLedgerSnapshot& ledger, const std::string& module = "") {
+  QVLedgerCounts all;
+  for (const auto& [name, c] : ledger.modules) {
+    if (!module.empty() && name != module) continue;
+    all.accepted += c.accepted;
+    all.sent += c.sent;
+    all.failed += c.failed;
+    all.cached += c.cached;
+    all.recovered += c.recovered;
+    all.dropped[0] += c.droppedTotal();
+    all.queued += c.queued + c.inFlight;
+  }
+  return "accepted " + std::to_string(all.accepted) + " sent " + std::to_string(all.sent) +
+         " failed " + std::to_string(all.failed) + " cached " + std::to_string(all.cached) +
+         " recovered " + std::to_string(all.recovered) + " dropped " +
+         std::to_string(all.dropped[0]) + " left " + std::to_string(all.queued);
+}
+
+}  // namespace qv::test
