@@ -85,13 +85,18 @@ TEST(QVPublishedTest, ConcurrentPublishersAndReaders) {
   published.publish(pairOf(0));
   std::vector<std::thread> readers;
   Ints torn(4, 0);
+  Ints sawLast(4, 0);
   for (int r = 0; r < 4; ++r) {
     readers.emplace_back([&, r] {
-      for (const Pair* pair = published.ofThread(); pair->first != kLast;
-           pair = published.ofThread()) {
+      // Bounded, so that a reader that never sees the last value fails
+      // instead of hanging.
+      long reads = 0;
+      const Pair* pair = published.ofThread();
+      for (; pair->first != kLast && ++reads < 20'000'000; pair = published.ofThread()) {
         if (pair->first != pair->second) ++torn[r];
         std::this_thread::yield();
       }
+      sawLast[r] = pair->first == kLast;
     });
   }
   std::thread other([&] {
@@ -102,6 +107,7 @@ TEST(QVPublishedTest, ConcurrentPublishersAndReaders) {
   published.publish(pairOf(kLast));
   for (auto& reader : readers) reader.join();
   EXPECT_EQ(torn, Ints(4, 0));
+  EXPECT_EQ(sawLast, Ints(4, 1)) << "every reader saw the last value";
 }
 
 }  // namespace
