@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <atomic>
 #include <random>
 
 #include "queue/QVDataCompressionStream.h"
@@ -16,9 +17,11 @@ using Bytes = std::shared_ptr<const std::string>;
 Bytes bytes(std::string text) { return std::make_shared<const std::string>(std::move(text)); }
 
 // Stand-ins for the three pointers: they count, keep the arguments, fail
-// when told to, and otherwise hand on to zlib.
+// when told to, and otherwise hand on to zlib. The counts are atomic: a
+// stream deflates on a thread of its own.
 struct Calls {
-  int deflate = 0, end = 0, initResult = Z_OK, deflateResult = Z_OK;
+  std::atomic<int> deflate = 0, end = 0;
+  int initResult = Z_OK, deflateResult = Z_OK;
   std::vector<int> initArguments;
   std::string version;
 } calls;
@@ -26,6 +29,8 @@ struct Calls {
 class QVDataCompressionTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    calls.deflate = calls.end = 0;
+    calls.initResult = calls.deflateResult = Z_OK;
     QVDataCompression::deflateInitQVDCFunctor = [](z_stream_s* s, int level, int method, int bits,
                                                    int mem, int strategy, const char* version,
                                                    int size) {
@@ -63,7 +68,7 @@ TEST_F(QVDataCompressionTest, OutputInflatesBackWhateverItsSizeAndUsesGzipDefaul
   // 8, default strategy, and zlib's stream size.
   EXPECT_EQ(calls.initArguments, (std::vector{-1, 8, 31, 8, 0, int(sizeof(z_stream))}));
   EXPECT_EQ(calls.version, "1.2.11");
-  EXPECT_EQ(calls.end, 0);  // a finished stream is ended by zlib directly
+  EXPECT_EQ(calls.end.load(), 0);  // a finished stream is ended by zlib directly
 
   const Bytes one = QVDataCompression::compressData(bytes("x"));
   EXPECT_TRUE(one->size() > 1 && test::gunzip(*one) == "x");
@@ -127,16 +132,16 @@ TEST_F(QVDataCompressionTest, FailuresGiveTheTextBackAndEndWhatWasStarted) {
   const Bytes input = bytes(mixedText(5 * QVDataCompressionStream::kChunk, 3));
   calls.initResult = Z_VERSION_ERROR;
   EXPECT_EQ(QVDataCompression::compressData(input), input);
-  EXPECT_EQ(calls.deflate, 0);
-  EXPECT_EQ(calls.end, 0);
+  EXPECT_EQ(calls.deflate.load(), 0);
+  EXPECT_EQ(calls.end.load(), 0);
 
   calls.initResult = Z_OK;
   calls.deflateResult = Z_STREAM_ERROR;
   EXPECT_EQ(QVDataCompression::compressData(input), input);
-  EXPECT_EQ(calls.deflate, 1);
-  EXPECT_EQ(calls.end, 1);
+  EXPECT_EQ(calls.deflate.load(), 1);
+  EXPECT_EQ(calls.end.load(), 1);
   EXPECT_EQ(*streamed(*input, 4), *input);
-  EXPECT_EQ(calls.end, 2);
+  EXPECT_EQ(calls.end.load(), 2);
 }
 
 }  // namespace
