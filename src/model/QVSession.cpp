@@ -37,6 +37,35 @@ void reserveFor(std::string& out, std::size_t perMessage, std::size_t messages) 
   if (wanted > out.capacity()) out.reserve(wanted);
 }
 
+// A lane's next stamped message, for the merge.
+struct LaneHead {
+  uint64_t stamp;
+  std::size_t lane;
+  std::size_t index;
+};
+
+// Takes the lanes' stamped messages in the order of their stamps, lane by
+// lane on a tie; heads holds each lane's first one.
+template <class Lanes, class Take>
+void takeByStamp(const Lanes& lanes, std::vector<LaneHead>& heads, Take&& take) {
+  const auto later = [](const LaneHead& a, const LaneHead& b) {
+    return a.stamp != b.stamp ? a.stamp > b.stamp : a.lane > b.lane;
+  };
+  std::make_heap(heads.begin(), heads.end(), later);
+  while (!heads.empty()) {
+    std::pop_heap(heads.begin(), heads.end(), later);
+    LaneHead& head = heads.back();
+    auto& lane = *lanes[head.lane];
+    take(lane, head.index);
+    if (++head.index == lane.sizeLocked()) {
+      heads.pop_back();
+      continue;
+    }
+    head.stamp = lane.stampLocked(head.index);
+    std::push_heap(heads.begin(), heads.end(), later);
+  }
+}
+
 }  // namespace
 
 // One thread's adds to one session. While the session has had one posting
@@ -222,34 +251,14 @@ QVSession::MessageList QVSession::mergedLocked(Merge how) const {
       merged.push_back(message);
     }
   };
-  struct Head {
-    uint64_t stamp;
-    std::size_t lane;
-    std::size_t index;
-  };
-  std::vector<Head> heads;
+  std::vector<LaneHead> heads;
   for (std::size_t i = 0; i < lanes_.size(); ++i) {
     Lane& lane = *lanes_[i];
     const std::size_t unstamped = lane.unstampedLocked();
     for (std::size_t m = 0; m < unstamped; ++m) take(lane, m);
     if (unstamped < lane.sizeLocked()) heads.push_back({lane.stampLocked(unstamped), i, unstamped});
   }
-  const auto later = [](const Head& a, const Head& b) {
-    return a.stamp != b.stamp ? a.stamp > b.stamp : a.lane > b.lane;
-  };
-  std::make_heap(heads.begin(), heads.end(), later);
-  while (!heads.empty()) {
-    std::pop_heap(heads.begin(), heads.end(), later);
-    Head& head = heads.back();
-    Lane& lane = *lanes_[head.lane];
-    take(lane, head.index);
-    if (++head.index == lane.sizeLocked()) {
-      heads.pop_back();
-      continue;
-    }
-    head.stamp = lane.stampLocked(head.index);
-    std::push_heap(heads.begin(), heads.end(), later);
-  }
+  takeByStamp(lanes_, heads, take);
   return merged;
 }
 
