@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-
 #include "qvcore/model/QVCoreExtensions.h"
 
 namespace qv {

@@ -1,7 +1,6 @@
 // The two records of the client's environment that every session carries.
 #include <gtest/gtest.h>
 
-
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/model/QVClientEnvironment.h"
 #include "qvcore/model/QVMobileEnvironment.h"

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
-
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
 

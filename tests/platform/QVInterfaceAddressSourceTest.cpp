@@ -5,7 +5,6 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
-
 #include "config/QVConfigTestSupport.h"
 #include "qvcore/platform/QVSystemInterfaceAddressSource.h"
 

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-
 #include "platform/archive/QVPlistNode.h"
 #include "qvcore/platform/QVArchiveException.h"
 #include "qvcore/platform/QVKeyedArchiver.h"

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "config/QVConfigTestSupport.h"
 
 namespace qv {

@@ -3,7 +3,6 @@
 // and real files in a temporary data folder.
 #include "qvcore/queue/QVQueueService.h"
 
-
 #include <chrono>
 #include <filesystem>
 #include <regex>

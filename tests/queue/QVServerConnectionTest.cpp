@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "qvcore/core/QVCore.h"
 #include "support/QVConnectionTestSupport.h"
 #include "support/QVFakeHttpSession.h"
