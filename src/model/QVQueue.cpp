@@ -121,18 +121,9 @@ bool QVQueue::postMessageToSessionID(std::shared_ptr<QVMessage> message,
 QVQueue::Filing QVQueue::fileInSession(const std::shared_ptr<QVMessage>& message,
                                        const std::optional<std::string>& sessionID) {
   std::unique_lock lock(mutex_);
-  const std::string& wanted = sessionID ? *sessionID : currentSessionID_;
-  if (wanted.empty()) return Filing::refused;
-  const bool isCurrent = &wanted == &currentSessionID_ || wanted == currentSessionID_;
-  if (!isCurrent || !currentSession_ || currentSession_->isClosed()) {
-    std::string id = wanted;  // wanted may be currentSessionID_ itself
-    std::shared_ptr<QVSession> session = findLocked(id);
-    if (!session) session = madeLocked(lock, id);
-    currentSessionID_ = std::move(id);
-    currentSession_ = std::move(session);
-    movedLocked();
-  }
-  auto lane = currentSession_->laneForThisThread();
+  const std::shared_ptr<QVSession> session = liveSessionLocked(lock, sessionID, true);
+  if (!session) return Filing::refused;
+  auto lane = session->laneForThisThread();
   if (!lane || !QVSession::fileInLane(*lane, message)) return Filing::closed;
   keepLaneLocked(std::move(lane));
   return Filing::filed;
@@ -157,36 +148,42 @@ void QVQueue::keepLaneLocked(std::shared_ptr<QVSession::Lane> lane) const {
 std::shared_ptr<QVSession> QVQueue::sessionForID(const std::optional<std::string>& sessionID) {
   try {
     std::unique_lock lock(mutex_);
-    const std::string& wanted = sessionID ? *sessionID : currentSessionID_;
-    if (wanted.empty()) return nullptr;
-    const bool isCurrent = &wanted == &currentSessionID_ || wanted == currentSessionID_;
-    if (isCurrent && currentSession_ && !currentSession_->isClosed()) return currentSession_;
-    std::string id = wanted;
-    std::shared_ptr<QVSession> session = findLocked(id);
-    if (!session) session = madeLocked(lock, id);
-    if (id == currentSessionID_) {
-      currentSession_ = session;
-      movedLocked();
-    }
-    return session;
+    return liveSessionLocked(lock, sessionID, false);
   } catch (const std::exception& e) {
     noteSwallowed(__func__, e);
     return nullptr;
   }
 }
 
-// The session reads the core and the clock, which must not run under the
+// A new session reads the core and the clock, which must not run under the
 // lock, so the lock is let go while it is made; a session that another
 // thread made meanwhile wins.
-std::shared_ptr<QVSession> QVQueue::madeLocked(std::unique_lock<std::mutex>& lock,
-                                               const std::string& id) {
-  lock.unlock();
-  auto fresh = QVSession::initWithSessionID(id);
-  lock.lock();
-  if (auto made = findLocked(id)) return made;
-  insertLocked(id, fresh);
-  currentSessionStartTime_.store(fresh->startTime(), std::memory_order_relaxed);
-  return fresh;
+std::shared_ptr<QVSession> QVQueue::liveSessionLocked(std::unique_lock<std::mutex>& lock,
+                                                      const std::optional<std::string>& sessionID,
+                                                      bool makeCurrent) {
+  const std::string& wanted = sessionID ? *sessionID : currentSessionID_;
+  if (wanted.empty()) return nullptr;
+  const bool isCurrent = &wanted == &currentSessionID_ || wanted == currentSessionID_;
+  if (isCurrent && currentSession_ && !currentSession_->isClosed()) return currentSession_;
+  std::string id = wanted;  // wanted may be currentSessionID_, which may change meanwhile
+  std::shared_ptr<QVSession> session = findLocked(id);
+  if (!session) {
+    lock.unlock();
+    auto fresh = QVSession::initWithSessionID(id);
+    lock.lock();
+    session = findLocked(id);
+    if (!session) {
+      session = std::move(fresh);
+      insertLocked(id, session);
+      currentSessionStartTime_.store(session->startTime(), std::memory_order_relaxed);
+    }
+  }
+  if (makeCurrent || id == currentSessionID_) {
+    currentSessionID_ = std::move(id);
+    currentSession_ = session;
+    movedLocked();
+  }
+  return session;
 }
 
 std::shared_ptr<QVSession> QVQueue::findLocked(const std::string& id) const {

@@ -128,8 +128,13 @@ class QV_EXPORT QVQueue {
   std::string writeJson(std::size_t& written, QVSession::TextWatcher* watcher) const;
   // The payload of a queue without sessions.
   static std::string emptyPayload(int32_t serial);
-  // A new live session under id, inserted; the lock is let go meanwhile.
-  std::shared_ptr<QVSession> madeLocked(std::unique_lock<std::mutex>& lock, const std::string& id);
+  // The live session of sessionID (else of the current identifier), made
+  // if there is none, with the lock let go meanwhile; null for no usable
+  // identifier. It becomes the current session when makeCurrent is set or
+  // its identifier is the current one.
+  std::shared_ptr<QVSession> liveSessionLocked(std::unique_lock<std::mutex>& lock,
+                                               const std::optional<std::string>& sessionID,
+                                               bool makeCurrent);
   // What became of a message offered to a session.
   enum class Filing { filed, refused, closed };
   // Files the message in the live session of sessionID, made if there is
