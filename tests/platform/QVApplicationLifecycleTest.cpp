@@ -21,7 +21,7 @@ TEST(QVApplicationLifecycleTest, EventsReachObserversOnTheMainLoopAfterTheStateM
   QVNotificationCenter::defaultCenter().addObserver(&observer, "", &app, [&](const auto& n) {
     seen += n.name + ":" + std::to_string(app.applicationState().value_or(-1)) + " ";
   });
-  std::thread([&] { app.didEnterBackground(); }).join();  // from a host thread
+  std::thread([&] { app.postLifecycleEvent(Event::kDidEnterBackground); }).join();  // from a host thread
   EXPECT_EQ(seen, "") << "delivered only when the main loop runs";
   QVRunLoop::main().runUntilIdle();
   for (Event event : {Event::kWillEnterForeground, Event::kDidBecomeActive, Event::kWillTerminate,

@@ -54,9 +54,6 @@ struct QV_EXPORT QVLedgerCounts {
   uint64_t queued = 0;    // in memory, not in a post
   uint64_t inFlight = 0;  // in the post under way
 
-  uint64_t droppedBy(QVDropReason reason) const {
-    return dropped[static_cast<std::size_t>(reason)];
-  }
   uint64_t droppedTotal() const;
   bool balances() const;
   // {"accepted": n, ..., "dropped": {"<reason>": n, ...}, "queued": n,

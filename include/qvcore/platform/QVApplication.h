@@ -69,7 +69,6 @@ class QV_EXPORT QVApplication {
   // notification is posted from a task on the main run loop, so observers
   // run there and see the new state. Each call is an event, repeats included.
   void postLifecycleEvent(LifecycleEvent event);
-  void didEnterBackground() { postLifecycleEvent(LifecycleEvent::kDidEnterBackground); }
 
   // ---- background tasks -----------------------------------------------------
 
