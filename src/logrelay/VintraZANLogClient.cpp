@@ -87,6 +87,18 @@ bool canWriteNow(const QVOutputStream& stream) {
 }  // namespace
 
 struct VintraZANLogClient::Impl {
+  // The four connection objects are read and written under one lock.
+  template <typename T>
+  std::shared_ptr<T> read(const std::shared_ptr<T>& field) const {
+    std::lock_guard lock(mutex_);
+    return field;
+  }
+  template <typename T>
+  void write(std::shared_ptr<T>& field, std::shared_ptr<T> value) {
+    std::lock_guard lock(mutex_);
+    field = std::move(value);
+  }
+
   mutable std::mutex mutex_;
   std::shared_ptr<QVNetServiceBrowser> theServiceBrowser_;
   std::shared_ptr<QVNetService> theService_;
@@ -264,43 +276,35 @@ void VintraZANLogClient::streamHandleEvent(const std::shared_ptr<QVByteStream>& 
 }
 
 std::shared_ptr<QVNetServiceBrowser> VintraZANLogClient::theServiceBrowser() const {
-  std::lock_guard lock(impl_->mutex_);
-  return impl_->theServiceBrowser_;
+  return impl_->read(impl_->theServiceBrowser_);
 }
 
 void VintraZANLogClient::setTheServiceBrowser(std::shared_ptr<QVNetServiceBrowser> browser) {
-  std::lock_guard lock(impl_->mutex_);
-  impl_->theServiceBrowser_ = std::move(browser);
+  impl_->write(impl_->theServiceBrowser_, std::move(browser));
 }
 
 std::shared_ptr<QVNetService> VintraZANLogClient::theService() const {
-  std::lock_guard lock(impl_->mutex_);
-  return impl_->theService_;
+  return impl_->read(impl_->theService_);
 }
 
 void VintraZANLogClient::setTheService(std::shared_ptr<QVNetService> service) {
-  std::lock_guard lock(impl_->mutex_);
-  impl_->theService_ = std::move(service);
+  impl_->write(impl_->theService_, std::move(service));
 }
 
 std::shared_ptr<QVOutputStream> VintraZANLogClient::theOutStream() const {
-  std::lock_guard lock(impl_->mutex_);
-  return impl_->theOutStream_;
+  return impl_->read(impl_->theOutStream_);
 }
 
 void VintraZANLogClient::setTheOutStream(std::shared_ptr<QVOutputStream> stream) {
-  std::lock_guard lock(impl_->mutex_);
-  impl_->theOutStream_ = std::move(stream);
+  impl_->write(impl_->theOutStream_, std::move(stream));
 }
 
 std::shared_ptr<QVInputStream> VintraZANLogClient::theInStream() const {
-  std::lock_guard lock(impl_->mutex_);
-  return impl_->theInStream_;
+  return impl_->read(impl_->theInStream_);
 }
 
 void VintraZANLogClient::setTheInStream(std::shared_ptr<QVInputStream> stream) {
-  std::lock_guard lock(impl_->mutex_);
-  impl_->theInStream_ = std::move(stream);
+  impl_->write(impl_->theInStream_, std::move(stream));
 }
 
 bool VintraZANLogClient::bFirstPost() const {

@@ -132,44 +132,38 @@ int64_t QVApplicationContextMessage::contextType() const { return contextType_.l
 
 void QVApplicationContextMessage::setContextType(int64_t v) { contextType_.store(v); }
 
-OptionalString QVApplicationContextMessage::name() const {
+OptionalString QVApplicationContextMessage::lockedRead(const OptionalString& field) const {
   std::lock_guard lock(stringsMutex_);
-  return name_;
+  return field;
 }
 
-void QVApplicationContextMessage::setName(OptionalString v) {
+void QVApplicationContextMessage::lockedWrite(OptionalString& field, OptionalString value) {
   std::lock_guard lock(stringsMutex_);
-  name_ = std::move(v);
+  field = std::move(value);
 }
 
-OptionalString QVApplicationContextMessage::referrer() const {
-  std::lock_guard lock(stringsMutex_);
-  return referrer_;
-}
+OptionalString QVApplicationContextMessage::name() const { return lockedRead(name_); }
+
+void QVApplicationContextMessage::setName(OptionalString v) { lockedWrite(name_, std::move(v)); }
+
+OptionalString QVApplicationContextMessage::referrer() const { return lockedRead(referrer_); }
 
 void QVApplicationContextMessage::setReferrer(OptionalString v) {
-  std::lock_guard lock(stringsMutex_);
-  referrer_ = std::move(v);
+  lockedWrite(referrer_, std::move(v));
 }
 
-OptionalString QVApplicationContextMessage::klassName() const {
-  std::lock_guard lock(stringsMutex_);
-  return klassName_;
-}
+OptionalString QVApplicationContextMessage::klassName() const { return lockedRead(klassName_); }
 
 void QVApplicationContextMessage::setKlassName(OptionalString v) {
-  std::lock_guard lock(stringsMutex_);
-  klassName_ = std::move(v);
+  lockedWrite(klassName_, std::move(v));
 }
 
 OptionalString QVApplicationContextMessage::referrerKlassName() const {
-  std::lock_guard lock(stringsMutex_);
-  return referrerKlassName_;
+  return lockedRead(referrerKlassName_);
 }
 
 void QVApplicationContextMessage::setReferrerKlassName(OptionalString v) {
-  std::lock_guard lock(stringsMutex_);
-  referrerKlassName_ = std::move(v);
+  lockedWrite(referrerKlassName_, std::move(v));
 }
 
 uint64_t QVApplicationContextMessage::currentScreenId() const { return currentScreenId_.load(); }

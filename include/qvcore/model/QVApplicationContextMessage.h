@@ -95,6 +95,9 @@ class QV_EXPORT QVApplicationContextMessage : public QVMessage {
 
  private:
   void decodeWithCoder(const QVKeyedUnarchiver& coder);
+  // The four strings are read and written under one lock.
+  OptionalString lockedRead(const OptionalString& field) const;
+  void lockedWrite(OptionalString& field, OptionalString value);
 
   std::atomic<int64_t> contextType_{0};
   std::atomic<uint64_t> currentScreenId_{0};
