@@ -8,14 +8,11 @@
 #include "config/QVConfigTestSupport.h"
 #include "qvcore/config/QVConfigService.h"
 #include "qvcore/environment/QVNetworkManager.h"
-#include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVDevice.h"
 #include "qvcore/platform/QVDigest.h"
-#include "qvcore/platform/QVFileSystem.h"
-#include "qvcore/platform/QVHostReachabilitySource.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVUserDefaults.h"
-#include "support/QVFakeInterfaceAddressSource.h"
+#include "support/QVTestHost.h"
 
 namespace qv {
 namespace {
@@ -27,42 +24,30 @@ constexpr uint32_t kUp = IFF_UP | IFF_RUNNING;
 // facts, so nothing of the machine running the test leaks in.
 class QVEnvironmentalSerivceTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    QVFileSystem::setHomeDirectory(folder.makeFolder("home"));
-    setInfo({{"CFBundleIdentifier", "com.example.app"}, {"CFBundleVersion", "2.10.5"}});
-    QVReachabilitySource::setShared(reachability);
-    QVInterfaceAddressSource::setShared(addresses);
-  }
-  void TearDown() override { QVInterfaceAddressSource::setShared(nullptr); }
-
-  void setInfo(const QVValue& info) {
-    folder.writePlist("App/Info.plist", info);
-    QVBundle::setMainBundlePath(folder.at("App"));
-  }
+  void setInfo(const QVValue& info) { host.folder().writePlist("App/Info.plist", info); }
   // "on" or "off", and " asleep" while sleep mode is active.
   std::string state() {
     return std::string(service->isEnabled() ? "on" : "off") +
            (service->isSleepModeActive() ? " asleep" : "");
   }
 
+  test::QVTestHost host{"com.example.app"};
   std::shared_ptr<QVEnvironmentalSerivce> service = QVEnvironmentalSerivce::sharedInstance();
-  test::QVTempFolder folder;
-  std::shared_ptr<QVHostReachabilitySource> reachability =
-      std::make_shared<QVHostReachabilitySource>();
-  std::shared_ptr<F> addresses = std::make_shared<F>();
 };
 
 // Only a non-empty text id sent while the service is enabled replaces it.
 TEST_F(QVEnvironmentalSerivceTest, DeviceIdIsTheStoredUuidsDigestUntilAModuleSuppliesOne) {
+  EXPECT_EQ(QVDigest::md5HexString(""), "d41d8cd98f00b204e9800998ecf8427e");
+  EXPECT_EQ(QVDigest::md5HexString("message digest"), "f96b697d7cb7938d525a2f31aaf161d0");
+  // Bytes after a zero byte count.
+  EXPECT_NE(QVDigest::md5HexString(std::string("abc\0d", 5)), QVDigest::md5HexString("abc"));
   const std::string id = service->deviceID();
   const auto udid = QVUserDefaults::standardUserDefaults().objectForKey("Brevant.UDID");
   ASSERT_TRUE(udid && udid->is_string());
   const std::regex uuid("[0-9A-F]{8}-([0-9A-F]{4}-){3}[0-9A-F]{12}");
   EXPECT_TRUE(std::regex_match(udid->get<std::string>(), uuid));
   EXPECT_EQ(id, QVDigest::md5HexString(udid->get<std::string>() + "com.example.app"));
-  EXPECT_TRUE(std::regex_match(id, std::regex("[0-9a-f]{32}"))) << id;
 
-  reachability->setFlags(0x2);
   ASSERT_TRUE(service->enable());
   const auto post = [](std::optional<QVValue> userInfo) {
     QVNotificationCenter::defaultCenter().post(
@@ -70,7 +55,7 @@ TEST_F(QVEnvironmentalSerivceTest, DeviceIdIsTheStoredUuidsDigestUntilAModuleSup
   };
   post(std::nullopt);
   post(QVValue{{"other", "x"}});
-  for (const QVValue bad : {QVValue(""), QVValue(42)}) post(QVValue{{"keyBRVDeviceID", bad}});
+  for (const QVValue& bad : {QVValue(""), QVValue(42)}) post(QVValue{{"keyBRVDeviceID", bad}});
   EXPECT_EQ(service->deviceID(), id);
   post(QVValue{{"keyBRVDeviceID", "module-id"}});
   EXPECT_EQ(service->deviceID(), "module-id");
@@ -84,12 +69,11 @@ TEST_F(QVEnvironmentalSerivceTest, DeviceIdIsTheStoredUuidsDigestUntilAModuleSup
 // them through the environment.
 TEST_F(QVEnvironmentalSerivceTest, DeviceIdSurvivesARestartUntilTheStoredUuidIsRemoved) {
   const char* inherited = std::getenv("QVTEST_SHARED_HOME");
-  const std::string home = inherited ? inherited : folder.makeFolder("shared");
+  const std::string home = inherited ? inherited : host.folder().makeFolder("shared");
   ::setenv("QVTEST_SHARED_HOME", home.c_str(), 1);
   QVFileSystem::setHomeDirectory(home);
   // Only the parent asks here: a child that asked first would keep its answer.
   const std::string first = inherited ? "" : service->deviceID();
-
   const std::string path = home + "/id.txt";
   auto idInFreshProcess = [&](bool removeUuid) {
     test::expectInFreshProcess([&] {
@@ -101,19 +85,18 @@ TEST_F(QVEnvironmentalSerivceTest, DeviceIdSurvivesARestartUntilTheStoredUuidIsR
   EXPECT_EQ(idInFreshProcess(false), first);
   const std::string renewed = idInFreshProcess(true);
   EXPECT_NE(renewed, first);
-  EXPECT_EQ(renewed.size(), 32u);
+  EXPECT_TRUE(std::regex_match(renewed, std::regex("[0-9a-f]{32}"))) << renewed;
 }
 
 TEST_F(QVEnvironmentalSerivceTest, EnableStopsAtTheFirstMonitorThatFailsAndDisableInvertsSleep) {
   EXPECT_EQ(service->settingsBundlePath(), "");
-  reachability->setFailsToSchedule(true);
+  host.reachability().setFailsToSchedule(true);
   EXPECT_FALSE(service->enable());
   EXPECT_EQ(state(), "off");
-
   // A failed start keeps its network monitor, which refuses a second start
   // of the manager; enabling again starts the monitoring afresh all the
   // same, as it does while the monitoring runs.
-  reachability->setFailsToSchedule(false);
+  host.reachability().setFailsToSchedule(false);
   auto network = QVNetworkManager::sharedInstance();
   EXPECT_FALSE(network->startNetworkMonitoring());
   EXPECT_TRUE(service->enable() && service->enable());
@@ -125,7 +108,8 @@ TEST_F(QVEnvironmentalSerivceTest, EnableStopsAtTheFirstMonitorThatFailsAndDisab
   EXPECT_EQ(state(), "on");
 }
 
-TEST_F(QVEnvironmentalSerivceTest, ApplicationFactsComeFromTheMainBundle) {
+// Memory is cut to 32 bits, the battery is always full.
+TEST_F(QVEnvironmentalSerivceTest, ApplicationAndDeviceFactsComeFromTheBundleAndTheDevice) {
   const std::pair<const char*, const char*> versions[] = {
       {"1.2.3", "1.2"}, {"2.10.5", "2.10"}, {"12.3", "2.3"},    {"10.4.1", "0.4"},
       {"7", "7"},       {"v.1", "v.1"},     {"build 3.", "3."}, {"", ""}};
@@ -138,9 +122,7 @@ TEST_F(QVEnvironmentalSerivceTest, ApplicationFactsComeFromTheMainBundle) {
   setInfo(QVValue::object());
   EXPECT_EQ(service->appName(), std::nullopt);
   EXPECT_EQ(service->appVersionMajorMinor(), "");
-}
 
-TEST_F(QVEnvironmentalSerivceTest, MemoryIsCutToThirtyTwoBitsAndBatteryIsAlwaysFull) {
   auto& device = QVDevice::currentDevice();
   device.setPhysicalMemory((5ull << 30) + 123);
   device.setUserMemory(3ull << 30);
@@ -157,18 +139,19 @@ TEST_F(QVEnvironmentalSerivceTest, MemoryIsCutToThirtyTwoBitsAndBatteryIsAlwaysF
 // four-byte offset); the Wi-Fi address is en0's last IPv4, up or down; the
 // preferred address is kept once found, while "Unknown" is asked again.
 TEST_F(QVEnvironmentalSerivceTest, AddressesOfTheInterfacesAsTheHostListsThem) {
+  F& addresses = host.addresses();
   EXPECT_EQ(service->networkWiFiIPAddress(), "");
-  addresses->setEntries({F::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK)});
+  addresses.setEntries({F::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK)});
   EXPECT_EQ(service->getIPAddressesDict(), std::nullopt);
   EXPECT_EQ(service->networkIPAddress(), "Unknown");
-  addresses->setEntries({F::ipv4("pdp_ip0", "10.0.0.7", kUp)});
+  addresses.setEntries({F::ipv4("pdp_ip0", "10.0.0.7", kUp)});
   EXPECT_EQ(service->networkIPAddress(), "10.0.0.7");
 
-  addresses->setEntries({F::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK),
-                         F::ipv4("en0", "192.168.1.10", kUp), F::ipv4("en0", "192.168.1.11", kUp),
-                         F::ipv6("en0", "fe80::1", kUp, 0x01020304),
-                         F::ipv4("en0", "192.168.1.20", 0), F::ipv4("pdp_ip0", "10.0.0.8", 0),
-                         F::ipv4("en1", "192.168.2.1", kUp), F::withoutAddress("en2", kUp)});
+  addresses.setEntries({F::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK),
+                        F::ipv4("en0", "192.168.1.10", kUp), F::ipv4("en0", "192.168.1.11", kUp),
+                        F::ipv6("en0", "fe80::1", kUp, 0x01020304),
+                        F::ipv4("en0", "192.168.1.20", 0), F::ipv4("pdp_ip0", "10.0.0.8", 0),
+                        F::ipv4("en1", "192.168.2.1", kUp), F::withoutAddress("en2", kUp)});
   // The IPv6 text is read from the flow information on: 01020304 fe80 0 ...
   EXPECT_EQ(service->getIPAddressesDict(), (QVValue{{"en0/ipv4", "192.168.1.11"},
                                                     {"en0/ipv6", "102:304:fe80::"},
@@ -176,7 +159,7 @@ TEST_F(QVEnvironmentalSerivceTest, AddressesOfTheInterfacesAsTheHostListsThem) {
   EXPECT_EQ(service->networkWiFiIPAddress(), "192.168.1.20");
   EXPECT_EQ(service->networkIPAddress(), "10.0.0.7") << "looked up once per process";
   EXPECT_EQ(service->networkCarrierName(), "Carrier");
-  addresses->setFails(true);
+  addresses.setFails(true);
   EXPECT_EQ(service->networkWiFiIPAddress(), "");
   EXPECT_EQ(service->networkIPAddress(), "10.0.0.7");
 }

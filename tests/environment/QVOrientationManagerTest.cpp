@@ -16,35 +16,25 @@ namespace qv {
 namespace {
 
 using M = QVOrientationManager;
+using Heard = std::vector<int64_t>;
 
-// The angle tables as the contract lists them: a row per device orientation
-// 0..6, a column per interface orientation 0..4; unlisted pairs are 0.
-// clang-format off
-constexpr int64_t kDeviceDegrees[7][5] = {
-    // interface: unknown, portrait, upside down, landscape right, landscape left
-    {0,   0, 0,   0,   0},  // unknown
-    {0,   0, 0,   0, 180},  // portrait
-    {0, 180, 0, 180,   0},  // portrait upside down
-    {0,  90, 0,  90, -90},  // landscape left
-    {0, -90, 0, -90,  90},  // landscape right
-    {0,   0, 0,   0,   0},  // face up
-    {0,   0, 0,   0,   0}}; // face down
-constexpr int64_t kUIDegrees[7][5] = {
-    {0,   0, 0,   0,   0},
-    {0,   0, 0, -90,  90},
-    {0, 180, 0,  90, -90},
-    {0,  90, 0,   0, 180},
-    {0, -90, 0, 180,   0},
-    {0,   0, 0,   0,   0},
-    {0,   0, 0,   0,   0}};
-// clang-format on
+// The rule behind both angle tables: a standing device (1..4) has an angle
+// (0, 180, 90, -90) which the interface orientation turns (a column of
+// turn, by interface 0..4), wrapped into (-180, 180]. Unknown and upside-down
+// interfaces, and flat or unknown devices, give 0.
+int64_t expectedDegrees(int64_t device, int64_t ui, const int64_t (&turn)[5]) {
+  const int64_t angle[] = {0, 0, 180, 90, -90};
+  if (device < 1 || device > 4 || ui == 0 || ui == 2) return 0;
+  const int64_t degrees = angle[device] + turn[ui];
+  return degrees > 180 ? degrees - 360 : degrees <= -180 ? degrees + 360 : degrees;
+}
 
 struct Listener : QVOrientationManagerDelegate {
   bool qvOrientationChanged(int64_t deviceOrientation) override {
     heard.push_back(deviceOrientation);
     return true;
   }
-  std::vector<int64_t> heard;
+  Heard heard;
 };
 
 class QVOrientationManagerTest : public ::testing::Test {
@@ -66,21 +56,20 @@ class QVOrientationManagerTest : public ::testing::Test {
 
 // The screen's dimensions are the main screen's (on Linux 0 x 0 points).
 TEST_F(QVOrientationManagerTest, TablesGiveTheListedAnglesAndNamesAndTheScreenItsSize) {
-  for (int64_t device = 0; device <= 6; ++device) {
-    for (int64_t ui = 0; ui <= 4; ++ui) {
+  for (int64_t device = -1; device <= 7; ++device) {
+    for (int64_t ui = 0; ui <= 5; ++ui) {
       SCOPED_TRACE(testing::Message() << "device " << device << ", interface " << ui);
       EXPECT_EQ(M::getAdjustedDeviceOrientationAndUIOrientation(device, ui),
-                kDeviceDegrees[device][ui]);
+                ui == 5 ? 0 : expectedDegrees(device, ui, {0, 0, 0, 0, 180}));
       EXPECT_EQ(M::getAdjustedUIOrientationForDeviceOrientationAndUIOrientation(device, ui),
-                kUIDegrees[device][ui]);
+                ui == 5 ? 0 : expectedDegrees(device, ui, {0, 0, 0, -90, 90}));
     }
   }
-  EXPECT_EQ(M::getAdjustedDeviceOrientationAndUIOrientation(3, 7), 0);
-  EXPECT_EQ(M::getAdjustedUIOrientationForDeviceOrientationAndUIOrientation(-1, 1), 0);
-  const std::vector<std::string> names = {"UNKNOWN",   "PORTRAIT", "PORTRAIT", "LANDSCAPE",
-                                          "LANDSCAPE", "FLAT",     "FLAT",     "UNKNOWN"};
-  for (int64_t code = 0; code <= 7; ++code) EXPECT_EQ(M::getOrientationName(code), names[code]);
-  EXPECT_EQ(M::getOrientationName(-1), "UNKNOWN");
+  const std::vector<std::string> names = {"UNKNOWN",  "UNKNOWN",   "PORTRAIT",
+                                          "PORTRAIT", "LANDSCAPE", "LANDSCAPE",
+                                          "FLAT",     "FLAT",      "UNKNOWN"};
+  for (int64_t code = -1; code <= 7; ++code)
+    EXPECT_EQ(M::getOrientationName(code), names[code + 1]);
   EXPECT_EQ(QVScreen::mainScreen()->scale(), 1.0);
   QVScreen::setMainScreen(375, 667, 2.0);
   EXPECT_EQ(manager_->currentScreenDimensions(), std::make_pair(375.0, 667.0));
@@ -88,47 +77,37 @@ TEST_F(QVOrientationManagerTest, TablesGiveTheListedAnglesAndNamesAndTheScreenIt
   EXPECT_EQ(manager_->currentScreenDimensions(), std::make_pair(0.0, 0.0));
 }
 
-TEST_F(QVOrientationManagerTest, ReportsTurnsButNotRepeatsOrFlatOrUnknown) {
+TEST_F(QVOrientationManagerTest, ReportsTurnsButNotRepeatsFlatUnknownOrWhileTurnedOff) {
   turn(1, 3);  // not generating yet: no event
   EXPECT_TRUE(manager_->startMonitoringOrientationChanges());
   EXPECT_TRUE(manager_->orientationMonitoringRunning());
   // The start reads both orientations: portrait under landscape right.
   EXPECT_EQ(manager_->currentUIOrientationInDegrees(), -90);
-
-  turn(1);  // first event after a start: reported even though unchanged
-  turn(1);
-  turn(5);
-  turn(1);  // back from lying flat: the same as before, so no report
-  EXPECT_EQ(listener_->heard, (std::vector<int64_t>{1}));
+  // The first event after a start is reported even though unchanged; back
+  // from lying flat is the same as before, so no report.
+  for (int64_t device : {1, 1, 5, 1}) turn(device);
+  EXPECT_EQ(listener_->heard, Heard{1});
   turn(6, 4);
   turn(0, 4);
   EXPECT_EQ(manager_->currentDeviceOrientation(), 1);  // flat and unknown are not stored
-
+  setTurnOff(true);
   turn(3, 3);
-  EXPECT_EQ(listener_->heard, (std::vector<int64_t>{1, 3}));
+  EXPECT_EQ(manager_->currentDeviceOrientation(), 1) << "every event ignored";
+  setTurnOff(false);
+  turn(3, 3);
+  EXPECT_EQ(listener_->heard, (Heard{1, 3}));
   EXPECT_EQ(manager_->currentUIOrientation(), 3);
   EXPECT_EQ(manager_->currentDeviceOrientationInDegrees(), 90);
   EXPECT_EQ(manager_->currentUIOrientationInDegrees(), 0);
 }
 
-TEST_F(QVOrientationManagerTest, TurnOffCorrectOrientationUpdatesIgnoresEveryEvent) {
-  manager_->startMonitoringOrientationChanges();
-  setTurnOff(true);
-  turn(3, 3);
-  EXPECT_TRUE(listener_->heard.empty());
-  EXPECT_EQ(manager_->currentDeviceOrientation(), 0);
-  setTurnOff(false);
-  turn(3, 3);  // the ignored event left nothing behind to compare with
-  EXPECT_EQ(listener_->heard, (std::vector<int64_t>{3}));
-}
-
-TEST_F(QVOrientationManagerTest, StartStopAndRestartKeepOneObservation) {
+// The manager keeps neither its delegate nor, once gone, its observation.
+TEST_F(QVOrientationManagerTest, StartStopRestartAndGoneDelegatesKeepOneObservation) {
   manager_->startMonitoringOrientationChanges();
   manager_->startMonitoringOrientationChanges();
   manager_->startListeningToOrientationNotifications();
   turn(2);
-  EXPECT_EQ(listener_->heard, (std::vector<int64_t>{2}));
-
+  EXPECT_EQ(listener_->heard, Heard{2});
   EXPECT_TRUE(manager_->stopMonitoringOrientationChanges());
   EXPECT_FALSE(manager_->orientationMonitoringRunning());
   EXPECT_TRUE(QVDevice::currentDevice().isGeneratingDeviceOrientationNotifications());
@@ -139,29 +118,23 @@ TEST_F(QVOrientationManagerTest, StartStopAndRestartKeepOneObservation) {
   manager_->startMonitoringOrientationChanges();
   EXPECT_EQ(manager_->currentDeviceOrientationInDegrees(), 90);
   turn(4, 4);
-  EXPECT_EQ(listener_->heard, (std::vector<int64_t>{2, 4}));
+  EXPECT_EQ(listener_->heard, (Heard{2, 4}));
   QVDevice::currentDevice().endGeneratingDeviceOrientationNotifications();
-  EXPECT_FALSE(manager_->orientationMonitoringRunning());
-}
-
-TEST_F(QVOrientationManagerTest, GoneDelegatesAndManagersAreLeftAlone) {
+  EXPECT_FALSE(manager_->orientationMonitoringRunning()) << "the device stopped generating";
   manager_->startMonitoringOrientationChanges();
   std::weak_ptr<Listener> gone = listener_;
   listener_.reset();
-  EXPECT_TRUE(gone.expired());  // the manager does not keep it alive
+  EXPECT_TRUE(gone.expired());
   turn(1);
   EXPECT_EQ(manager_->currentDeviceOrientation(), 1);
-
   auto next = std::make_shared<Listener>();
   manager_->setDelegate(next);
   turn(2);
-  EXPECT_EQ(next->heard, (std::vector<int64_t>{2}));
-
   const void* key = manager_.get();
   manager_.reset();
   EXPECT_EQ(QVNotificationCenter::defaultCenter().observationCount(key), 0u);
   turn(3);
-  EXPECT_EQ(next->heard, (std::vector<int64_t>{2}));
+  EXPECT_EQ(next->heard, Heard{2});
 }
 
 TEST_F(QVOrientationManagerTest, HostThreadsReportAndReadWhileTheMainLoopHandles) {
@@ -170,15 +143,14 @@ TEST_F(QVOrientationManagerTest, HostThreadsReportAndReadWhileTheMainLoopHandles
   std::thread reader([&] {
     while (reading) (void)manager_->currentDeviceOrientationInDegrees();
   });
-  std::thread host([] {
+  std::thread([] {
     for (int64_t o : {1, 3, 2, 4}) QVDevice::currentDevice().setOrientation(o);
-  });
-  host.join();
+  }).join();
   // Every event reads the device as it is now, so only the last one counts.
   QVRunLoop::main().runUntilIdle();
   reading = false;
   reader.join();
-  EXPECT_EQ(listener_->heard, (std::vector<int64_t>{4}));
+  EXPECT_EQ(listener_->heard, Heard{4});
 }
 
 }  // namespace
