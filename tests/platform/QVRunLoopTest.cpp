@@ -1,3 +1,5 @@
+// The run loop (virtual and real time, host loops, descriptor watches), the
+// timers and serial queues built on it, and the global queue.
 #include "qvcore/platform/QVRunLoop.h"
 
 #include <fcntl.h>
@@ -5,10 +7,15 @@
 #include <poll.h>
 
 #include <atomic>
+#include <cmath>
 #include <filesystem>
+#include <future>
 #include <thread>
 
 #include "qvcore/platform/QVFakeClock.h"
+#include "qvcore/platform/QVGlobalQueue.h"
+#include "qvcore/platform/QVRepeatingTimer.h"
+#include "qvcore/platform/QVSerialQueue.h"
 
 using namespace std::chrono_literals;
 
@@ -16,6 +23,16 @@ namespace qv {
 namespace {
 
 constexpr auto kPatience = 10s;  // bounds real waits: a broken wake-up fails, not hangs
+
+// A loop of its own on a fake clock.
+struct VirtualLoop {
+  void advance(QVClock::Duration step) {
+    clock->advance(step);
+    loop.runUntilIdle();
+  }
+  std::shared_ptr<QVFakeClock> clock = std::make_shared<QVFakeClock>();
+  QVRunLoop loop{clock};
+};
 
 TEST(QVRunLoopTest, CurrentIsMainOnTheMainThreadOrWhilePumpedElseOnePerThread) {
   EXPECT_EQ(&QVRunLoop::current(), &QVRunLoop::main());
@@ -47,14 +64,12 @@ TEST(QVRunLoopTest, RealClockDelayedTaskWakesABlockedPump) {
 // into never, across changes of clock; the clock's move from another thread
 // wakes a blocked pump.
 TEST(QVRunLoopTest, VirtualTimeRunsDelayedTasksInDueOrderAndWakesABlockedPump) {
-  auto clock = std::make_shared<QVFakeClock>();
-  QVRunLoop loop(clock);
+  VirtualLoop v;
   std::string ran;
   for (auto [due, name] : {std::pair{30s, "30s "}, {10s, "10s-a "}, {10s, "10s-b "}, {0s, "now "}})
-    loop.postAfter(due, [&ran, name] { ran += name; });
+    v.loop.postAfter(due, [&ran, name] { ran += name; });
   const auto after = [&](QVClock::Duration step) {
-    clock->advance(step);
-    loop.runUntilIdle();
+    v.advance(step);
     return ran;
   };
   EXPECT_EQ(after(0s), "now ");
@@ -63,16 +78,16 @@ TEST(QVRunLoopTest, VirtualTimeRunsDelayedTasksInDueOrderAndWakesABlockedPump) {
   EXPECT_EQ(after(1h), "now 10s-a 10s-b 30s ");
 
   // The due time saturates on the way to a clock that is ahead, not back.
-  loop.postAfter(QVRunLoop::Duration::max(), [&] { ran += "never"; });
+  v.loop.postAfter(QVRunLoop::Duration::max(), [&] { ran += "never"; });
   constexpr auto kCentury = std::chrono::hours(24 * 365 * 100);
-  loop.setClock(std::make_shared<QVFakeClock>(clock->now() + 2 * kCentury));
-  loop.setClock(clock);
+  v.loop.setClock(std::make_shared<QVFakeClock>(v.clock->now() + 2 * kCentury));
+  v.loop.setClock(v.clock);
   EXPECT_EQ(after(kCentury), "now 10s-a 10s-b 30s ");
 
   std::atomic<bool> woke = false;
-  loop.postAfter(5s, [&] { woke = true; });
-  std::thread mover([&] { clock->advance(5s); });  // runUntil alone releases nothing
-  EXPECT_TRUE(loop.runUntil([&] { return woke.load(); }, kPatience));
+  v.loop.postAfter(5s, [&] { woke = true; });
+  std::thread mover([&] { v.clock->advance(5s); });  // runUntil alone releases nothing
+  EXPECT_TRUE(v.loop.runUntil([&] { return woke.load(); }, kPatience));
   mover.join();
 }
 
@@ -184,6 +199,122 @@ TEST(QVRunLoopWatchTest, AHostLoopPollingTheDescriptorRunsTasksTimersAndWatches)
   loop.dispatchPending();
   pipe.write("unwatched");
   EXPECT_FALSE(readable(fd));
+}
+
+// The fires due at 180, 210 and 240 s collapse into one; 270 s is on the
+// grid. The loop holds a valid timer, so one its owner dropped fires until it
+// invalidates itself. Tiny, zero, negative and NaN intervals become a tenth
+// of a millisecond.
+TEST(QVRepeatingTimerTest, FiresOnTheGridUntilInvalidatedEvenWhenDropped) {
+  VirtualLoop v;
+  int fired = 0;
+  auto timer = QVRepeatingTimer::scheduledTimer(v.loop, 30.0, [&] { ++fired; });
+  std::string counts;  // after each step
+  const QVClock::Duration steps[] = {30s - 1ns, 1ns, 30s, 30s, 30s, 30s, 105s, 14s, 1s};
+  for (auto step : steps) {
+    v.advance(step);
+    counts += std::to_string(fired) + " ";
+  }
+  EXPECT_EQ(counts, "0 1 2 3 4 5 6 6 7 ");
+  timer->invalidate();
+  v.advance(300s);
+  EXPECT_FALSE(timer->isValid());
+  EXPECT_EQ(fired, 7);
+
+  auto payload = std::make_shared<int>(0);
+  std::weak_ptr<QVRepeatingTimer> weak;
+  weak = QVRepeatingTimer::scheduledTimer(v.loop, 1.0, [payload, &weak] {
+    if (++*payload == 3) weak.lock()->invalidate();
+  });
+  for (int i = 0; i < 5; ++i) v.advance(1s);
+  EXPECT_EQ(*payload, 3);
+  EXPECT_EQ(payload.use_count(), 1);  // the callback was released
+  EXPECT_TRUE(weak.expired());        // and the timer, by its last task
+
+  for (double seconds : {1e-9, 0.0, -5.0, std::nan("")}) {
+    auto tiny = QVRepeatingTimer::scheduledTimer(v.loop, seconds, [&] { ++fired; });
+    EXPECT_DOUBLE_EQ(tiny->interval(), 0.0001) << seconds;
+  }
+  v.advance(100us);  // all four fire, and none more than once
+  EXPECT_EQ(fired, 11);
+}
+
+TEST(QVSerialQueueTest, TasksFromSeveralProducersRunInOrderAndFinishBeforeDestruction) {
+  constexpr int kProducers = 4, kTasks = 300;
+  std::vector<std::vector<int>> seen(kProducers);  // the worker's until the queue is gone
+  {
+    QVSerialQueue queue("test.order");
+    // Holds the worker until every task is queued, so the destructor meets a
+    // full queue.
+    std::promise<void> queued;
+    queue.async([all = queued.get_future().share()] { all.wait(); });
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+      producers.emplace_back([&, p] {
+        for (int i = 0; i < kTasks; ++i) queue.async([&, p, i] { seen[p].push_back(i); });
+      });
+    }
+    for (auto& producer : producers) producer.join();
+    queued.set_value();
+  }
+  for (const auto& fromProducer : seen) {
+    ASSERT_EQ(fromProducer.size(), static_cast<size_t>(kTasks));
+    for (int i = 0; i < kTasks; ++i) EXPECT_EQ(fromProducer[i], i);
+  }
+}
+
+TEST(QVSerialQueueTest, SyncRunsOnTheWorkerInlineWhenNestedAndRethrows) {
+  QVSerialQueue queue("test.sync");
+  std::thread::id worker;
+  bool current = false, nestedRan = false;
+  queue.sync([&] {
+    worker = std::this_thread::get_id();
+    current = queue.isCurrent() && &QVRunLoop::current() == &queue.runLoop();
+    queue.sync([&] { nestedRan = true; });  // would wait for itself if queued
+  });
+  EXPECT_NE(worker, std::this_thread::get_id());
+  EXPECT_TRUE(current);
+  EXPECT_TRUE(nestedRan);
+  EXPECT_THROW(queue.sync([] { throw std::runtime_error("failed"); }), std::runtime_error);
+}
+
+TEST(QVSerialQueueTest, DroppingTheLastReferenceOnItsOwnThreadDoesNotDeadlock) {
+  auto queue = std::make_shared<QVSerialQueue>("test.self");
+  auto laterRan = std::make_shared<std::promise<void>>();
+  auto loopGone = std::make_shared<std::promise<void>>();
+  auto mainDropped = std::make_shared<std::promise<void>>();
+  // Dropped, with the worker's loop, once the detached worker ends.
+  std::shared_ptr<void> signal(nullptr, [loopGone](void*) { loopGone->set_value(); });
+  queue->runLoop().postAfter(1h, [signal] {});
+  signal.reset();
+  queue->async([q = queue, dropped = mainDropped->get_future().share()]() mutable {
+    dropped.wait();
+    q.reset();  // the last reference: the destructor runs here
+  });
+  queue->async([laterRan] { laterRan->set_value(); });
+  queue.reset();
+  mainDropped->set_value();
+  EXPECT_EQ(laterRan->get_future().wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(loopGone->get_future().wait_for(10s), std::future_status::ready);
+}
+
+// Two tasks that each wait for the other finish only when they run at once.
+TEST(QVGlobalQueueTest, TasksRunConcurrently) {
+  auto first = std::make_shared<std::promise<void>>();
+  auto second = std::make_shared<std::promise<void>>();
+  auto done = std::make_shared<std::promise<bool>>();
+  auto result = done->get_future();
+  QVGlobalQueue::async([=] {
+    first->set_value();
+    done->set_value(second->get_future().wait_for(std::chrono::seconds(30)) ==
+                    std::future_status::ready);
+  });
+  QVGlobalQueue::async([=] {
+    second->set_value();
+    first->get_future().wait_for(std::chrono::seconds(30));
+  });
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  EXPECT_TRUE(result.get());
 }
 
 }  // namespace

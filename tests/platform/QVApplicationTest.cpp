@@ -1,4 +1,5 @@
-// Lifecycle events and background tasks of the host application.
+// The host application and device: facts with Linux defaults, lifecycle and
+// orientation events, background tasks.
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
@@ -6,6 +7,7 @@
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVApplication.h"
+#include "qvcore/platform/QVDevice.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
 
@@ -13,6 +15,7 @@ namespace qv {
 namespace {
 
 using Event = QVApplication::LifecycleEvent;
+using Languages = std::vector<std::string>;
 
 TEST(QVApplicationLifecycleTest, EventsReachObserversOnTheMainLoopAfterTheStateMoved) {
   QVApplication& app = QVApplication::sharedApplication();
@@ -21,7 +24,9 @@ TEST(QVApplicationLifecycleTest, EventsReachObserversOnTheMainLoopAfterTheStateM
   QVNotificationCenter::defaultCenter().addObserver(&observer, "", &app, [&](const auto& n) {
     seen += n.name + ":" + std::to_string(app.applicationState().value_or(-1)) + " ";
   });
-  std::thread([&] { app.postLifecycleEvent(Event::kDidEnterBackground); }).join();  // from a host thread
+  std::thread([&] {
+    app.postLifecycleEvent(Event::kDidEnterBackground);
+  }).join();  // from a host thread
   EXPECT_EQ(seen, "") << "delivered only when the main loop runs";
   QVRunLoop::main().runUntilIdle();
   for (Event event : {Event::kWillEnterForeground, Event::kDidBecomeActive, Event::kWillTerminate,
@@ -38,6 +43,7 @@ TEST(QVApplicationLifecycleTest, EventsReachObserversOnTheMainLoopAfterTheStateM
   QVNotificationCenter::defaultCenter().removeObserver(&observer);
 }
 
+// The remaining time is unlimited until the host reports it.
 TEST(QVApplicationLifecycleTest, BackgroundTasksExpireOnlyWhenTheHostSaysSoAndOnlyOnce) {
   QVApplication& app = QVApplication::sharedApplication();
   std::vector<std::string> expired;
@@ -72,10 +78,7 @@ TEST(QVApplicationLifecycleTest, BackgroundTasksExpireOnlyWhenTheHostSaysSoAndOn
   EXPECT_EQ(app.beginBackgroundTaskWithNameExpirationHandler("no", [witness] { ++*witness; }),
             kUIBackgroundTaskInvalid);
   EXPECT_EQ(witness.use_count(), 1) << "a refused task's handler is not kept";
-}
 
-TEST(QVApplicationLifecycleTest, RemainingTimeIsUnlimitedUntilTheHostReportsIt) {
-  QVApplication& app = QVApplication::sharedApplication();
   const double unlimited = std::numeric_limits<double>::max();
   EXPECT_EQ(app.backgroundTimeRemaining(), unlimited);
   for (const auto& [reported, remaining] : {std::pair<std::optional<double>, double>{29.5, 29.5},
@@ -86,21 +89,89 @@ TEST(QVApplicationLifecycleTest, RemainingTimeIsUnlimitedUntilTheHostReportsIt) 
   }
 }
 
-TEST(QVApplicationTest, HostFactsWithLinuxDefaults) {
+// What the host sets replaces the Linux answer; an empty or zero value
+// brings it back.
+TEST(QVApplicationTest, HostFactsAreLinuxsUntilTheHostSetsItsOwn) {
   QVApplication& app = QVApplication::sharedApplication();
+  QVDevice& device = QVDevice::currentDevice();
   EXPECT_EQ(app.applicationState(), 0);
   app.setStatusBarOrientation(5);  // not an interface orientation
   EXPECT_EQ(app.statusBarOrientation(), 0);
-
   struct utsname u {};
   ASSERT_EQ(::uname(&u), 0);
   const std::string linuxAgent = app.userAgent();
   EXPECT_EQ(linuxAgent, std::string("Mozilla/5.0 (X11; ") + u.sysname + " " + u.machine +
                             ") QVCore/" + QVCore::sharedInstance()->frameworkVersion());
+  EXPECT_EQ(device.systemName() + " " + device.systemVersion(),
+            std::string(u.sysname) + " " + u.release);
+  EXPECT_FALSE(device.model().empty());
+  EXPECT_EQ(device.batteryLevel(), -1.0f);
+  EXPECT_GT(device.userMemory(), 0u);
+  EXPECT_LE(device.userMemory(), device.physicalMemory());
+
   app.setUserAgent("Mozilla/5.0 (iPhone)");
-  EXPECT_EQ(app.userAgent(), "Mozilla/5.0 (iPhone)");
+  device.setSystemName("iOS");
+  device.setPhysicalMemory(1ull << 40);
+  EXPECT_EQ(app.userAgent() + " " + device.systemName(), "Mozilla/5.0 (iPhone) iOS");
+  EXPECT_EQ(device.physicalMemory(), 1ull << 40);
   app.setUserAgent("");
+  device.setSystemName("");
+  device.setPhysicalMemory(0);
   EXPECT_EQ(app.userAgent(), linuxAgent);
+  EXPECT_EQ(device.systemName(), u.sysname);
+  EXPECT_NE(device.physicalMemory(), 1ull << 40);
+}
+
+TEST(QVDeviceTest, PreferredLanguagesComeFromTheLocaleEnvironment) {
+  const char* const names[] = {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"};
+  const std::pair<std::vector<const char*>, Languages> cases[] = {
+      {{"fr_CA:fr:en_US.UTF-8", "de_DE", nullptr, nullptr}, {"fr-CA", "fr", "en-US"}},
+      {{"sr_RS@latin:C:fr_ca.utf8:fr_CA", nullptr, nullptr, nullptr}, {"sr-RS", "fr-CA"}},
+      {{nullptr, "de_DE.UTF-8@euro", "it_IT", "fr_FR"}, {"de-DE"}},
+      {{"", "", "es_419", "fr_FR"}, {"es-419"}},
+      {{":C:x:fr_CANADA", nullptr, nullptr, "pt_BR.utf8"}, {"pt-BR"}},
+      {{nullptr, nullptr, nullptr, "C.UTF-8"}, {"en-US"}},
+      {{"POSIX", nullptr, nullptr, nullptr}, {"en-US"}},
+  };
+  QVDevice& device = QVDevice::currentDevice();
+  for (const auto& [values, expected] : cases) {
+    for (int i = 0; i < 4; ++i) values[i] ? ::setenv(names[i], values[i], 1) : ::unsetenv(names[i]);
+    EXPECT_EQ(device.preferredLanguages(), expected) << expected.front();
+  }
+  device.setPreferredLanguages({"ja-JP"});
+  EXPECT_EQ(device.preferredLanguages(), Languages{"ja-JP"});
+  device.setPreferredLanguages({});
+  EXPECT_EQ(device.preferredLanguages(), Languages{"en-US"});
+}
+
+// Begins nest, an unmatched end is ignored; a repeat is an event too, and a
+// code that is not a device orientation reads as unknown.
+TEST(QVDeviceTest, OrientationEventsReachTheMainLoopOnlyWhileGenerating) {
+  QVDevice& device = QVDevice::currentDevice();
+  std::string seen;  // the orientation when each notification arrives
+  int observer = 0;
+  QVNotificationCenter::defaultCenter().addObserver(
+      &observer, UIDeviceOrientationDidChangeNotification, &device,
+      [&](const QVNotification&) { seen += std::to_string(device.orientation()); });
+  const auto set = [&](int64_t orientation) {
+    device.setOrientation(orientation);
+    QVRunLoop::main().runUntilIdle();
+  };
+  set(1);
+  device.beginGeneratingDeviceOrientationNotifications();
+  device.beginGeneratingDeviceOrientationNotifications();
+  device.setOrientation(3);
+  EXPECT_EQ(seen, "") << "not before the main loop runs";
+  for (int64_t orientation : {3, 7}) set(orientation);
+  device.endGeneratingDeviceOrientationNotifications();
+  set(2);
+  device.endGeneratingDeviceOrientationNotifications();
+  device.endGeneratingDeviceOrientationNotifications();
+  set(4);
+  device.beginGeneratingDeviceOrientationNotifications();
+  set(6);
+  EXPECT_EQ(seen, "33026");
+  QVNotificationCenter::defaultCenter().removeObserver(&observer);
 }
 
 }  // namespace
