@@ -1,13 +1,21 @@
+// Property lists in both forms, and the keyed archives written as binary
+// property lists.
 #include "qvcore/platform/QVPropertyList.h"
 
 #include <gtest/gtest.h>
 
 #include "config/QVConfigTestSupport.h"
+#include "qvcore/platform/QVArchiveException.h"
+#include "qvcore/platform/QVKeyedArchiver.h"
+#include "qvcore/platform/QVKeyedUnarchiver.h"
 
 namespace qv {
 namespace {
 
 using Format = QVPropertyList::Format;
+using Bytes = std::vector<uint8_t>;
+constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
+constexpr uint64_t kUMax = std::numeric_limits<uint64_t>::max();
 
 QVValue sampleDictionary() {
   return QVValue::parse(R"({
@@ -47,34 +55,6 @@ TEST(QVPropertyListTest, ReadsHandWrittenXmlWithDatesAndData) {
       QVValue::parse(R"({"When": "2020-02-03T04:05:06Z", "Blob": "AAEC/w==", "Timeout": 5.5})"));
 }
 
-// {"x": -90} as the platform writes it: an 8-byte big-endian integer.
-const unsigned char kBinaryMinus90[] = {
-    0x62, 0x70, 0x6c, 0x69, 0x73, 0x74, 0x30, 0x30, 0xd1, 0x01, 0x02, 0x51, 0x78, 0x13, 0xff,
-    0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xa6, 0x08, 0x0b, 0x0d, 0x00, 0x00, 0x00, 0x00, 0x00,
-    0x00, 0x01, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00, 0x00,
-    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x16};
-
-TEST(QVPropertyListTest, BinaryNegativeIntegerReadsSignedAndDamageIsRefused) {
-  const std::string good(reinterpret_cast<const char*>(kBinaryMinus90), sizeof kBinaryMinus90);
-  EXPECT_EQ(QVPropertyList::dictionaryWithData(good).value_or(nullptr).dump(), R"({"x":-90})");
-  const std::size_t trailer = good.size() - 32;
-  auto patched = [&](std::size_t at, unsigned char byte) {
-    std::string bytes = good;
-    bytes[at] = static_cast<char>(byte);
-    return bytes;
-  };
-  // Offset table offset past the end, an object offset past the table, a
-  // reference to an object that does not exist, a root index out of range,
-  // zero-sized offsets, a dictionary that contains itself, and a key that
-  // holds a NUL (on which libplist would abort).
-  for (const std::string& bad :
-       {patched(trailer + 31, 0xff), patched(0x16, 0x40), patched(0x0a, 0x07),
-        patched(trailer + 23, 0x05), patched(trailer + 6, 0x00), patched(0x0a, 0x00),
-        patched(0x0c, 0x00)}) {
-    EXPECT_FALSE(QVPropertyList::dictionaryWithData(bad));
-  }
-}
-
 // A binary list of count objects: object 0 is true, object i an array that
 // refers refs times to object i-1.
 std::string nestedBinary(int count, int refs) {
@@ -96,7 +76,33 @@ std::string nestedBinary(int count, int refs) {
   return objects + offsets + trailer;
 }
 
-TEST(QVPropertyListTest, BinaryNestingAndSharingAreBounded) {
+// {"x": -90} as the platform writes it: an 8-byte big-endian integer.
+// {"x": -90} as the platform writes it: an 8-byte big-endian integer. The
+// objects (a dictionary, its key, the integer), their offsets, and the
+// trailer: 1-byte offsets and references, 3 objects, root 0, table at 0x16.
+const std::string kBinaryMinus90 = "bplist00\xd1\x01\x02\x51x\x13\xff\xff\xff\xff\xff\xff\xff\xa6" +
+                                   std::string("\x08\x0b\x0d") + std::string(6, '\0') + "\x01\x01" +
+                                   std::string(7, '\0') + "\x03" + std::string(15, '\0') + "\x16";
+
+TEST(QVPropertyListTest, BinaryInputReadsSignedAndRefusesDamageDepthAndSharing) {
+  const std::string& good = kBinaryMinus90;
+  EXPECT_EQ(QVPropertyList::dictionaryWithData(good).value_or(nullptr).dump(), R"({"x":-90})");
+  const std::size_t trailer = good.size() - 32;
+  auto patched = [&](std::size_t at, unsigned char byte) {
+    std::string bytes = good;
+    bytes[at] = static_cast<char>(byte);
+    return bytes;
+  };
+  // Offset table offset past the end, an object offset past the table, a
+  // reference to an object that does not exist, a root index out of range,
+  // zero-sized offsets, a dictionary that contains itself, and a key that
+  // holds a NUL (on which libplist would abort).
+  for (const std::string& bad :
+       {patched(trailer + 31, 0xff), patched(0x16, 0x40), patched(0x0a, 0x07),
+        patched(trailer + 23, 0x05), patched(trailer + 6, 0x00), patched(0x0a, 0x00),
+        patched(0x0c, 0x00)}) {
+    EXPECT_FALSE(QVPropertyList::dictionaryWithData(bad));
+  }
   EXPECT_EQ(QVPropertyList::propertyListWithData(nestedBinary(4, 2)),
             QVValue::parse("[[[true, true], [true, true]], [[true, true], [true, true]]]"));
   // Deep enough to overflow the stack of a recursive reader.
@@ -127,6 +133,122 @@ TEST(QVPropertyListTest, MalformedMisshapenMissingOrHugeInputGivesNone) {
   const std::string huge = folder.write("huge.plist", "<plist><dict></dict></plist>");
   ASSERT_EQ(::truncate(huge.c_str(), 50L * 1024 * 1024), 0);
   EXPECT_FALSE(QVPropertyList::dictionaryWithContentsOfFile(huge));
+}
+
+// An archivable class as a module would write one.
+struct Sample : QVCoding {
+  Sample() = default;
+  explicit Sample(const QVKeyedUnarchiver& coder) : number(coder.decodeInt64ForKey("number")) {}
+  void encodeWithCoder(QVKeyedArchiver& coder) const override {
+    coder.encodeInt64ForKey(number, "number");
+  }
+  int64_t number = -7;
+};
+
+const std::string kText = "h\xC3\xA9llo \xE2\x9C\x93 \xF0\x9F\x98\x80";
+
+// A value of each kind, and a key written twice.
+Bytes sampleArchive() {
+  QVKeyedArchiver archiver;
+  archiver.encodeInt64ForKey(-1, "minusOne");
+  archiver.encodeInt64ForKey(kMin, "min");
+  archiver.encodeUInt64ForKey(kUMax, "umax");
+  archiver.encodeDoubleForKey(-2.5e300, "real");
+  archiver.encodeBoolForKey(true, "flag");
+  archiver.encodeObjectForKey(kText, "text");
+  archiver.encodeObjectForKey("plain", "ascii");
+  archiver.encodeObjectForKey(std::nullopt, "absent");
+  archiver.encodeInt64ForKey(7, "replaced");
+  archiver.encodeInt64ForKey(8, "replaced");
+  return archiver.archivedData();
+}
+
+TEST(QVKeyedArchiveTest, TypedValuesRoundTrip) {
+  const Bytes data = sampleArchive();
+  EXPECT_EQ(std::string(data.begin(), data.begin() + 8), "bplist00");
+  QVKeyedUnarchiver coder(data);
+  ASSERT_TRUE(coder.isValid());
+  EXPECT_EQ(coder.decodeInt64ForKey("minusOne"), -1);
+  EXPECT_EQ(coder.decodeInt64ForKey("min"), kMin);
+  EXPECT_EQ(coder.decodeUInt64ForKey("umax"), kUMax);
+  EXPECT_EQ(coder.decodeDoubleForKey("real"), -2.5e300);
+  EXPECT_TRUE(coder.decodeBoolForKey("flag"));
+  EXPECT_EQ(coder.decodeObjectForKey("text"), kText);
+  EXPECT_EQ(coder.decodeInt64ForKey("replaced"), 8);
+  // Integers are the stored bits, whichever signedness reads them.
+  EXPECT_EQ(coder.decodeUInt64ForKey("minusOne"), kUMax);
+  EXPECT_EQ(coder.decodeDoubleForKey("minusOne"), -1.0);
+  // A value of another kind raises.
+  EXPECT_THROW(coder.decodeInt64ForKey("text"), QVArchiveException);
+  EXPECT_THROW(coder.decodeObjectForKey("flag"), QVArchiveException);
+  // Absent keys read as nothing.
+  EXPECT_FALSE(coder.containsValueForKey("absent"));
+  EXPECT_EQ(coder.decodeObjectForKey("absent"), std::nullopt);
+  EXPECT_EQ(coder.decodeUInt64ForKey("absent"), 0u);
+}
+
+TEST(QVKeyedArchiveTest, RefusesTextTheWriterWouldAlter) {
+  const std::string bad[] = {"bad\xFF", std::string("nul\0in", 6), "\xED\xA0\x80", "\xC0\xAF",
+                             "cut\xC3", "\xF4\x90\x80\x80"};
+  for (const std::string& text : bad) {
+    QVKeyedArchiver archiver;
+    EXPECT_THROW(archiver.encodeObjectForKey(text, "k"), QVArchiveException);
+    EXPECT_THROW(archiver.encodeInt64ForKey(1, text), QVArchiveException);
+    QVKeyedUnarchiver coder(archiver.archivedData());
+    EXPECT_FALSE(coder.containsValueForKey("k"));
+  }
+}
+
+TEST(QVKeyedArchiveTest, RootObjectRoundTripsAndUnreadableBytesGiveNone) {
+  auto copy = QVKeyedUnarchiver::unarchiveObjectWithData<Sample>(
+      QVKeyedArchiver::archivedDataWithRootObject(Sample()));
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(copy->number, -7);
+
+  const std::string array = nestedBinary(2, 1);  // [true]
+  const std::string xml =
+      "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>number</key>"
+      "<integer>1</integer></dict></plist>";
+  for (const Bytes& data : {Bytes{}, Bytes{'h', 'i'}, Bytes(xml.begin(), xml.end()),
+                            Bytes(array.begin(), array.end())}) {
+    EXPECT_FALSE(QVKeyedUnarchiver(data).isValid());
+    EXPECT_EQ(QVKeyedUnarchiver::unarchiveObjectWithData<Sample>(data), nullptr);
+  }
+}
+
+// Only the archive's own exception may come out of a damaged archive.
+void decodeEverything(const Bytes& data) {
+  QVKeyedUnarchiver coder(data);
+  const auto quietly = [](auto decode) {
+    try {
+      decode();
+    } catch (const QVArchiveException&) {
+    }
+  };
+  for (const char* key : {"minusOne", "umax", "real", "flag", "text", "ascii", "replaced"}) {
+    quietly([&] { coder.decodeInt64ForKey(key); });
+    quietly([&] { coder.decodeDoubleForKey(key); });
+    quietly([&] { coder.decodeObjectForKey(key); });
+  }
+}
+
+TEST(QVKeyedArchiveTest, DamagedArchivesAreReadSafely) {
+  const Bytes good = sampleArchive();
+  for (size_t length = 0; length < good.size(); ++length) {
+    const Bytes truncated(good.begin(), good.begin() + length);
+    EXPECT_FALSE(QVKeyedUnarchiver(truncated).isValid()) << "length " << length;
+    decodeEverything(truncated);
+  }
+  // A zero byte puts a NUL inside stored text, which libplist's own string
+  // getter asserts on.
+  for (size_t i = 0; i < good.size(); ++i) {
+    for (uint8_t value :
+         {uint8_t(good[i] ^ 0x01), uint8_t(good[i] ^ 0x80), uint8_t(~good[i]), uint8_t(0)}) {
+      Bytes damaged = good;
+      damaged[i] = value;
+      decodeEverything(damaged);
+    }
+  }
 }
 
 }  // namespace
