@@ -142,14 +142,14 @@ TEST_F(QVEnvironmentalSerivceTest, ApplicationAndDeviceFactsComeFromTheBundleAnd
 TEST_F(QVEnvironmentalSerivceTest, AddressesOfTheInterfacesAsTheHostListsThem) {
   F& addresses = host.addresses();
   EXPECT_EQ(service->networkWiFiIPAddress(), "");
-  addresses.setEntries({F::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK)});
+  addresses.setEntries({F::entry("lo", "127.0.0.1", kUp | IFF_LOOPBACK)});
   EXPECT_EQ(service->getIPAddressesDict(), std::nullopt);
 
-  addresses.setEntries({F::ipv4("lo", "127.0.0.1", kUp | IFF_LOOPBACK),
-                        F::ipv4("en0", "192.168.1.10", kUp), F::ipv4("en0", "192.168.1.11", kUp),
-                        F::ipv6("en0", "fe80::1", kUp, 0x01020304),
-                        F::ipv4("en0", "192.168.1.20", 0), F::ipv4("pdp_ip0", "10.0.0.8", 0),
-                        F::ipv4("en1", "192.168.2.1", kUp), F::withoutAddress("en2", kUp)});
+  addresses.setEntries({F::entry("lo", "127.0.0.1", kUp | IFF_LOOPBACK),
+                        F::entry("en0", "192.168.1.10", kUp), F::entry("en0", "192.168.1.11", kUp),
+                        F::entry("en0", "fe80::1", kUp, 0x01020304),
+                        F::entry("en0", "192.168.1.20", 0), F::entry("pdp_ip0", "10.0.0.8", 0),
+                        F::entry("en1", "192.168.2.1", kUp), F::entry("en2", "", kUp)});
   // The IPv6 text is read from the flow information on: 01020304 fe80 0 ...
   EXPECT_EQ(service->getIPAddressesDict(), (QVValue{{"en0/ipv4", "192.168.1.11"},
                                                     {"en0/ipv6", "102:304:fe80::"},
