@@ -86,10 +86,7 @@ class QVNetworkTest : public ::testing::Test {
 // type.
 TEST_F(QVNetworkTest, EvaluatesASecondAfterStartAndPostsOnlyStatusChanges) {
   EXPECT_EQ(state(), "0 UNKNOWN N/A");
-  const char* names[] = {"NotReachable", "ReachableViaWiFi", "ReachableViaWWAN", "UNKNOWN"};
-  for (int64_t status = -1; status <= 3; ++status) {
-    EXPECT_EQ(QVNetworkManager::stringForNetworkStatus(status), names[status < 0 ? 3 : status]);
-  }
+  EXPECT_EQ(QVNetworkManager::stringForNetworkStatus(-1), "UNKNOWN");
   source->setFlags(kWiFi);
   ASSERT_TRUE(manager->startNetworkMonitoring());
   settle(1s - 1ns);

@@ -50,7 +50,9 @@ TEST(QVFileSystemTest, HomeFolderComesFromTheHostThenTheEnvironment) {
   QVBundle::setMainBundlePath("");
 }
 
-TEST(QVFileSystemTest, CreatesFoldersAndWritesFilesWithExactModes) {
+// Paths not yet made are measured on the volume that would hold them; /proc
+// is another file system, whose size must not leak into the temp folder's.
+TEST(QVFileSystemTest, CreatesFoldersAndFilesWithExactModesAndMeasuresTheirVolume) {
   test::QVTempFolder folder;
   const mode_t saved = ::umask(077);
   EXPECT_TRUE(QVFileSystem::createDirectoryAtPath(folder.at("a/b/c"), 0750));
@@ -61,12 +63,6 @@ TEST(QVFileSystemTest, CreatesFoldersAndWritesFilesWithExactModes) {
   EXPECT_EQ(modeOf(folder.at("a/b/c")), 0750u) << "an existing folder keeps its mode";
   EXPECT_EQ(modeOf(folder.at("a/f")), 0640u);
   EXPECT_FALSE(QVFileSystem::createDirectoryAtPath(folder.at("a/f/d"), 0700));
-}
-
-// /proc is another file system; its size must not leak into the temp
-// folder's.
-TEST(QVFileSystemTest, PathsNotYetMadeAreMeasuredOnTheVolumeThatWouldHoldThem) {
-  test::QVTempFolder folder;
   const auto existing = QVFileSystem::attributesOfFileSystemForPath(folder.path());
   const auto missing = QVFileSystem::attributesOfFileSystemForPath(folder.at("not/yet/there"));
   const auto proc = QVFileSystem::attributesOfFileSystemForPath("/proc/self/absent/child");
@@ -78,7 +74,7 @@ TEST(QVFileSystemTest, PathsNotYetMadeAreMeasuredOnTheVolumeThatWouldHoldThem) {
   EXPECT_EQ(QVFileSystem::attributesOfFileSystemForPath(""), std::nullopt);
 }
 
-TEST(QVUserDefaultsTest, ValuesSurviveInAFreshInstanceAndPrivateFilesWhateverTheUmask) {
+TEST(QVUserDefaultsTest, ValuesSurviveInPrivateFilesAndDamagedFilesAreReplaced) {
   test::QVTempFolder folder;
   const std::string path = folder.at("home/Library/Preferences/app.plist");
   const QVValue nested = {{"list", {1, "two", true}}, {"n", -90}};
@@ -104,11 +100,9 @@ TEST(QVUserDefaultsTest, ValuesSurviveInAFreshInstanceAndPrivateFilesWhateverThe
   EXPECT_EQ(reopened.objectForKey("Brevant.UDID"), "ABC-123");
   EXPECT_EQ(reopened.objectForKey("nested"), nested);
   EXPECT_EQ(reopened.objectForKey("gone"), std::nullopt);
-}
 
-// A fifo is not a regular file: refused unread, without blocking.
-TEST(QVUserDefaultsTest, DamagedOrUnreadableFilesStartEmptyAndAreReplaced) {
-  test::QVTempFolder folder;
+  // Damaged or unreadable files start empty and are replaced; a fifo is not
+  // a regular file: refused unread, without blocking.
   folder.write("junk.plist", "\x01junk");
   folder.write("array.plist", "<plist version=\"1.0\"><array><string>x</string></array></plist>");
   ASSERT_EQ(::mkfifo(folder.at("fifo.plist").c_str(), 0600), 0);

@@ -21,18 +21,17 @@ TEST(QVLogTest, SwallowedExceptionsShowAsDebugLinesOnlyWhenAsked) {
   EXPECT_FALSE(QVLog::isDebugEnabled()) << "off unless QVCORE_DEBUG=1";
   EXPECT_EQ(QVCoreExtensions::toJson(unwritable), "");
   EXPECT_TRUE(lines.empty());
-
   QVLog::setDebugEnabled(true);
   EXPECT_EQ(QVCoreExtensions::toJson(unwritable), "");
-  QVLog::setDebugEnabled(false);
   QVLog::setSink(nullptr);
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].rfind("QVCore debug: toJson: ", 0), 0u) << lines[0];
 }
 
+// Each line arrives once and whole.
 TEST(QVLogTest, LinesReachTheSinkWholeFromAnyThreadElseStandardError) {
   std::mutex mutex;
-  std::multiset<std::string> lines;
+  std::multiset<std::string> lines, expected;
   QVLog::setSink([&](const std::string& line) {
     std::lock_guard lock(mutex);
     lines.insert(line);
@@ -42,18 +41,16 @@ TEST(QVLogTest, LinesReachTheSinkWholeFromAnyThreadElseStandardError) {
     threads.emplace_back([t] {
       for (int i = 0; i < 50; ++i) QVLog::logFormat("thread %d line %d", t, i);
     });
+    for (int i = 0; i < 50; ++i)
+      expected.insert("thread " + std::to_string(t) + " line " + std::to_string(i));
   }
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(lines.size(), 200u);
-  EXPECT_EQ(std::set<std::string>(lines.begin(), lines.end()).size(), 200u);
-  EXPECT_EQ(lines.count("thread 3 line 49"), 1u);
-
   QVLog::setSink(nullptr);
   testing::internal::CaptureStderr();
   QVLog::logFormat("Background Time:%f", 2.5);
   QVLog::log("ends\n");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Background Time:2.500000\nends\n");
-  EXPECT_EQ(lines.size(), 200u);
+  EXPECT_EQ(lines, expected);
 }
 
 }  // namespace
