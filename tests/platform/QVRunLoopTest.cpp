@@ -1,5 +1,5 @@
-// The run loop (virtual and real time, host loops, descriptor watches), the
-// timers and serial queues built on it, and the global queue.
+// The run loop (virtual and real time, host loops, descriptor watches), and
+// the timers and serial queues built on it.
 #include "qvcore/platform/QVRunLoop.h"
 
 #include <fcntl.h>
@@ -13,7 +13,6 @@
 #include <thread>
 
 #include "qvcore/platform/QVFakeClock.h"
-#include "qvcore/platform/QVGlobalQueue.h"
 #include "qvcore/platform/QVRepeatingTimer.h"
 #include "qvcore/platform/QVSerialQueue.h"
 
@@ -41,8 +40,8 @@ TEST(QVRunLoopTest, CurrentIsMainOnTheMainThreadOrWhilePumpedElseOnePerThread) {
   std::thread([&] {
     QVRunLoop::main().runUntilIdle();
     QVRunLoop& own = QVRunLoop::current();
-    EXPECT_EQ(&own, &QVRunLoop::current());
-    EXPECT_TRUE(&own != &QVRunLoop::main() && own.isCurrent() && !QVRunLoop::main().isCurrent());
+    EXPECT_TRUE(&own == &QVRunLoop::current() && &own != &QVRunLoop::main() && own.isCurrent() &&
+                !QVRunLoop::main().isCurrent());
   }).join();
   EXPECT_EQ(inTask, &QVRunLoop::main());
 }
@@ -261,43 +260,25 @@ TEST(QVSerialQueueTest, SyncRunsOnTheWorkerInlineWhenNestedAndRethrows) {
   EXPECT_THROW(queue.sync([] { throw std::runtime_error("failed"); }), std::runtime_error);
 }
 
+// The destructor then runs on the worker, which must neither wait for itself
+// nor leave the later tasks or its loop behind.
 TEST(QVSerialQueueTest, DroppingTheLastReferenceOnItsOwnThreadDoesNotDeadlock) {
   auto queue = std::make_shared<QVSerialQueue>("test.self");
   auto laterRan = std::make_shared<std::promise<void>>();
   auto loopGone = std::make_shared<std::promise<void>>();
-  auto mainDropped = std::make_shared<std::promise<void>>();
   // Dropped, with the worker's loop, once the detached worker ends.
   std::shared_ptr<void> signal(nullptr, [loopGone](void*) { loopGone->set_value(); });
-  queue->runLoop().postAfter(1h, [signal] {});
-  signal.reset();
-  queue->async([q = queue, dropped = mainDropped->get_future().share()]() mutable {
+  queue->runLoop().postAfter(1h, [signal = std::move(signal)] {});
+  std::promise<void> mainDropped;
+  queue->async([q = queue, dropped = mainDropped.get_future().share()]() mutable {
     dropped.wait();
-    q.reset();  // the last reference: the destructor runs here
+    q.reset();  // the last reference
   });
   queue->async([laterRan] { laterRan->set_value(); });
   queue.reset();
-  mainDropped->set_value();
+  mainDropped.set_value();
   EXPECT_EQ(laterRan->get_future().wait_for(10s), std::future_status::ready);
   EXPECT_EQ(loopGone->get_future().wait_for(10s), std::future_status::ready);
-}
-
-// Two tasks that each wait for the other finish only when they run at once.
-TEST(QVGlobalQueueTest, TasksRunConcurrently) {
-  auto first = std::make_shared<std::promise<void>>();
-  auto second = std::make_shared<std::promise<void>>();
-  auto done = std::make_shared<std::promise<bool>>();
-  auto result = done->get_future();
-  QVGlobalQueue::async([=] {
-    first->set_value();
-    done->set_value(second->get_future().wait_for(std::chrono::seconds(30)) ==
-                    std::future_status::ready);
-  });
-  QVGlobalQueue::async([=] {
-    second->set_value();
-    first->get_future().wait_for(std::chrono::seconds(30));
-  });
-  ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-  EXPECT_TRUE(result.get());
 }
 
 }  // namespace
