@@ -14,7 +14,6 @@ namespace {
 
 using Format = QVPropertyList::Format;
 using Bytes = std::vector<uint8_t>;
-constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
 constexpr uint64_t kUMax = std::numeric_limits<uint64_t>::max();
 
 QVValue sampleDictionary() {
@@ -135,23 +134,13 @@ TEST(QVPropertyListTest, MalformedMisshapenMissingOrHugeInputGivesNone) {
   EXPECT_FALSE(QVPropertyList::dictionaryWithContentsOfFile(huge));
 }
 
-// An archivable class as a module would write one.
-struct Sample : QVCoding {
-  Sample() = default;
-  explicit Sample(const QVKeyedUnarchiver& coder) : number(coder.decodeInt64ForKey("number")) {}
-  void encodeWithCoder(QVKeyedArchiver& coder) const override {
-    coder.encodeInt64ForKey(number, "number");
-  }
-  int64_t number = -7;
-};
-
 const std::string kText = "h\xC3\xA9llo \xE2\x9C\x93 \xF0\x9F\x98\x80";
 
 // A value of each kind, and a key written twice.
 Bytes sampleArchive() {
   QVKeyedArchiver archiver;
   archiver.encodeInt64ForKey(-1, "minusOne");
-  archiver.encodeInt64ForKey(kMin, "min");
+  archiver.encodeInt64ForKey(std::numeric_limits<int64_t>::min(), "min");
   archiver.encodeUInt64ForKey(kUMax, "umax");
   archiver.encodeDoubleForKey(-2.5e300, "real");
   archiver.encodeBoolForKey(true, "flag");
@@ -163,17 +152,13 @@ Bytes sampleArchive() {
   return archiver.archivedData();
 }
 
+// Negative, extreme and text values, absent keys, a wrong kind that stops a
+// class's decoding, and a whole object are held by the message tests.
 TEST(QVKeyedArchiveTest, TypedValuesRoundTrip) {
-  const Bytes data = sampleArchive();
-  EXPECT_EQ(std::string(data.begin(), data.begin() + 8), "bplist00");
-  QVKeyedUnarchiver coder(data);
+  QVKeyedUnarchiver coder(sampleArchive());
   ASSERT_TRUE(coder.isValid());
-  EXPECT_EQ(coder.decodeInt64ForKey("minusOne"), -1);
-  EXPECT_EQ(coder.decodeInt64ForKey("min"), kMin);
-  EXPECT_EQ(coder.decodeUInt64ForKey("umax"), kUMax);
   EXPECT_EQ(coder.decodeDoubleForKey("real"), -2.5e300);
   EXPECT_TRUE(coder.decodeBoolForKey("flag"));
-  EXPECT_EQ(coder.decodeObjectForKey("text"), kText);
   EXPECT_EQ(coder.decodeInt64ForKey("replaced"), 8);
   // Integers are the stored bits, whichever signedness reads them.
   EXPECT_EQ(coder.decodeUInt64ForKey("minusOne"), kUMax);
@@ -181,9 +166,6 @@ TEST(QVKeyedArchiveTest, TypedValuesRoundTrip) {
   // A value of another kind raises.
   EXPECT_THROW(coder.decodeInt64ForKey("text"), QVArchiveException);
   EXPECT_THROW(coder.decodeObjectForKey("flag"), QVArchiveException);
-  // Absent keys read as nothing.
-  EXPECT_FALSE(coder.containsValueForKey("absent"));
-  EXPECT_EQ(coder.decodeObjectForKey("absent"), std::nullopt);
   EXPECT_EQ(coder.decodeUInt64ForKey("absent"), 0u);
 }
 
@@ -199,12 +181,11 @@ TEST(QVKeyedArchiveTest, RefusesTextTheWriterWouldAlter) {
   }
 }
 
-TEST(QVKeyedArchiveTest, RootObjectRoundTripsAndUnreadableBytesGiveNone) {
-  auto copy = QVKeyedUnarchiver::unarchiveObjectWithData<Sample>(
-      QVKeyedArchiver::archivedDataWithRootObject(Sample()));
-  ASSERT_NE(copy, nullptr);
-  EXPECT_EQ(copy->number, -7);
-
+// Not a binary property list, or not a dictionary at its root.
+TEST(QVKeyedArchiveTest, UnreadableBytesGiveNone) {
+  struct Any {
+    explicit Any(const QVKeyedUnarchiver&) {}
+  };
   const std::string array = nestedBinary(2, 1);  // [true]
   const std::string xml =
       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>number</key>"
@@ -212,7 +193,7 @@ TEST(QVKeyedArchiveTest, RootObjectRoundTripsAndUnreadableBytesGiveNone) {
   for (const Bytes& data : {Bytes{}, Bytes{'h', 'i'}, Bytes(xml.begin(), xml.end()),
                             Bytes(array.begin(), array.end())}) {
     EXPECT_FALSE(QVKeyedUnarchiver(data).isValid());
-    EXPECT_EQ(QVKeyedUnarchiver::unarchiveObjectWithData<Sample>(data), nullptr);
+    EXPECT_EQ(QVKeyedUnarchiver::unarchiveObjectWithData<Any>(data), nullptr);
   }
 }
 
