@@ -175,7 +175,7 @@ TEST_F(QVNetworkTest, QueriesFromAnotherThreadSeeWholeValues) {
 
 // Per flags (none: unreadable): the internet target's status, the local
 // Wi-Fi target's, and whether the internet target needs a connection.
-TEST_F(QVNetworkTest, StatusFollowsTheFlagRulesForBothTargets) {
+TEST_F(QVNetworkTest, StatusFollowsTheFlagRulesAndTheNotifierPostsEachChange) {
   const std::pair<std::optional<uint32_t>, const char*> rows[] = {
       {0x0, "0 0"},           {0x2, "1 0"},           {0x6, "0 0 required"},
       {0x26, "1 0 required"}, {0x36, "0 0 required"}, {0xE, "1 0 required"},
@@ -193,26 +193,24 @@ TEST_F(QVNetworkTest, StatusFollowsTheFlagRulesForBothTargets) {
               expected)
         << std::hex << flags.value_or(0xdead);
   }
-}
 
-// The notifier does not keep its object alive, and its end stops it.
-TEST_F(QVNetworkTest, StartedNotifierPostsEachChangeWithItselfAsSenderUntilStopped) {
-  auto reachability = QVReachability::reachabilityForInternetConnection();
-  ASSERT_TRUE(reachability->startNotifier());
+  // A started notifier posts each change with itself as sender until
+  // stopped; it does not keep its object alive, and its end stops it.
+  ASSERT_TRUE(internet->startNotifier());
   source->setFlags(0x2);
   source->setRadioAccessTechnology("CTRadioAccessTechnologyLTE");
   EXPECT_TRUE(senders.empty()) << "changes arrive on the run loop, not on the setter's stack";
   QVRunLoop::main().runUntilIdle();
-  EXPECT_EQ(senders, (std::vector<const void*>{reachability.get(), reachability.get()}));
+  EXPECT_EQ(senders, (std::vector<const void*>{internet.get(), internet.get()}));
 
-  EXPECT_TRUE(reachability->stopNotifier());
+  EXPECT_TRUE(internet->stopNotifier());
   EXPECT_EQ(source->scheduledTargetCount(), 0u);
   source->setFlags(0x0);
   QVRunLoop::main().runUntilIdle();
-  ASSERT_TRUE(reachability->startNotifier());
-  std::weak_ptr<QVReachability> weak = reachability;
+  ASSERT_TRUE(internet->startNotifier());
+  std::weak_ptr<QVReachability> weak = internet;
   source->setFlags(0x2);  // a change already on its way to the loop
-  reachability.reset();
+  internet.reset();
   EXPECT_TRUE(weak.expired());
   EXPECT_EQ(source->scheduledTargetCount(), 0u);
   QVRunLoop::main().runUntilIdle();

@@ -81,7 +81,6 @@ TEST(QVApplicationLifecycleTest, BackgroundTasksExpireOnlyWhenTheHostSaysSoAndOn
 TEST(QVApplicationTest, HostFactsAreLinuxsUntilTheHostSetsItsOwn) {
   QVApplication& app = QVApplication::sharedApplication();
   QVDevice& device = QVDevice::currentDevice();
-  EXPECT_EQ(app.applicationState(), 0);
   app.setStatusBarOrientation(5);  // not an interface orientation
   EXPECT_EQ(app.statusBarOrientation(), 0);
   struct utsname u {};
@@ -91,8 +90,6 @@ TEST(QVApplicationTest, HostFactsAreLinuxsUntilTheHostSetsItsOwn) {
                             ") QVCore/" + QVCore::sharedInstance()->frameworkVersion());
   EXPECT_EQ(device.systemName() + " " + device.systemVersion(),
             std::string(u.sysname) + " " + u.release);
-  EXPECT_FALSE(device.model().empty());
-  EXPECT_EQ(device.batteryLevel(), -1.0f);
   EXPECT_GT(device.userMemory(), 0u);
   EXPECT_LE(device.userMemory(), device.physicalMemory());
 
