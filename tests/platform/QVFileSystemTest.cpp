@@ -1,11 +1,16 @@
-// Files and folders, the bundles, and the user defaults kept in the home
-// folder.
+// Files and folders, the bundles, the user defaults kept in the home folder,
+// property lists in both forms, and the keyed archives written as binary
+// property lists.
 #include "qvcore/platform/QVFileSystem.h"
 
 #include <gtest/gtest.h>
 
 #include "config/QVConfigTestSupport.h"
+#include "qvcore/platform/QVArchiveException.h"
 #include "qvcore/platform/QVBundle.h"
+#include "qvcore/platform/QVKeyedArchiver.h"
+#include "qvcore/platform/QVKeyedUnarchiver.h"
+#include "qvcore/platform/QVPropertyList.h"
 #include "qvcore/platform/QVUserDefaults.h"
 
 namespace qv {
@@ -162,6 +167,226 @@ TEST(QVBundleEnvironmentTest, EnvironmentIsReadAtFirstUse) {
     ::setenv("QVCORE_BUNDLE_PATH", "/elsewhere", 1);
     return ok && QVBundle::searchPaths().size() == 2;
   });
+}
+
+using Format = QVPropertyList::Format;
+using Bytes = std::vector<uint8_t>;
+constexpr uint64_t kUMax = std::numeric_limits<uint64_t>::max();
+
+QVValue sampleDictionary() {
+  return QVValue::parse(R"({
+    "DefaultOrientation": -90, "Big": 9007199254740993, "Level": 3, "Ratio": 0.25,
+    "On": true, "Off": false, "Name": "Grüße ✓",
+    "List": [1, "two", [3], {"four": 4}], "Nested": {"Inner": {"Deep": "yes"}}, "Empty": {}
+  })");
+}
+
+TEST(QVPropertyListTest, BothFormsReadBackEqualAndEveryTruncationIsRefused) {
+  test::QVTempFolder folder;
+  for (Format format : {Format::kXML, Format::kBinary}) {
+    const std::string file = folder.writePlist("a.plist", sampleDictionary(), format);
+    // Compared as text: equality of values takes -90 and its unsigned bits as equal.
+    EXPECT_EQ(QVPropertyList::dictionaryWithContentsOfFile(file).value_or(nullptr).dump(),
+              sampleDictionary().dump());
+    const std::string bytes = *QVPropertyList::dataWithDictionary(sampleDictionary(), format);
+    // XML that lost only what follows the root dictionary is still complete.
+    const std::size_t complete = format == Format::kXML ? bytes.rfind("</dict>") : bytes.size();
+    for (std::size_t n = 0; n < complete; ++n) {
+      EXPECT_FALSE(QVPropertyList::dictionaryWithData(bytes.substr(0, n))) << "length " << n;
+    }
+  }
+}
+
+TEST(QVPropertyListTest, ReadsHandWrittenXmlWithDatesAndData) {
+  const std::string xml = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0"><dict>
+  <!-- a comment </dict> -->
+  <key>When</key><date>2020-02-03T04:05:06Z</date>
+  <key>Blob</key><data>AAEC/w==</data>
+  <key>Timeout</key><real>5.5</real>
+</dict></plist>)";
+  EXPECT_EQ(
+      QVPropertyList::dictionaryWithData(xml),
+      QVValue::parse(R"({"When": "2020-02-03T04:05:06Z", "Blob": "AAEC/w==", "Timeout": 5.5})"));
+}
+
+// A binary list of count objects: object 0 is true, object i an array that
+// refers refs times to object i-1.
+std::string nestedBinary(int count, int refs) {
+  auto put = [](std::string& to, uint64_t value, int bytes) {
+    while (bytes--) to += static_cast<char>(value >> (8 * bytes));
+  };
+  std::string objects = "bplist00\x09", offsets;
+  put(offsets, 8, 3);
+  for (int i = 1; i < count; ++i) {
+    put(offsets, objects.size(), 3);
+    objects += static_cast<char>(0xa0 | refs);
+    for (int r = 0; r < refs; ++r) put(objects, i - 1, 2);
+  }
+  std::string trailer(6, '\0');
+  trailer += "\x03\x02";  // 3-byte offsets, 2-byte references
+  put(trailer, count, 8);
+  put(trailer, count - 1, 8);  // the root
+  put(trailer, objects.size(), 8);
+  return objects + offsets + trailer;
+}
+
+// {"x": -90} as the platform writes it: an 8-byte big-endian integer.
+// {"x": -90} as the platform writes it: an 8-byte big-endian integer. The
+// objects (a dictionary, its key, the integer), their offsets, and the
+// trailer: 1-byte offsets and references, 3 objects, root 0, table at 0x16.
+const std::string kBinaryMinus90 = "bplist00\xd1\x01\x02\x51x\x13\xff\xff\xff\xff\xff\xff\xff\xa6" +
+                                   std::string("\x08\x0b\x0d") + std::string(6, '\0') + "\x01\x01" +
+                                   std::string(7, '\0') + "\x03" + std::string(15, '\0') + "\x16";
+
+TEST(QVPropertyListTest, BinaryInputReadsSignedAndRefusesDamageDepthAndSharing) {
+  const std::string& good = kBinaryMinus90;
+  EXPECT_EQ(QVPropertyList::dictionaryWithData(good).value_or(nullptr).dump(), R"({"x":-90})");
+  const std::size_t trailer = good.size() - 32;
+  auto patched = [&](std::size_t at, unsigned char byte) {
+    std::string bytes = good;
+    bytes[at] = static_cast<char>(byte);
+    return bytes;
+  };
+  // Offset table offset past the end, an object offset past the table, a
+  // reference to an object that does not exist, a root index out of range,
+  // zero-sized offsets, a dictionary that contains itself, and a key that
+  // holds a NUL (on which libplist would abort).
+  for (const std::string& bad :
+       {patched(trailer + 31, 0xff), patched(0x16, 0x40), patched(0x0a, 0x07),
+        patched(trailer + 23, 0x05), patched(trailer + 6, 0x00), patched(0x0a, 0x00),
+        patched(0x0c, 0x00)}) {
+    EXPECT_FALSE(QVPropertyList::dictionaryWithData(bad));
+  }
+  EXPECT_EQ(QVPropertyList::propertyListWithData(nestedBinary(4, 2)),
+            QVValue::parse("[[[true, true], [true, true]], [[true, true], [true, true]]]"));
+  // Deep enough to overflow the stack of a recursive reader.
+  EXPECT_FALSE(QVPropertyList::propertyListWithData(nestedBinary(60000, 1)));
+  // 40 shared objects that would expand to 2^40 nodes.
+  EXPECT_FALSE(QVPropertyList::propertyListWithData(nestedBinary(40, 2)));
+}
+
+TEST(QVPropertyListTest, MalformedMisshapenMissingOrHugeInputGivesNone) {
+  // Nested deeply enough to overflow the stack of libplist's reader, and
+  // still under the size limit.
+  std::string deep = "<plist>";
+  for (int i = 0; i < 1100000; ++i) deep += "<array>";
+  for (const std::string& bad :
+       {std::string("not a plist"), deep,
+        std::string("<plist><dict><key>a</key><integer>1</integer></array></plist>"),
+        std::string("<plist><dict><key>k\xff\xfe</key><true/></dict></plist>")}) {
+    EXPECT_FALSE(QVPropertyList::dictionaryWithData(bad)) << bad.substr(0, 40);
+  }
+  const std::string array = "<plist><array><integer>1</integer></array></plist>";
+  EXPECT_FALSE(QVPropertyList::dictionaryWithData(array));
+  EXPECT_EQ(QVPropertyList::propertyListWithData(array), QVValue::parse("[1]"));
+
+  test::QVTempFolder folder;
+  EXPECT_FALSE(QVPropertyList::dictionaryWithContentsOfFile(folder.at("missing.plist")));
+  EXPECT_FALSE(QVPropertyList::dictionaryWithContentsOfFile(folder.makeFolder("dir.plist")));
+  // 50 MB of which nothing is written: sparse, and refused before reading.
+  const std::string huge = folder.write("huge.plist", "<plist><dict></dict></plist>");
+  ASSERT_EQ(::truncate(huge.c_str(), 50L * 1024 * 1024), 0);
+  EXPECT_FALSE(QVPropertyList::dictionaryWithContentsOfFile(huge));
+}
+
+const std::string kText = "h\xC3\xA9llo \xE2\x9C\x93 \xF0\x9F\x98\x80";
+
+// A value of each kind, and a key written twice.
+Bytes sampleArchive() {
+  QVKeyedArchiver archiver;
+  archiver.encodeInt64ForKey(-1, "minusOne");
+  archiver.encodeInt64ForKey(std::numeric_limits<int64_t>::min(), "min");
+  archiver.encodeUInt64ForKey(kUMax, "umax");
+  archiver.encodeDoubleForKey(-2.5e300, "real");
+  archiver.encodeBoolForKey(true, "flag");
+  archiver.encodeObjectForKey(kText, "text");
+  archiver.encodeObjectForKey("plain", "ascii");
+  archiver.encodeObjectForKey(std::nullopt, "absent");
+  archiver.encodeInt64ForKey(7, "replaced");
+  archiver.encodeInt64ForKey(8, "replaced");
+  return archiver.archivedData();
+}
+
+// Negative, extreme and text values, absent keys, a wrong kind that stops a
+// class's decoding, and a whole object are held by the message tests.
+TEST(QVKeyedArchiveTest, TypedValuesRoundTrip) {
+  QVKeyedUnarchiver coder(sampleArchive());
+  ASSERT_TRUE(coder.isValid());
+  EXPECT_EQ(coder.decodeDoubleForKey("real"), -2.5e300);
+  EXPECT_TRUE(coder.decodeBoolForKey("flag"));
+  EXPECT_EQ(coder.decodeInt64ForKey("replaced"), 8);
+  // Integers are the stored bits, whichever signedness reads them.
+  EXPECT_EQ(coder.decodeUInt64ForKey("minusOne"), kUMax);
+  EXPECT_EQ(coder.decodeDoubleForKey("minusOne"), -1.0);
+  // A value of another kind raises.
+  EXPECT_THROW(coder.decodeInt64ForKey("text"), QVArchiveException);
+  EXPECT_THROW(coder.decodeObjectForKey("flag"), QVArchiveException);
+  EXPECT_EQ(coder.decodeUInt64ForKey("absent"), 0u);
+}
+
+TEST(QVKeyedArchiveTest, RefusesTextTheWriterWouldAlter) {
+  const std::string bad[] = {"bad\xFF", std::string("nul\0in", 6), "\xED\xA0\x80", "\xC0\xAF",
+                             "cut\xC3", "\xF4\x90\x80\x80"};
+  for (const std::string& text : bad) {
+    QVKeyedArchiver archiver;
+    EXPECT_THROW(archiver.encodeObjectForKey(text, "k"), QVArchiveException);
+    EXPECT_THROW(archiver.encodeInt64ForKey(1, text), QVArchiveException);
+    QVKeyedUnarchiver coder(archiver.archivedData());
+    EXPECT_FALSE(coder.containsValueForKey("k"));
+  }
+}
+
+// Not a binary property list, or not a dictionary at its root.
+TEST(QVKeyedArchiveTest, UnreadableBytesGiveNone) {
+  struct Any {
+    explicit Any(const QVKeyedUnarchiver&) {}
+  };
+  const std::string array = nestedBinary(2, 1);  // [true]
+  const std::string xml =
+      "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>number</key>"
+      "<integer>1</integer></dict></plist>";
+  for (const Bytes& data : {Bytes{}, Bytes{'h', 'i'}, Bytes(xml.begin(), xml.end()),
+                            Bytes(array.begin(), array.end())}) {
+    EXPECT_FALSE(QVKeyedUnarchiver(data).isValid());
+    EXPECT_EQ(QVKeyedUnarchiver::unarchiveObjectWithData<Any>(data), nullptr);
+  }
+}
+
+// Only the archive's own exception may come out of a damaged archive.
+void decodeEverything(const Bytes& data) {
+  QVKeyedUnarchiver coder(data);
+  const auto quietly = [](auto decode) {
+    try {
+      decode();
+    } catch (const QVArchiveException&) {
+    }
+  };
+  for (const char* key : {"minusOne", "umax", "real", "flag", "text", "ascii", "replaced"}) {
+    quietly([&] { coder.decodeInt64ForKey(key); });
+    quietly([&] { coder.decodeDoubleForKey(key); });
+    quietly([&] { coder.decodeObjectForKey(key); });
+  }
+}
+
+TEST(QVKeyedArchiveTest, DamagedArchivesAreReadSafely) {
+  const Bytes good = sampleArchive();
+  for (size_t length = 0; length < good.size(); ++length) {
+    const Bytes truncated(good.begin(), good.begin() + length);
+    EXPECT_FALSE(QVKeyedUnarchiver(truncated).isValid()) << "length " << length;
+    decodeEverything(truncated);
+  }
+  // A zero byte puts a NUL inside stored text, which libplist's own string
+  // getter asserts on.
+  for (size_t i = 0; i < good.size(); ++i) {
+    for (uint8_t value :
+         {uint8_t(good[i] ^ 0x01), uint8_t(good[i] ^ 0x80), uint8_t(~good[i]), uint8_t(0)}) {
+      Bytes damaged = good;
+      damaged[i] = value;
+      decodeEverything(damaged);
+    }
+  }
 }
 
 }  // namespace
