@@ -17,19 +17,13 @@ namespace qv::test {
 // QVInterfaceAddressSource::setShared, and set it back to null afterwards.
 class QVFakeInterfaceAddressSource : public QVInterfaceAddressSource {
  public:
-  // The entries, or none while fails is set.
   std::optional<std::vector<QVInterfaceAddress>> interfaceAddresses() override {
     std::lock_guard lock(mutex_);
-    if (fails_) return std::nullopt;
     return entries_;
   }
   void setEntries(std::vector<QVInterfaceAddress> entries) {
     std::lock_guard lock(mutex_);
     entries_ = std::move(entries);
-  }
-  void setFails(bool fails) {
-    std::lock_guard lock(mutex_);
-    fails_ = fails;
   }
 
   // An entry laid out as the system lays it out, the address given as text
@@ -60,7 +54,6 @@ class QVFakeInterfaceAddressSource : public QVInterfaceAddressSource {
 
   std::mutex mutex_;
   std::vector<QVInterfaceAddress> entries_;
-  bool fails_ = false;
 };
 
 }  // namespace qv::test
