@@ -131,7 +131,8 @@ TEST_F(QVEnvironmentalSerivceTest, EnableStopsAtTheFirstMonitorThatFailsAndDisab
   EXPECT_EQ(state(), "on");
 }
 
-// Memory is cut to 32 bits, the battery is always full.
+// Memory is cut to 32 bits, the battery is always full; the storage figures
+// are held by the mobile environment record's test.
 TEST_F(QVEnvironmentalSerivceTest, ApplicationAndDeviceFactsComeFromTheBundleAndTheDevice) {
   const std::pair<const char*, const char*> versions[] = {
       {"1.2.3", "1.2"}, {"2.10.5", "2.10"}, {"12.3", "2.3"},    {"10.4.1", "0.4"},
@@ -152,8 +153,6 @@ TEST_F(QVEnvironmentalSerivceTest, ApplicationAndDeviceFactsComeFromTheBundleAnd
   EXPECT_EQ(service->deviceUserMemory(), 3ull << 30);
   EXPECT_EQ(QVEnvironmentalSerivce::getSysInfo(7), 0u);
   EXPECT_EQ(service->getCurrentBatteryLevel(), 100.0f);
-  EXPECT_GT(service->deviceTotalStorageCapacity(), 0);
-  EXPECT_LE(service->deviceTotalStorageFreeCapacity(), service->deviceTotalStorageCapacity());
 }
 
 // Up interfaces give their addresses (the last of each family, read from a
