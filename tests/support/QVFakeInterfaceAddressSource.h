@@ -17,41 +17,32 @@ namespace qv::test {
 // QVInterfaceAddressSource::setShared, and set it back to null afterwards.
 class QVFakeInterfaceAddressSource : public QVInterfaceAddressSource {
  public:
-  // The entries, or none while fails is set.
   std::optional<std::vector<QVInterfaceAddress>> interfaceAddresses() override {
     std::lock_guard lock(mutex_);
-    if (fails_) return std::nullopt;
     return entries_;
   }
   void setEntries(std::vector<QVInterfaceAddress> entries) {
     std::lock_guard lock(mutex_);
     entries_ = std::move(entries);
   }
-  void setFails(bool fails) {
-    std::lock_guard lock(mutex_);
-    fails_ = fails;
-  }
 
-  // Entries laid out as the system lays them out, the address given as text
-  // (inet_pton); the test fails on text that is not an address.
-  static QVInterfaceAddress ipv4(const std::string& name, const std::string& text, uint32_t flags) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    EXPECT_EQ(::inet_pton(AF_INET, text.c_str(), &address.sin_addr), 1) << text;
-    return {name, flags, AF_INET, bytesOf(address)};
-  }
-  static QVInterfaceAddress ipv6(const std::string& name, const std::string& text, uint32_t flags,
-                                 uint32_t flowInfo = 0) {
+  // An entry laid out as the system lays it out, the address given as text
+  // (inet_pton, IPv6 when it holds a ':'; the test fails on text that is not
+  // an address); without text, an entry of no family and no bytes.
+  static QVInterfaceAddress entry(const std::string& name, const std::string& text, uint32_t flags,
+                                  uint32_t flowInfo = 0) {
+    if (text.empty()) return {name, flags, AF_UNSPEC, {}};
+    if (text.find(':') == std::string::npos) {
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      EXPECT_EQ(::inet_pton(AF_INET, text.c_str(), &address.sin_addr), 1) << text;
+      return {name, flags, AF_INET, bytesOf(address)};
+    }
     sockaddr_in6 address{};
     address.sin6_family = AF_INET6;
     address.sin6_flowinfo = htonl(flowInfo);
     EXPECT_EQ(::inet_pton(AF_INET6, text.c_str(), &address.sin6_addr), 1) << text;
     return {name, flags, AF_INET6, bytesOf(address)};
-  }
-  // An entry of another family (AF_PACKET, or AF_UNSPEC for none): no bytes.
-  static QVInterfaceAddress withoutAddress(const std::string& name, uint32_t flags,
-                                           int family = AF_UNSPEC) {
-    return {name, flags, family, {}};
   }
 
  private:
@@ -63,7 +54,6 @@ class QVFakeInterfaceAddressSource : public QVInterfaceAddressSource {
 
   std::mutex mutex_;
   std::vector<QVInterfaceAddress> entries_;
-  bool fails_ = false;
 };
 
 }  // namespace qv::test

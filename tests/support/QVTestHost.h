@@ -43,6 +43,9 @@ class QVTestHost {
   QVTestHost& operator=(const QVTestHost&) = delete;
 
   QVTempFolder& folder() { return folder_; }
+  // The host-fed network, for tests that change what it reports.
+  QVHostReachabilitySource& reachability() { return *reachability_; }
+  QVFakeInterfaceAddressSource& addresses() { return *addresses_; }
 
   // The core's settings, read from its settings bundle in the main bundle.
   void writeCoreConfig(const QVValue& items) {
