@@ -16,7 +16,6 @@
 #include "qvcore/platform/QVRepeatingTimer.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
-#include "qvcore/queue/QVDataCompression.h"
 #include "qvcore/queue/QVServerConnection.h"
 #include "support/QVGzip.h"
 #include "support/QVQueueServiceTestSupport.h"
@@ -111,7 +110,9 @@ TEST_F(QVQueueServiceTest, UrlEncodedQueuesPostEachMessageInSessionThenMessageOr
 }
 
 // Which form is shorter is worked out here with zlib itself; the body sent
-// must be that form, and must decode to the body given.
+// must be that form, and must decode to the body given. (A flushed payload
+// is compressed while it is written: QVDataCompressionTest holds that this
+// gives the same bytes, the soak run that servers read them.)
 TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
   std::string large, noise;
   for (int i = 0; i < 100; ++i) large += R"({"screen":"Checkout","n":)" + std::to_string(i) + "},";
@@ -132,20 +133,6 @@ TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
                                                (gzipped ? "Content-Encoding: gzip|" : ""));
     }
   }
-
-  // A flushed payload of many stretches, compressed while it is written:
-  // the very bytes that compressing the finished text gives.
-  auto module = defineModule("Alpha");
-  ASSERT_TRUE(service->enable());
-  for (uint64_t i = 0; i < 20000; ++i) post(module, i);
-  service->flushQueues();
-  ASSERT_EQ(session->taskCount(), 1u);
-  const auto sent = session->task(0).body;
-  const std::string text = test::gunzip(*sent).value_or("");
-  EXPECT_GT(text.size(), 4 * 65536u);
-  EXPECT_EQ(*sent, *QVDataCompression::compressData(std::make_shared<const std::string>(text)));
-  EXPECT_EQ(session->task(0).request.valueForHTTPHeaderField("Content-Length"),
-            std::to_string(sent->size()));
 }
 
 TEST_F(QVQueueServiceTest, TheTimerRunsOnlyForIntervalPostingAndFlushesOnTheEnablingLoop) {
@@ -322,16 +309,13 @@ TEST_F(QVQueueServiceTest, AnUnbuildablePayloadIsDroppedAndLoggedNotCached) {
   auto spaced = defineModule(
       "Spaced", QVValue{{"PostMessageUrl", "http://collector.test/a b"}, {"URLEncoded", true}});
   ASSERT_TRUE(service->enable());
-  for (const char* text : {"[1,2]", "not JSON", "{}"}) {
+  for (const char* text : {"[1,2]", "not JSON", "{}"})
     service->flushCachedQueue(QVQueue::initWithJSONAndModule(text, url));
-  }
   EXPECT_TRUE(namesIn(cacheFolder()).empty()) << "never cached";
   EXPECT_EQ(session->taskCount(), 0u);
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_NE(lines[0].find("Url"), std::string::npos) << lines[0];
-  EXPECT_NE(lines[0].find("not a JSON dictionary"), std::string::npos) << lines[0];
+  EXPECT_TRUE(std::regex_search(lines[0], std::regex("Url.*not a JSON dictionary"))) << lines[0];
   EXPECT_NE(lines[1].find("not JSON"), std::string::npos) << lines[1];
-
   service->flushCachedQueue(QVQueue::initWithJSONAndModule(R"({"offset":1})", spaced));
   EXPECT_EQ(namesIn(cacheFolder()).size(), 1u) << "kept for the next flush";
   EXPECT_EQ(lines.size(), 3u);
@@ -354,6 +338,18 @@ TEST_F(QVQueueServiceTest, TerminatePathTellsModulesThenReturnsOnlyOnceTheConnec
   service->flushBRVApplicationWillTerminateQueues();
   EXPECT_EQ(posts(), "http://collector.test/Telling 1 2|");
   EXPECT_FALSE(service->serverConnection()->isBusy());
+}
+
+TEST(QVMutableURLRequestTest, UrlsNeedSchemeHostAndOnlyUrlCharacters) {
+  for (const char* url : {"http://127.0.0.1:8080/p?a=1?b=2", "https://h", "ftp://h/x",
+                          "http://[::1]/%41%2f", "http://h/p?q=a'b(c)*!$,;:@"}) {
+    EXPECT_TRUE(QVMutableURLRequest::isValidURL(url)) << url;
+  }
+  for (const char* url : {"", "not a url", "/relative/path", "http://", "mailto:someone",
+                          "http://h/a b", "http://h/\"q\"", "http://h/{x}", "http://h/%4",
+                          "http://h/%zz", "http://h/\x01", "http://h/\xC3\xA9"}) {
+    EXPECT_EQ(QVMutableURLRequest::requestWithURL(url), nullptr) << url;
+  }
 }
 
 }  // namespace
