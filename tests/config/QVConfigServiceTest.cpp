@@ -252,26 +252,21 @@ QVValue read(S& service) {
   }
 }
 
-// Every accessor with its key, its default and a value that differs from it.
+// The accessors with their keys, defaults and a value that differs from the
+// default: one of each kind of conversion (a flag, a whole number, a
+// fraction, a negative number, a text that may be absent), and those that
+// nothing else reads. The others are held where their value takes effect:
+// manual and interval posting, compression and caching (QVQueueServiceTest,
+// QVDeliveryLedgerTest), the posting levels and logging level (QVCoreTest),
+// the lifecycle and orientation items (tests/environment).
 struct Accessor {
   const char* key;
   QVValue (*read)(S&);
   QVValue byDefault, inFile;
 };
 const Accessor kAccessors[] = {
-    {"ManualPostEnabled", read<&S::isManualPostingEnabled>, true, false},
-    {"CompressPostMessage", read<&S::isCompressPostMessageEnabled>, true, false},
     {"CachingLevel", read<&S::cachingLevel>, 3, 1},
-    {"DoPostOnIntervals", read<&S::isDoPostOnIntervalsEnabled>, true, false},
-    {"HasToPersistLocalCache", read<&S::isHasToPersistLocalCacheEnabled>, true, false},
-    {"LoggingLevel", read<&S::loggingLevel>, 3, 4},
-    {"PostMessageLevelCellular", read<&S::postMessageLevelCellular>, 3, 1},
-    {"PostMessageLevelWiFi", read<&S::postMessageLevelWifi>, 3, 2},
     {"PostMessageTimeIntervals", read<&S::postMessageTimeIntervals>, 30, 12.5},
-    {"DoPostAppComesFromBackground", read<&S::isDoPostAppComesFromBackgroundEnabled>, false, true},
-    {"DoPostAppGoesToBackground", read<&S::isDoPostAppGoesToBackgroundEnabled>, true, false},
-    {"DoPostAppGoesToClose", read<&S::isDoPostAppGoesToCloseEnabled>, false, true},
-    {"DoPostAppIsLaunched", read<&S::isDoPostAppIsLaunchedEnabled>, true, false},
     {"DoPostOnScreenChange", read<&S::isDoPostOnScreenChangeEnabled>, true, false},
     {"DynamicConfigurationEnabled", read<&S::isDynamicConfigurationEnabled>, true, false},
     {"CachedFileMaxBytesSize", read<&S::cachedFileMaxBytesSize>, 512000, 1000},
@@ -280,7 +275,6 @@ const Accessor kAccessors[] = {
     {"CriticalBatteryLevel", read<&S::criticalBatteryLevel>, 0.2, 0.1},
     {"LibraryVersion", read<&S::libraryVersion>, nullptr, "1.0"},
     {"MessageVersion", read<&S::messageVersion>, nullptr, "2"},
-    {"TurnOffCorrectOrientationUpdates", read<&S::turnOffCorrectOrientationUpdates>, false, true},
     {"DefaultOrientation", read<&S::defaultOrientation>, 0, -90}};
 
 // Without any file and for null items every accessor answers its default.
@@ -362,23 +356,24 @@ TEST(QVApplicationHelperTest, WhileTheCoreIsNotEnabledOnlyEarlyItemsAreKept) {
   ASSERT_FALSE(QVCore::sharedInstance()->isEnabled());
   test::QVTempFolder folder;
   folder.write("H.bundle/AdvancedConfig.json", R"({"Url": "http://file", "N": 1})");
-  auto module = test::QVTestModule::define("HelperModule", folder.at("H.bundle"));
+  const std::string name = "HelperModule";
+  auto module = test::QVTestModule::define(name, folder.at("H.bundle"));
   auto helper = QVApplicationHelper::sharedInstance();
-  auto pending = [] { return QVCore::sharedInstance()->tempConfigDict()["HelperModule"]; };
+  auto pending = [&] { return QVCore::sharedInstance()->tempConfigDict()[name]; };
 
-  EXPECT_FALSE(helper->configurationCheck());
-  EXPECT_FALSE(helper->getConfigItemForModuleName("N", "HelperModule"));
-  EXPECT_FALSE(helper->getBOOLconfigItemForKeyWithDefaultForModuleName("N", false, "HelperModule"));
-  EXPECT_EQ(helper->getStringItemForKeyWithDefaultForModuleName("Url", "dflt", "HelperModule"),
-            "dflt");
-  EXPECT_EQ(helper->getNumberItemForKeyWithDefaultForModuleName("N", QVValue(9), "HelperModule"),
-            QVValue(9));
-  EXPECT_FALSE(helper->updateConfigWithDataForModuleName({{"N", 2}}, "HelperModule"));
+  EXPECT_EQ(
+      (QVValue{
+          helper->configurationCheck(), helper->getConfigItemForModuleName("N", name).has_value(),
+          helper->getBOOLconfigItemForKeyWithDefaultForModuleName("N", false, name),
+          helper->getStringItemForKeyWithDefaultForModuleName("Url", "dflt", name).value_or("-"),
+          helper->getNumberItemForKeyWithDefaultForModuleName("N", QVValue(9), name).value_or(0),
+          helper->updateConfigWithDataForModuleName({{"N", 2}}, name)}),
+      (QVValue{false, false, false, "dflt", 9, false}));
   EXPECT_TRUE(pending().is_null());
 
-  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://a"), "HelperModule"));
-  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://b"), "HelperModule"));
-  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Skipped", std::nullopt, "HelperModule"));
+  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://a"), name) ||
+               helper->setConfigItemValueForModuleName("Url", QVValue("http://b"), name) ||
+               helper->setConfigItemValueForModuleName("Skipped", std::nullopt, name));
   EXPECT_EQ(pending(), QVValue::parse(R"({"Url": "http://b"})"));
   auto service = QVConfigService::sharedInstance();
   EXPECT_EQ(service->getConfigItemForLifecycleObject("Url", module), QVValue("http://b"));
