@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <regex>
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVFakeClock.h"
@@ -209,18 +210,36 @@ TEST_F(QVDeliveryLedgerTest, EveryWayAMessageLeavesIsCountedAndTheLedgerBalances
             "accepted 8 refused 2 sent 1 failed 5 cached 2 dropped.cacheWriteFailed 2 "
             "dropped.cachingOff 1 dropped.invalidMessage 2 ");
 
+  // Cached privately, under the module's name and the time.
+  const auto names = test::namesIn(cache);
+  ASSERT_EQ(names.size(), 1u);
+  EXPECT_TRUE(std::regex_match(names[0], std::regex(R"(Json_\d+\.\d{6}\.json)"))) << names[0];
+  const std::string saved = cache + "/" + names[0];
+  EXPECT_EQ((std::vector{test::modeOf(QVFileSystem::documentsDirectory()), test::modeOf(cache),
+                         test::modeOf(saved)}),
+            (std::vector{0700u, 0700u, 0600u}));
+  const std::string savedText = QVFileSystem::contentsAtPath(saved, 1 << 20).value_or("");
+
   // Read back: the cached queue (2), a planted queue of 3, a file that is no
-  // queue (counted as 1), and a queue of 2 for a module nobody knows.
+  // queue (counted as 1), and a queue of 2 for a module nobody knows; queues
+  // read back are sent as saved, before the module's own queue (44).
   plant("Json_1.000000.json",
         R"({"messageVersion":"6.0.0.0","serialNumber":1,"sessions":[)"
         R"({"messages":[{"offset":40},{"offset":41}]},{"messages":[{"offset":42}]}]})");
   plant("Json_2.000000.json", "not a queue");
   plant("Nobody_1.000000.json", R"({"messageVersion":"6.0.0.0","serialNumber":1,"sessions":[)"
                                 R"({"messages":[{"offset":50},{"offset":51}]}]})");
+  ASSERT_TRUE(post("Json", 44));
   ASSERT_NO_FATAL_FAILURE(flush());
+  const auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 8u);
+  std::vector<test::Offsets> sent;
+  for (size_t i = 5; i < requests.size(); ++i) sent.push_back(test::offsetsIn(requests[i].body));
+  EXPECT_EQ(sent, (std::vector<test::Offsets>{{40, 41, 42}, {30, 31}, {44}}));
+  EXPECT_EQ(requests[6].body, savedText);
   // Nothing is left queued or in flight, and every reason was walked.
   EXPECT_EQ(counts("Json"),
-            "accepted 8 refused 2 sent 6 failed 5 cached 2 recovered 6 dropped.cacheWriteFailed 2 "
+            "accepted 9 refused 2 sent 7 failed 5 cached 2 recovered 6 dropped.cacheWriteFailed 2 "
             "dropped.cachingOff 1 dropped.cacheFileUnreadable 1 dropped.invalidMessage 2 ");
   EXPECT_EQ(counts("Nobody"), "refused 1 recovered 2 dropped.unknownModule 2 ");
   EXPECT_TRUE(test::namesIn(cache).empty());

@@ -25,7 +25,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::namesIn;
-using test::Offsets;
 using test::offsetsIn;
 
 class TerminatingModule : public test::QVTestModule, public QVAppTerminationObserver {
@@ -37,7 +36,6 @@ class TerminatingModule : public test::QVTestModule, public QVAppTerminationObse
 
 class QVQueueServiceTest : public test::QVQueueServiceTestBase {
  protected:
-  ~QVQueueServiceTest() override { ::umask(mask_); }
   std::string cacheFolder() const { return service->cachedQueuesDirectory(); }
   std::string cache(const std::string& name, const std::string& text) {
     return folder.write("home/Documents/QVCoreCachedQueues/" + name, text);
@@ -52,8 +50,6 @@ class QVQueueServiceTest : public test::QVQueueServiceTestBase {
     }
     return out;
   }
-
-  const mode_t mask_ = ::umask(0);  // modes must not depend on the umask
 };
 
 TEST_F(QVQueueServiceTest, AFlushDuringAPostOnlyAppendsAndOnlyAnEmptiedListReportsTheEnd) {
@@ -196,34 +192,8 @@ TEST_F(QVQueueServiceTest, QueuesAreKeyedByClassNameAndOutliveDisable) {
   EXPECT_EQ(posts(), "http://collector.test/Twin 1 2|");
 }
 
-// The files of unsent queues and the terminate path.
-TEST_F(QVQueueServiceTest, AFailedQueueIsCachedPrivatelyAndSentFirstAtTheNextFlush) {
-  auto alpha = defineModule("Alpha");
-  ASSERT_TRUE(service->enable());
-  EXPECT_EQ(test::modeOf(QVFileSystem::documentsDirectory()), 0700u);
-  EXPECT_EQ(test::modeOf(cacheFolder()), 0700u);
-  post(alpha, 1);
-  service->flushQueues();
-  session->completeWithStatus(0, 500);
-  const auto names = namesIn(cacheFolder());
-  ASSERT_EQ(names.size(), 1u);
-  EXPECT_TRUE(std::regex_match(names[0], std::regex(R"(Alpha_\d+\.\d{6}\.json)"))) << names[0];
-  const std::string file = cacheFolder() + "/" + names[0];
-  const std::string saved = QVFileSystem::contentsAtPath(file, 1 << 20).value_or("");
-  EXPECT_EQ(offsetsIn(saved), Offsets{1});
-  EXPECT_EQ(test::modeOf(file), 0600u);
-
-  post(defineModule("Beta"), 2);
-  service->flushQueues();
-  ASSERT_EQ(session->taskCount(), 2u);
-  EXPECT_EQ(body(1), saved) << "sent as saved, before the module queues";
-  EXPECT_TRUE(namesIn(cacheFolder()).empty());
-  setItems("QVCore", {{"HasToPersistLocalCache", false}});
-  session->completeWithStatus(1, 404);
-  session->completeWithStatus(2, 404);
-  EXPECT_TRUE(namesIn(cacheFolder()).empty()) << "not persisted when switched off";
-}
-
+// The files of unsent queues (their names, modes and order of sending are
+// held by QVDeliveryLedgerTest, through the core) and the terminate path.
 std::string queueText(int serialNumber) {
   return R"({"messageVersion":"6.0.0.0","serialNumber":)" + std::to_string(serialNumber) +
          R"(,"sessions":[]})";
