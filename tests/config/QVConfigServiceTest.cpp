@@ -85,39 +85,39 @@ class QVConfigServiceTest : public ::testing::Test {
   std::vector<Module> modules_;
 };
 
-TEST_F(QVConfigServiceTest, LaterFilesAndPendingItemsWinInBothPlistForms) {
-  for (Format format : {Format::kXML, Format::kBinary}) {
-    for (const char* bundle : {"BRVResources.bundle", "TestModuleResources.bundle"}) {
-      const std::string name = std::string(format == Format::kXML ? "X" : "B") + bundle;
-      auto m = module(name, name + "/" + bundle,
-                      {{"BrevantBasicConfig.plist",
-                        plist({{"A", 1}, {"B", 1}, {"N", {{"x", 1}, {"y", 1}}}}, format)},
-                       {"BrevantAdvancedConfig.json", R"({"A": 2, "C": 2, "N": {"x": 2}})"},
-                       {"BrevantLayoutConfig.json", R"({"A": 3, "D": 3})"}});
-      QVCore::sharedInstance()->setTempConfigDict({{name, {{"D", 4}, {"E", 4}}}});
-      EXPECT_EQ(config(m),
-                QVValue::parse(R"({"A": 3, "B": 1, "N": {"x": 2}, "C": 2, "D": 4, "E": 4})"));
-      // Pending items are consumed by the load that applied them.
-      service_->unloadConfig(m);
-      EXPECT_EQ(item("D", m), QVValue(3));
-      EXPECT_FALSE(item("E", m));
-    }
+// The bundle's name sets the prefix of the files read ("Brevant" for two
+// names, "QVCore" for the core's, none otherwise); later files win, in either
+// property-list form, and pending items win over files.
+TEST_F(QVConfigServiceTest, ThePrefixChoosesTheFilesAndLaterFilesAndPendingItemsWin) {
+  const auto brevant = [](Format format) {
+    return Files{{"BrevantBasicConfig.plist",
+                  plist({{"A", 1}, {"B", 1}, {"N", {{"x", 1}, {"y", 1}}}}, format)},
+                 {"BrevantAdvancedConfig.json", R"({"A": 2, "C": 2, "N": {"x": 2}})"},
+                 {"BrevantLayoutConfig.json", R"({"A": 3, "D": 3})"}};
+  };
+  const char* merged = R"({"A": 3, "B": 1, "N": {"x": 2}, "C": 2, "D": 4, "E": 4})";
+  const std::tuple<std::string, Files, const char*> rows[] = {
+      {"X/BRVResources.bundle", brevant(Format::kXML), merged},
+      {"B/TestModuleResources.bundle", brevant(Format::kBinary), merged},
+      {"C/QVCoreSettings.bundle",
+       {{"QVCoreBasicConfig.plist", plist({{"A", 1}})},
+        {"QVCoreAdvancedConfig.json", R"({"B": 2})"},
+        {"QVCoreLayoutConfig.json", R"({"A": 9})"},
+        {"BrevantLayoutConfig.json", R"({"A": 9})"}},
+       R"({"A": 1, "B": 2, "D": 4, "E": 4})"},
+      {"P/Other.bundle",
+       {{"BasicConfig.plist", "<plist><dict><key>A</key><true/></dict></plist>"},
+        {"AdvancedConfig.json", R"({"B": "b"})"},
+        {"LayoutConfig.json", R"({"C": 1})"},
+        {"BrevantAdvancedConfig.json", R"({"F": 1})"}},
+       R"({"A": true, "B": "b", "D": 4, "E": 4})"}};
+  for (const auto& [bundle, files, expected] : rows) {
+    auto m = module(bundle.substr(0, 1), bundle, files);
+    QVCore::sharedInstance()->setTempConfigDict({{m->className(), {{"D", 4}, {"E", 4}}}});
+    EXPECT_EQ(config(m), QVValue::parse(expected)) << bundle;
+    service_->unloadConfig(m);
+    EXPECT_FALSE(item("E", m)) << "consumed by the load that applied it";
   }
-}
-
-TEST_F(QVConfigServiceTest, PrefixDecidesWhichFilesAreRead) {
-  auto core = module("CoreLike", "Settings/QVCoreSettings.bundle",
-                     {{"QVCoreBasicConfig.plist", plist({{"A", 1}})},
-                      {"QVCoreAdvancedConfig.json", R"({"B": 2})"},
-                      {"QVCoreLayoutConfig.json", R"({"A": 9})"},
-                      {"BrevantLayoutConfig.json", R"({"A": 9})"}});
-  EXPECT_EQ(config(core), QVValue::parse(R"({"A": 1, "B": 2})"));
-  auto plain = module("Plain", "Other.bundle",
-                      {{"BasicConfig.plist", "<plist><dict><key>A</key><true/></dict></plist>"},
-                       {"AdvancedConfig.json", R"({"B": "b"})"},
-                       {"LayoutConfig.json", R"({"C": 1})"},
-                       {"BrevantAdvancedConfig.json", R"({"D": 1})"}});
-  EXPECT_EQ(config(plain), QVValue::parse(R"({"A": true, "B": "b"})"));
   EXPECT_EQ(service_->prefixForModuleBundleName("/x/BRVResources.bundle/y"), "");
 }
 

@@ -7,7 +7,6 @@
 #include <set>
 
 #include "qvcore/config/QVConfigService.h"
-#include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVFakeClock.h"
@@ -268,15 +267,6 @@ TEST_F(QVCoreTest, AdvertisingIdAndUserAgentAreKeptByTheEnvironmentalService) {
   EXPECT_EQ(core_->getUserAgentFromBrowser(), agent);
   environment->setUserAgentFromBrowser(std::string("Custom/1"));
   EXPECT_EQ(core_->setUserAgentFromBrowser(), "Custom/1") << "a stored agent is not asked again";
-}
-
-TEST(QVCoreHelperTest, NowIsWholeMillisecondsOfTheWallClock) {
-  using namespace std::chrono;
-  const auto ms = [] {
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch());
-  };
-  const uint64_t before = ms().count(), now = QVCoreHelper::sharedInstance()->now();
-  EXPECT_TRUE(before <= now && now <= static_cast<uint64_t>(ms().count())) << before << " " << now;
 }
 
 }  // namespace

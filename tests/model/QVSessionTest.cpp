@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "qvcore/core/QVCore.h"
-#include "qvcore/core/QVCoreHelper.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
 #include "qvcore/model/QVClientEnvironment.h"
 #include "qvcore/model/QVCoreExtensions.h"
@@ -26,7 +26,11 @@ namespace {
 
 using test::messageWithOffset;
 
-uint64_t now() { return QVCoreHelper::sharedInstance()->now(); }
+// Whole milliseconds of the wall clock, as start times are written.
+uint64_t now() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
 
 // The entry's text with its start time and environment as null.
 std::string shape(QVValue entry) {
