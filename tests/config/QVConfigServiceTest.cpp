@@ -257,14 +257,14 @@ QVValue read(S& service) {
 // fraction, a negative number, a text that may be absent), and those that
 // nothing else reads. The others are held where their value takes effect:
 // manual and interval posting, compression and caching (QVQueueServiceTest,
-// QVDeliveryLedgerTest), the posting levels and logging level (QVCoreTest),
-// the lifecycle and orientation items (tests/environment).
-struct Accessor {
-  const char* key;
-  QVValue (*read)(S&);
-  QVValue byDefault, inFile;
-};
+// QVDeliveryLedgerTest), the Wi-Fi level and logging level (QVCoreTest), the
+// orientation item (tests/environment).
 const Accessor kAccessors[] = {
+    {"PostMessageLevelCellular", read<&S::postMessageLevelCellular>, 3, 1},
+    {"DoPostAppComesFromBackground", read<&S::isDoPostAppComesFromBackgroundEnabled>, false, true},
+    {"DoPostAppGoesToBackground", read<&S::isDoPostAppGoesToBackgroundEnabled>, true, false},
+    {"DoPostAppGoesToClose", read<&S::isDoPostAppGoesToCloseEnabled>, false, true},
+    {"DoPostAppIsLaunched", read<&S::isDoPostAppIsLaunchedEnabled>, true, false},
     {"CachingLevel", read<&S::cachingLevel>, 3, 1},
     {"PostMessageTimeIntervals", read<&S::postMessageTimeIntervals>, 30, 12.5},
     {"DoPostOnScreenChange", read<&S::isDoPostOnScreenChangeEnabled>, true, false},
