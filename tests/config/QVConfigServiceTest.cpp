@@ -259,6 +259,11 @@ QVValue read(S& service) {
 // manual and interval posting, compression and caching (QVQueueServiceTest,
 // QVDeliveryLedgerTest), the Wi-Fi level and logging level (QVCoreTest), the
 // orientation item (tests/environment).
+struct Accessor {
+  const char* key;
+  QVValue (*read)(S&);
+  QVValue byDefault, inFile;
+};
 const Accessor kAccessors[] = {
     {"PostMessageLevelCellular", read<&S::postMessageLevelCellular>, 3, 1},
     {"DoPostAppComesFromBackground", read<&S::isDoPostAppComesFromBackgroundEnabled>, false, true},
