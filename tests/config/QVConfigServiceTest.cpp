@@ -257,7 +257,7 @@ QVValue read(S& service) {
 // fraction, a negative number, a text that may be absent), and those that
 // nothing else reads. The others are held where their value takes effect:
 // manual and interval posting, compression and caching (QVQueueServiceTest,
-// QVDeliveryLedgerTest), the Wi-Fi level and logging level (QVCoreTest), the
+// QVDeliveryLedgerTest), the Wi-Fi level (QVCoreTest), the
 // orientation item (tests/environment).
 struct Accessor {
   const char* key;
@@ -271,6 +271,7 @@ const Accessor kAccessors[] = {
     {"DoPostAppGoesToClose", read<&S::isDoPostAppGoesToCloseEnabled>, false, true},
     {"DoPostAppIsLaunched", read<&S::isDoPostAppIsLaunchedEnabled>, true, false},
     {"CachingLevel", read<&S::cachingLevel>, 3, 1},
+    {"LoggingLevel", read<&S::loggingLevel>, 3, 4},
     {"PostMessageTimeIntervals", read<&S::postMessageTimeIntervals>, 30, 12.5},
     {"DoPostOnScreenChange", read<&S::isDoPostOnScreenChangeEnabled>, true, false},
     {"DynamicConfigurationEnabled", read<&S::isDynamicConfigurationEnabled>, true, false},

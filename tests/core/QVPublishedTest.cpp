@@ -1,8 +1,8 @@
 // The published-snapshot mechanism that the registry, the network monitor,
 // the posting limits and the ledgers read on every post: what a thread reads
 // after a publication, owners kept apart, and publishers racing readers. The
-// per-thread copies and recent lookups built on it are held through their
-// readers: the posting gate (QVCoreTest) and the ledgers (QVDeliveryLedgerTest).
+// recent lookups built on it are held through their readers, the queue
+// service and the ledgers (QVQueueServiceTest, QVDeliveryLedgerTest).
 #include "platform/runloop/QVPublished.h"
 
 #include <gtest/gtest.h>
@@ -51,6 +51,18 @@ TEST(QVPublishedTest, ReadersSeeEachPublicationAndOwnersDoNotMix) {
   one.emplace();
   one->publish(pairOf(4));
   EXPECT_EQ(read(*one), 4);
+}
+
+TEST(QVPublishedTest, ACopyKeyedByNoGenerationIsLoadedOnEveryRead) {
+  struct Tag;
+  int loads = 0;
+  const auto read = [&loads](uint64_t generation, uint64_t kept) {
+    return QVThreadCopy<int, Tag>::of(&loads, generation, [&loads, kept](int& copy) {
+      copy = ++loads;
+      return kept;
+    });
+  };
+  EXPECT_EQ((Ints{read(5, 5), read(5, 5), read(6, 0), read(6, 0)}), (Ints{1, 1, 2, 3}));
 }
 
 // Run under ThreadSanitizer too: readers never see a half-made value and
