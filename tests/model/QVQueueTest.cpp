@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <set>
 #include <thread>
 
 #include "qvcore/core/QVCore.h"
@@ -99,6 +100,56 @@ TEST(QVQueueTest, SnapshotSharesSessionsAndFlushClosesOnlyWhatItTook) {
   ASSERT_TRUE(live->postMessageToSessionID(messageWithOffset(4), "S1"));
   EXPECT_EQ(contents(*snapshot), "S1:1,2,;");
   EXPECT_EQ(contents(*live), "S2:3,;S1:4,;");
+}
+
+// Posters on several threads while a flusher snapshots, flushes and
+// serialises: every accepted message is sent once or is still queued.
+TEST(QVQueueTest, ConcurrentPostsAreSentExactlyOnce) {
+  auto live = std::make_shared<QVQueue>();
+  constexpr int kThreads = 6, kPosts = 20000, kPostsPerFlush = 25;
+  std::atomic<int> running{kThreads}, flushes{0};
+  std::vector<std::vector<uint64_t>> accepted(kThreads);
+  std::vector<std::thread> posters;
+  for (int t = 0; t < kThreads; ++t) {
+    posters.emplace_back([&, t] {
+      for (uint64_t i = 0; i < kPosts; ++i) {
+        // Posting and flushing keep pace, so that they overlap throughout.
+        while (flushes < static_cast<int>(i / kPostsPerFlush)) std::this_thread::yield();
+        const uint64_t offset = t * 1000000000ull + i;
+        const auto id = i % 4 == 0 ? std::optional<std::string>() : "S" + std::to_string(i % 40);
+        if (live->postMessageToSessionID(messageWithOffset(offset), id))
+          accepted[t].push_back(offset);
+      }
+      --running;
+    });
+  }
+  std::multiset<uint64_t> seen;
+  auto collect = [&](const QVQueue& queue) {
+    for (const auto& [id, session] : queue.sessions()) {
+      // Each thread's messages keep its order within a session.
+      std::vector<uint64_t> last(kThreads, 0);
+      for (const auto& message : session->jsonSerializedMessages()) {
+        const auto offset = message.at("offset").get<uint64_t>();
+        ASSERT_LE(last[offset / 1000000000ull], offset);
+        last[offset / 1000000000ull] = offset + 1;
+        seen.insert(offset);
+      }
+    }
+  };
+  while (running > 0) {
+    auto snapshot = QVQueue::initWithQueue(live);
+    std::this_thread::yield();  // lets posts land between the snapshot and the flush
+    live->flush();
+    EXPECT_EQ(snapshot->serialNumber(), ++flushes);
+    collect(*snapshot);
+  }
+  for (auto& poster : posters) poster.join();
+  collect(*live);
+
+  std::multiset<uint64_t> expected;
+  for (const auto& offsets : accepted) expected.insert(offsets.begin(), offsets.end());
+  EXPECT_EQ(seen, expected);
+  EXPECT_EQ(expected.size(), static_cast<size_t>(kThreads * kPosts));
 }
 
 // Two threads take turns, each post starting only after the other's has
