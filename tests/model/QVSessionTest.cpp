@@ -102,12 +102,13 @@ TEST(QVSessionTest, TextIsTheTreesJsonWithBadValuesMended) {
 
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const std::pair<QVValue, QVValue> mended[] = {
-      {{{"n", nan}}, {{"n", nullptr}}},
-      {{{"deep", {{"n", QVValue::array({1, -nan})}}}}, {{"deep", {{"n", {1, nullptr}}}}}},
-      {{{"i", std::numeric_limits<double>::infinity()}}, {{"i", nullptr}}},
-      {{{"b", QVValue::binary({1, 2})}}, {{"b", nullptr}}},
-      {{{"s", "bad \xC3\x28"}}, {{"s", "bad \xEF\xBF\xBD("}}},
-      {{{"bad \xFF", 1}}, {{"bad \xEF\xBF\xBD", 1}}}};
+      {{{"n", nan},
+        {"deep", {{"n", QVValue::array({1, -nan})}}},
+        {"i", std::numeric_limits<double>::infinity()},
+        {"b", QVValue::binary({1, 2})}},
+       {{"n", nullptr}, {"deep", {{"n", {1, nullptr}}}}, {"i", nullptr}, {"b", nullptr}}},
+      {{{"s", "bad \xC3\x28"}, {"bad \xFF", 1}},
+       {{"s", "bad \xEF\xBF\xBD("}, {"bad \xEF\xBF\xBD", 1}}}};
   for (const auto& [bad, written] : mended) {
     auto broken = QVSession::initWithSessionID("S\xFE");
     broken->addMessage(std::make_shared<test::QVFieldsMessage>(members));
@@ -177,15 +178,10 @@ TEST(QVMobileEnvironmentTest, FactsOfTheApplicationAndDeviceWithAbsentOnesLeftOu
   QVBundle::setMainBundlePath(folder.at("App"));
   QVDevice::currentDevice().setModel("Board 9");
   QVDevice::currentDevice().setPhysicalMemory(6ull << 30);  // the whole figure, not cut to 32 bits
-  QVValue expected = {{"locale", nullptr},
-                      {"language", nullptr},
-                      {"deviceId", QVEnvironmentalSerivce::sharedInstance()->deviceID()},
-                      {"advertisingId", "N/A"},
-                      {"manufacturer", "Apple Inc."},
-                      {"appVersion", "3.1"},
-                      {"deviceModel", "Board 9"},
-                      {"orientationType", "UNKNOWN"},
-                      {"totalMemory", 6ull << 30}};
+  QVValue expected = QVValue::parse(R"({"locale": null, "language": null, "deviceId": null,
+      "advertisingId": "N/A", "manufacturer": "Apple Inc.", "appVersion": "3.1",
+      "deviceModel": "Board 9", "orientationType": "UNKNOWN", "totalMemory": 6442450944})");
+  expected["deviceId"] = QVEnvironmentalSerivce::sharedInstance()->deviceID();
   for (const auto& [locale, language] : {std::pair{"fr-CA", "français (Canada)"},
                                          {"de-DE", "Deutsch (Deutschland)"},
                                          {"ja-JP", "日本語 (日本)"},
