@@ -236,9 +236,8 @@ TEST_F(QVConfigServiceTest, ConcurrentWritersAndReadersLoseNothing) {
     });
   }
   for (auto& thread : threads) thread.join();
-  for (int t = 0; t < 4; ++t) {
+  for (int t = 0; t < 4; ++t)
     EXPECT_EQ(item("k" + std::to_string(t) + "_199", saver), QVValue(199));
-  }
   EXPECT_EQ(service_->getConfig(saver)->size(), 3u + 4 * 200);
 }
 
@@ -299,9 +298,8 @@ TEST_F(QVConfigServiceTest, EveryKeyIsReadFromTheCoreFilesOrDefaults) {
   folder_.write("QVCoreSettings.bundle/QVCoreAdvancedConfig.json", "{}");
   loadCore("QVCoreSettings.bundle");
   // As text: equality of values would take -90 and its unsigned bits as equal.
-  for (const Accessor& a : kAccessors) {
+  for (const Accessor& a : kAccessors)
     EXPECT_EQ(a.read(*service_).dump(), a.inFile.dump()) << a.key;
-  }
 }
 
 TEST_F(QVConfigServiceTest, MistypedItemsFallBackToTheDefaultButCompressionReadsAnyItem) {
@@ -324,21 +322,19 @@ TEST_F(QVConfigServiceTest, MistypedItemsFallBackToTheDefaultButCompressionReads
 TEST_F(QVConfigServiceTest, RawReadersReadTextAsThePlatformDoes) {
   std::string integers, booleans, doubles;
   const std::string big(20, '9');
-  for (const char* text : {"3", " \t-12", "+7", "3abc", "abc", "", "- 3", "2.9"}) {
+  for (const char* text : {"3", " \t-12", "+7", "3abc", "abc", "", "- 3", "2.9"})
     integers += std::to_string(QVValues::integerValue(text)) + " ";
-  }
   EXPECT_EQ(integers, "3 -12 7 3 0 0 0 2 ");
-  EXPECT_EQ(QVValues::integerValue(big), INT64_MAX);
-  EXPECT_EQ(QVValues::integerValue("-" + big), INT64_MIN);
-  EXPECT_EQ(QVValues::integerValue(QVValue::array({3})), 0);
+  EXPECT_EQ((std::vector{QVValues::integerValue(big), QVValues::integerValue("-" + big),
+                         QVValues::integerValue(QVValue::array({3}))}),
+            (std::vector<int64_t>{INT64_MAX, INT64_MIN, 0}));
   for (const char* text :
        {"1", "YES", "true", "t", " +007", "-9", "0", "no", "false", "", "00", "+0.5", " x1"}) {
     booleans += QVValues::boolValue(text) ? "1" : "0";
   }
   EXPECT_EQ(booleans, "1111110000000");
-  for (const char* text : {"2.5s", " -0.25", ".5", "1e3", "inf", "x"}) {
+  for (const char* text : {"2.5s", " -0.25", ".5", "1e3", "inf", "x"})
     doubles += std::to_string(QVValues::doubleValue(text)) + " ";
-  }
   EXPECT_EQ(doubles, "2.500000 -0.250000 0.500000 1000.000000 0.000000 0.000000 ");
 }
 

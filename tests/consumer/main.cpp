@@ -62,9 +62,8 @@ int postOneMessage(const char* url) {
 
 int main() {
   auto core = qv::QVCore::sharedInstance();
-  if (core->lifecycleObjectForName("ConsumerModule") != ConsumerModule::sharedInstance()) {
+  if (core->lifecycleObjectForName("ConsumerModule") != ConsumerModule::sharedInstance())
     return fail("the module is not found by its class name");
-  }
   std::puts("qvcore-consumer: ok");
   const char* url = std::getenv("QVCONSUMER_URL");
   return url && *url ? postOneMessage(url) : 0;

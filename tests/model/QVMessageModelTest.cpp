@@ -207,9 +207,8 @@ TEST(QVCoreExtensionsTest, UrlEncodedStringEscapesValuesAndIsEmptyWithoutPairs) 
       {QVValue::object(), ""},
       {QVValue::array({1, 2}), ""},
       {"a=b", ""}};
-  for (const Row& row : rows) {
+  for (const Row& row : rows)
     EXPECT_EQ(QVCoreExtensions::urlEncodedString(row.in), row.out) << row.out;
-  }
 }
 
 QVValue offsetDict(uint64_t offset) { return messageWithOffset(offset)->jsonDictionary(); }

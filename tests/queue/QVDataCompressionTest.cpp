@@ -55,9 +55,8 @@ class QVDataCompressionTest : public ::testing::Test {
 // comes out longer; there is no file name nor time stamp in the header.
 TEST_F(QVDataCompressionTest, OutputInflatesBackAndUsesGzipDefaultsAndAFailureGivesTheInputBack) {
   std::string json = "[";
-  for (unsigned i = 0; json.size() < 400 * 1024; ++i) {
+  for (unsigned i = 0; json.size() < 400 * 1024; ++i)
     json += R"({"screen":"Checkout","n":)" + std::to_string(i * 2654435761u % 99991) + "},";
-  }
   json.back() = ']';
   const Bytes output = QVDataCompression::compressData(bytes(json));
   EXPECT_GT(output->size(), 16384u);
