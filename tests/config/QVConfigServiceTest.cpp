@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "config/QVConfigTestSupport.h"
@@ -17,15 +19,24 @@ namespace {
 using Format = QVPropertyList::Format;
 using Files = std::vector<std::pair<std::string, std::string>>;
 using Module = std::shared_ptr<test::QVTestModule>;
+using S = QVConfigService;
 
 std::string plist(const QVValue& dict, Format format = Format::kXML) {
   return *QVPropertyList::dataWithDictionary(dict, format);
 }
 
+// Modules with bundle folders in a temporary folder. The main bundle is an
+// empty folder, so that the real core finds no settings of its own: the
+// accessors read what a stand-in module named "QVCore" loads.
 class QVConfigServiceTest : public ::testing::Test {
  protected:
+  void SetUp() override {
+    QVBundle::setMainBundlePath(folder_.makeFolder("App"));
+    QVBundle::clearSearchPaths();
+  }
   void TearDown() override {
     for (const auto& m : modules_) service_->unloadConfig(m);
+    QVBundle::setMainBundlePath("");
   }
   // A module whose bundle folder (none when bundle is empty) holds files.
   template <typename M = test::QVTestModule>
@@ -59,45 +70,54 @@ class QVConfigServiceTest : public ::testing::Test {
   bool set(const std::string& key, const std::optional<QVValue>& value, const Module& m) {
     return service_->setConfigItemForKeyWithValueForModule(key, value, m);
   }
+  // Loads the core's configuration through a stand-in named "QVCore".
+  void loadCore(const std::string& bundlePath) {
+    service_->unloadConfig(QVCore::sharedInstance());
+    ASSERT_TRUE(service_->loadConfig(module("QVCore", bundlePath)));
+  }
+  void loadCoreJson(const std::string& json) {
+    folder_.write("QVCoreSettings.bundle/QVCoreAdvancedConfig.json", json);
+    loadCore("QVCoreSettings.bundle");
+  }
 
   std::shared_ptr<QVConfigService> service_ = QVConfigService::sharedInstance();
   test::QVTempFolder folder_;
   std::vector<Module> modules_;
 };
 
-TEST_F(QVConfigServiceTest, LaterFilesAndPendingItemsWinInBothPlistForms) {
-  for (Format format : {Format::kXML, Format::kBinary}) {
-    for (const char* bundle : {"BRVResources.bundle", "TestModuleResources.bundle"}) {
-      const std::string name = std::string(format == Format::kXML ? "X" : "B") + bundle;
-      auto m = module(name, name + "/" + bundle,
-                      {{"BrevantBasicConfig.plist",
-                        plist({{"A", 1}, {"B", 1}, {"N", {{"x", 1}, {"y", 1}}}}, format)},
-                       {"BrevantAdvancedConfig.json", R"({"A": 2, "C": 2, "N": {"x": 2}})"},
-                       {"BrevantLayoutConfig.json", R"({"A": 3, "D": 3})"}});
-      QVCore::sharedInstance()->setTempConfigDict({{name, {{"D", 4}, {"E", 4}}}});
-      EXPECT_EQ(config(m),
-                QVValue::parse(R"({"A": 3, "B": 1, "N": {"x": 2}, "C": 2, "D": 4, "E": 4})"));
-      // Pending items are consumed by the load that applied them.
-      service_->unloadConfig(m);
-      EXPECT_EQ(item("D", m), QVValue(3));
-      EXPECT_FALSE(item("E", m));
-    }
+// The bundle's name sets the prefix of the files read ("Brevant" for two
+// names, "QVCore" for the core's, none otherwise); later files win, in either
+// property-list form, and pending items win over files.
+TEST_F(QVConfigServiceTest, ThePrefixChoosesTheFilesAndLaterFilesAndPendingItemsWin) {
+  const auto brevant = [](Format format) {
+    return Files{{"BrevantBasicConfig.plist",
+                  plist({{"A", 1}, {"B", 1}, {"N", {{"x", 1}, {"y", 1}}}}, format)},
+                 {"BrevantAdvancedConfig.json", R"({"A": 2, "C": 2, "N": {"x": 2}})"},
+                 {"BrevantLayoutConfig.json", R"({"A": 3, "D": 3})"}};
+  };
+  const char* merged = R"({"A": 3, "B": 1, "N": {"x": 2}, "C": 2, "D": 4, "E": 4})";
+  const std::tuple<std::string, Files, const char*> rows[] = {
+      {"X/BRVResources.bundle", brevant(Format::kXML), merged},
+      {"B/TestModuleResources.bundle", brevant(Format::kBinary), merged},
+      {"C/QVCoreSettings.bundle",
+       {{"QVCoreBasicConfig.plist", plist({{"A", 1}})},
+        {"QVCoreAdvancedConfig.json", R"({"B": 2})"},
+        {"QVCoreLayoutConfig.json", R"({"A": 9})"},
+        {"BrevantLayoutConfig.json", R"({"A": 9})"}},
+       R"({"A": 1, "B": 2, "D": 4, "E": 4})"},
+      {"P/Other.bundle",
+       {{"BasicConfig.plist", "<plist><dict><key>A</key><true/></dict></plist>"},
+        {"AdvancedConfig.json", R"({"B": "b"})"},
+        {"LayoutConfig.json", R"({"C": 1})"},
+        {"BrevantAdvancedConfig.json", R"({"F": 1})"}},
+       R"({"A": true, "B": "b", "D": 4, "E": 4})"}};
+  for (const auto& [bundle, files, expected] : rows) {
+    auto m = module(bundle.substr(0, 1), bundle, files);
+    QVCore::sharedInstance()->setTempConfigDict({{m->className(), {{"D", 4}, {"E", 4}}}});
+    EXPECT_EQ(config(m), QVValue::parse(expected)) << bundle;
+    service_->unloadConfig(m);
+    EXPECT_FALSE(item("E", m)) << "consumed by the load that applied it";
   }
-}
-
-TEST_F(QVConfigServiceTest, PrefixDecidesWhichFilesAreRead) {
-  auto core = module("CoreLike", "Settings/QVCoreSettings.bundle",
-                     {{"QVCoreBasicConfig.plist", plist({{"A", 1}})},
-                      {"QVCoreAdvancedConfig.json", R"({"B": 2})"},
-                      {"QVCoreLayoutConfig.json", R"({"A": 9})"},
-                      {"BrevantLayoutConfig.json", R"({"A": 9})"}});
-  EXPECT_EQ(config(core), QVValue::parse(R"({"A": 1, "B": 2})"));
-  auto plain = module("Plain", "Other.bundle",
-                      {{"BasicConfig.plist", "<plist><dict><key>A</key><true/></dict></plist>"},
-                       {"AdvancedConfig.json", R"({"B": "b"})"},
-                       {"LayoutConfig.json", R"({"C": 1})"},
-                       {"BrevantAdvancedConfig.json", R"({"D": 1})"}});
-  EXPECT_EQ(config(plain), QVValue::parse(R"({"A": true, "B": "b"})"));
   EXPECT_EQ(service_->prefixForModuleBundleName("/x/BRVResources.bundle/y"), "");
 }
 
@@ -216,10 +236,119 @@ TEST_F(QVConfigServiceTest, ConcurrentWritersAndReadersLoseNothing) {
     });
   }
   for (auto& thread : threads) thread.join();
-  for (int t = 0; t < 4; ++t) {
+  for (int t = 0; t < 4; ++t)
     EXPECT_EQ(item("k" + std::to_string(t) + "_199", saver), QVValue(199));
-  }
   EXPECT_EQ(service_->getConfig(saver)->size(), 3u + 4 * 200);
+}
+
+template <auto kAccessor>
+QVValue read(S& service) {
+  auto value = (service.*kAccessor)();
+  if constexpr (std::is_same_v<decltype(value), std::optional<QVValue>>) {
+    return value.value_or(nullptr);
+  } else {
+    return QVValue(value);
+  }
+}
+
+// The accessors with their keys, defaults and a value that differs from the
+// default: one of each kind of conversion (a flag, a whole number, a
+// fraction, a negative number, a text that may be absent), and those that
+// nothing else reads. The others are held where their value takes effect:
+// manual and interval posting, compression and caching (QVQueueServiceTest,
+// QVDeliveryLedgerTest), the Wi-Fi level (QVCoreTest), the
+// orientation item (tests/environment).
+struct Accessor {
+  const char* key;
+  QVValue (*read)(S&);
+  QVValue byDefault, inFile;
+};
+const Accessor kAccessors[] = {
+    {"PostMessageLevelCellular", read<&S::postMessageLevelCellular>, 3, 1},
+    {"DoPostAppComesFromBackground", read<&S::isDoPostAppComesFromBackgroundEnabled>, false, true},
+    {"DoPostAppGoesToBackground", read<&S::isDoPostAppGoesToBackgroundEnabled>, true, false},
+    {"DoPostAppGoesToClose", read<&S::isDoPostAppGoesToCloseEnabled>, false, true},
+    {"DoPostAppIsLaunched", read<&S::isDoPostAppIsLaunchedEnabled>, true, false},
+    {"CachingLevel", read<&S::cachingLevel>, 3, 1},
+    {"LoggingLevel", read<&S::loggingLevel>, 3, 4},
+    {"PostMessageTimeIntervals", read<&S::postMessageTimeIntervals>, 30, 12.5},
+    {"DoPostOnScreenChange", read<&S::isDoPostOnScreenChangeEnabled>, true, false},
+    {"DynamicConfigurationEnabled", read<&S::isDynamicConfigurationEnabled>, true, false},
+    {"CachedFileMaxBytesSize", read<&S::cachedFileMaxBytesSize>, 512000, 1000},
+    {"PostMessageMaxBytesSize", read<&S::postMessageMaxBytesSize>, 200000, 2000},
+    {"PostMessageTimeout", read<&S::postMessageTimeout>, 5, 9},
+    {"CriticalBatteryLevel", read<&S::criticalBatteryLevel>, 0.2, 0.1},
+    {"LibraryVersion", read<&S::libraryVersion>, nullptr, "1.0"},
+    {"MessageVersion", read<&S::messageVersion>, nullptr, "2"},
+    {"DefaultOrientation", read<&S::defaultOrientation>, 0, -90}};
+
+// Without any file and for null items every accessor answers its default.
+TEST_F(QVConfigServiceTest, EveryKeyIsReadFromTheCoreFilesOrDefaults) {
+  QVValue nulls = QVValue::object(), values = QVValue::object();
+  for (const Accessor& a : kAccessors) {
+    EXPECT_EQ(a.read(*service_), a.byDefault) << a.key;
+    nulls[a.key] = nullptr;
+    values[a.key] = a.inFile;
+  }
+  loadCoreJson(nulls.dump());
+  EXPECT_FALSE(service_->getConfigItemForLifecycleObject("LoggingLevel", QVCore::sharedInstance()));
+  for (const Accessor& a : kAccessors) EXPECT_EQ(a.read(*service_), a.byDefault) << a.key;
+  folder_.writePlist("QVCoreSettings.bundle/QVCoreBasicConfig.plist", values,
+                     QVPropertyList::Format::kBinary);
+  folder_.write("QVCoreSettings.bundle/QVCoreAdvancedConfig.json", "{}");
+  loadCore("QVCoreSettings.bundle");
+  // As text: equality of values would take -90 and its unsigned bits as equal.
+  for (const Accessor& a : kAccessors)
+    EXPECT_EQ(a.read(*service_).dump(), a.inFile.dump()) << a.key;
+}
+
+TEST_F(QVConfigServiceTest, MistypedItemsFallBackToTheDefaultButCompressionReadsAnyItem) {
+  loadCoreJson(R"({"ManualPostEnabled": "false", "PostMessageLevelCellular": "2"})");
+  EXPECT_TRUE(service_->isManualPostingEnabled());
+  EXPECT_EQ(service_->postMessageLevelCellular(), 3);
+  EXPECT_TRUE(service_->isCompressPostMessageEnabled());  // absent
+  const std::pair<const char*, bool> cases[] = {{"0", false},          {"2", true},
+                                                {R"("false")", false}, {R"(" YES")", true},
+                                                {R"("-007")", true},   {"[1]", false}};
+  for (const auto& [value, expected] : cases) {
+    loadCoreJson(std::string(R"({"CompressPostMessage": )") + value + "}");
+    EXPECT_EQ(service_->isCompressPostMessageEnabled(), expected) << value;
+  }
+}
+
+// Items written as text: the raw readers (the posting gate, the lifecycle
+// manager, "URLEncoded", compression) read them as the platform reads text,
+// while the typed accessors keep their defaults for them (above).
+TEST_F(QVConfigServiceTest, RawReadersReadTextAsThePlatformDoes) {
+  std::string integers, booleans, doubles;
+  const std::string big(20, '9');
+  for (const char* text : {"3", " \t-12", "+7", "3abc", "abc", "", "- 3", "2.9"})
+    integers += std::to_string(QVValues::integerValue(text)) + " ";
+  EXPECT_EQ(integers, "3 -12 7 3 0 0 0 2 ");
+  EXPECT_EQ((std::vector{QVValues::integerValue(big), QVValues::integerValue("-" + big),
+                         QVValues::integerValue(QVValue::array({3}))}),
+            (std::vector<int64_t>{INT64_MAX, INT64_MIN, 0}));
+  for (const char* text :
+       {"1", "YES", "true", "t", " +007", "-9", "0", "no", "false", "", "00", "+0.5", " x1"}) {
+    booleans += QVValues::boolValue(text) ? "1" : "0";
+  }
+  EXPECT_EQ(booleans, "1111110000000");
+  for (const char* text : {"2.5s", " -0.25", ".5", "1e3", "inf", "x"})
+    doubles += std::to_string(QVValues::doubleValue(text)) + " ";
+  EXPECT_EQ(doubles, "2.500000 -0.250000 0.500000 1000.000000 0.000000 0.000000 ");
+}
+
+TEST_F(QVConfigServiceTest, ExampleBundlesLoad) {
+  const auto examples = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
+                        "examples/bundles";
+  service_->unloadConfig(QVCore::sharedInstance());
+  ASSERT_TRUE(service_->loadConfig(std::make_shared<test::QVTestModule>(
+      "QVCore", (examples / "QVCoreSettings.bundle").string())));
+  EXPECT_EQ(service_->postMessageLevelCellular(), 2);          // From the property list.
+  EXPECT_EQ(service_->libraryVersion(), QVValue("2.0.0.81"));  // From the JSON file.
+  QVBundle::setMainBundlePath((examples / "ExampleApp").string());
+  EXPECT_EQ(QVBundle::mainBundle()->infoDictionary()["CFBundleIdentifier"],
+            "com.example.qvexample");
 }
 
 // The core is not enabled here: readers answer their defaults, updates are
@@ -229,23 +358,24 @@ TEST(QVApplicationHelperTest, WhileTheCoreIsNotEnabledOnlyEarlyItemsAreKept) {
   ASSERT_FALSE(QVCore::sharedInstance()->isEnabled());
   test::QVTempFolder folder;
   folder.write("H.bundle/AdvancedConfig.json", R"({"Url": "http://file", "N": 1})");
-  auto module = test::QVTestModule::define("HelperModule", folder.at("H.bundle"));
+  const std::string name = "HelperModule";
+  auto module = test::QVTestModule::define(name, folder.at("H.bundle"));
   auto helper = QVApplicationHelper::sharedInstance();
-  auto pending = [] { return QVCore::sharedInstance()->tempConfigDict()["HelperModule"]; };
+  auto pending = [&] { return QVCore::sharedInstance()->tempConfigDict()[name]; };
 
-  EXPECT_FALSE(helper->configurationCheck());
-  EXPECT_FALSE(helper->getConfigItemForModuleName("N", "HelperModule"));
-  EXPECT_FALSE(helper->getBOOLconfigItemForKeyWithDefaultForModuleName("N", false, "HelperModule"));
-  EXPECT_EQ(helper->getStringItemForKeyWithDefaultForModuleName("Url", "dflt", "HelperModule"),
-            "dflt");
-  EXPECT_EQ(helper->getNumberItemForKeyWithDefaultForModuleName("N", QVValue(9), "HelperModule"),
-            QVValue(9));
-  EXPECT_FALSE(helper->updateConfigWithDataForModuleName({{"N", 2}}, "HelperModule"));
+  EXPECT_EQ(
+      (QVValue{
+          helper->configurationCheck(), helper->getConfigItemForModuleName("N", name).has_value(),
+          helper->getBOOLconfigItemForKeyWithDefaultForModuleName("N", false, name),
+          helper->getStringItemForKeyWithDefaultForModuleName("Url", "dflt", name).value_or("-"),
+          helper->getNumberItemForKeyWithDefaultForModuleName("N", QVValue(9), name).value_or(0),
+          helper->updateConfigWithDataForModuleName({{"N", 2}}, name)}),
+      (QVValue{false, false, false, "dflt", 9, false}));
   EXPECT_TRUE(pending().is_null());
 
-  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://a"), "HelperModule"));
-  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://b"), "HelperModule"));
-  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Skipped", std::nullopt, "HelperModule"));
+  EXPECT_FALSE(helper->setConfigItemValueForModuleName("Url", QVValue("http://a"), name) ||
+               helper->setConfigItemValueForModuleName("Url", QVValue("http://b"), name) ||
+               helper->setConfigItemValueForModuleName("Skipped", std::nullopt, name));
   EXPECT_EQ(pending(), QVValue::parse(R"({"Url": "http://b"})"));
   auto service = QVConfigService::sharedInstance();
   EXPECT_EQ(service->getConfigItemForLifecycleObject("Url", module), QVValue("http://b"));

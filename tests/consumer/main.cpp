@@ -1,9 +1,8 @@
-// Uses the installed headers and library: a module registered by name, a
-// message through the JSON forms, compression, and the version constants.
-// With QVCONSUMER_URL set, it also enables the core from the installed
-// default settings (no files of its own) and posts one message there.
+// Uses the installed headers and library: a module registered by name, with
+// the registration macro in a program of its own. With QVCONSUMER_URL set, it
+// also enables the core from the installed default settings (no files of its
+// own) and posts one message there.
 #include <qvcore/core/QVCore.h>
-#include <qvcore/core/QVCoreVersion.h>
 #include <qvcore/model/QVMessage.h>
 #include <qvcore/platform/QVClassRegistry.h>
 #include <qvcore/platform/QVRunLoop.h>
@@ -49,7 +48,6 @@ int postOneMessage(const char* url) {
   if (!core->enableModule("ConsumerModule")) return fail("the module did not enable");
   auto message = std::make_shared<qv::QVMessage>();
   message->setOffset(4242);
-  message->setLogLevel(1);
   if (!core->postMessageForModuleName(message, "ConsumerModule")) return fail("post refused");
   core->flushQueues();
   auto queues = qv::QVQueueService::sharedInstance();
@@ -64,17 +62,8 @@ int postOneMessage(const char* url) {
 
 int main() {
   auto core = qv::QVCore::sharedInstance();
-  if (core->frameworkVersion() != "2.0.0.81") return fail("unexpected framework version");
-  if (QVCoreVersionNumber != 1.0) return fail("unexpected version number");
-  if (core->lifecycleObjectForName("ConsumerModule") != ConsumerModule::sharedInstance()) {
+  if (core->lifecycleObjectForName("ConsumerModule") != ConsumerModule::sharedInstance())
     return fail("the module is not found by its class name");
-  }
-  qv::QVMessage message;
-  message.setOffset(42);
-  if (message.toJson() != R"({"offset":42})") return fail("unexpected message JSON");
-  auto body = std::make_shared<const std::string>(2048, 'q');
-  auto gzip = core->compressData(body);
-  if (!gzip || gzip->size() >= body->size()) return fail("compression did not shrink the body");
   std::puts("qvcore-consumer: ok");
   const char* url = std::getenv("QVCONSUMER_URL");
   return url && *url ? postOneMessage(url) : 0;

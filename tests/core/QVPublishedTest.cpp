@@ -1,6 +1,8 @@
 // The published-snapshot mechanism that the registry, the network monitor,
 // the posting limits and the ledgers read on every post: what a thread reads
-// after a publication, owners kept apart, and publishers racing readers.
+// after a publication, owners kept apart, and publishers racing readers. The
+// recent lookups built on it are held through their readers, the queue
+// service and the ledgers (QVQueueServiceTest, QVDeliveryLedgerTest).
 #include "platform/runloop/QVPublished.h"
 
 #include <gtest/gtest.h>
@@ -61,20 +63,6 @@ TEST(QVPublishedTest, ACopyKeyedByNoGenerationIsLoadedOnEveryRead) {
     });
   };
   EXPECT_EQ((Ints{read(5, 5), read(5, 5), read(6, 0), read(6, 0)}), (Ints{1, 1, 2, 3}));
-}
-
-TEST(QVPublishedTest, RecentLookupsKeepTheLastAnswersOfEachOwner) {
-  QVRecentLookups<int, 2> recent;
-  const int a = 0, b = 0;
-  const auto find = [&recent](const int* owner, const char* name) {
-    const int* found = recent.find(owner, name);
-    return found ? *found : -1;
-  };
-  recent.add(&a, "m", 1);
-  recent.add(&b, "m", 2);
-  EXPECT_EQ((Ints{find(&a, "m"), find(&b, "m"), find(&a, "n")}), (Ints{1, 2, -1}));
-  recent.add(&a, "n", 3);  // takes the place of the oldest
-  EXPECT_EQ((Ints{find(&a, "m"), find(&a, "n")}), (Ints{-1, 3}));
 }
 
 // Run under ThreadSanitizer too: readers never see a half-made value and

@@ -1,23 +1,36 @@
+// A session's payload entry, its text, and the two records of the client's
+// environment that it carries.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "qvcore/core/QVCore.h"
-#include "qvcore/core/QVCoreHelper.h"
+#include "qvcore/environment/QVEnvironmentalSerivce.h"
+#include "qvcore/model/QVClientEnvironment.h"
 #include "qvcore/model/QVCoreExtensions.h"
+#include "qvcore/model/QVMobileEnvironment.h"
 #include "qvcore/model/QVSession.h"
 #include "qvcore/model/QVTestingListener.h"
+#include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVDevice.h"
+#include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVRunLoop.h"
+#include "qvcore/platform/QVScreen.h"
 #include "support/QVFieldsMessage.h"
+#include "support/QVTempFolder.h"
 
 namespace qv {
 namespace {
 
 using test::messageWithOffset;
 
-uint64_t now() { return QVCoreHelper::sharedInstance()->now(); }
+// Whole milliseconds of the wall clock, as start times are written.
+uint64_t now() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
 
 // The entry's text with its start time and environment as null.
 std::string shape(QVValue entry) {
@@ -89,12 +102,13 @@ TEST(QVSessionTest, TextIsTheTreesJsonWithBadValuesMended) {
 
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const std::pair<QVValue, QVValue> mended[] = {
-      {{{"n", nan}}, {{"n", nullptr}}},
-      {{{"deep", {{"n", QVValue::array({1, -nan})}}}}, {{"deep", {{"n", {1, nullptr}}}}}},
-      {{{"i", std::numeric_limits<double>::infinity()}}, {{"i", nullptr}}},
-      {{{"b", QVValue::binary({1, 2})}}, {{"b", nullptr}}},
-      {{{"s", "bad \xC3\x28"}}, {{"s", "bad \xEF\xBF\xBD("}}},
-      {{{"bad \xFF", 1}}, {{"bad \xEF\xBF\xBD", 1}}}};
+      {{{"n", nan},
+        {"deep", {{"n", QVValue::array({1, -nan})}}},
+        {"i", std::numeric_limits<double>::infinity()},
+        {"b", QVValue::binary({1, 2})}},
+       {{"n", nullptr}, {"deep", {{"n", {1, nullptr}}}}, {"i", nullptr}, {"b", nullptr}}},
+      {{{"s", "bad \xC3\x28"}, {"bad \xFF", 1}},
+       {{"s", "bad \xEF\xBF\xBD("}, {"bad \xEF\xBF\xBD", 1}}}};
   for (const auto& [bad, written] : mended) {
     auto broken = QVSession::initWithSessionID("S\xFE");
     broken->addMessage(std::make_shared<test::QVFieldsMessage>(members));
@@ -131,6 +145,57 @@ TEST(QVSessionTest, AddsRacingWithCloseAreEitherKeptOrRefused) {
   EXPECT_FALSE(session->addMessage(messageWithOffset(1)));
   EXPECT_EQ(closedForm.size(), static_cast<size_t>(accepted.load()));
   EXPECT_EQ(session->jsonSerializedMessages(), closedForm);
+}
+
+// Pixels are the points times the density, each the float nearest to it
+// written as its shortest decimal (0.1 and 333.3 are not floats).
+TEST(QVClientEnvironmentTest, ScreenInPixelsAndPointsWithTheDeviceFactsInKeyOrder) {
+  QVDevice::currentDevice().setSystemName("TestOS");
+  QVDevice::currentDevice().setSystemVersion("17.1");
+  const std::pair<std::array<double, 3>, std::string> rows[] = {
+      {{375, 667, 2.0},
+       R"("width":750,"deviceWidth":375,"height":1334,"deviceHeight":667,"orientation":0,)"
+       R"("pixelDensity":2,"mobileEnvironment":{)"},
+      {{333.3, 100.1, 3.0},
+       R"("width":999.9,"deviceWidth":333.3,"height":300.3,"deviceHeight":100.1,)"
+       R"("orientation":0,"pixelDensity":3,"mob)"}};
+  for (const auto& [screen, figures] : rows) {
+    QVScreen::setMainScreen(screen[0], screen[1], screen[2]);
+    const std::string expected = R"({"osType":"TestOS","osVersion":"17.1",)" + figures;
+    EXPECT_EQ(QVClientEnvironment().toJson().substr(0, expected.size()), expected);
+  }
+  QVScreen::removeMainScreen();
+  EXPECT_EQ(QVClientEnvironment().screenResolution(), QVRect{});
+  EXPECT_EQ(QVClientEnvironment().pixelDensity(), 1.0);
+}
+
+// The record in key order, less the storage figures that move; absent facts
+// are left out.
+TEST(QVMobileEnvironmentTest, FactsOfTheApplicationAndDeviceWithAbsentOnesLeftOut) {
+  test::QVTempFolder folder;
+  QVFileSystem::setHomeDirectory(folder.makeFolder("home"));
+  folder.writePlist("App/Info.plist", {{"CFBundleVersion", "3.1"}, {"CFBundleIdentifier", "x"}});
+  QVBundle::setMainBundlePath(folder.at("App"));
+  QVDevice::currentDevice().setModel("Board 9");
+  QVDevice::currentDevice().setPhysicalMemory(6ull << 30);  // the whole figure, not cut to 32 bits
+  QVValue expected = QVValue::parse(R"({"locale": null, "language": null, "deviceId": null,
+      "advertisingId": "N/A", "manufacturer": "Apple Inc.", "appVersion": "3.1",
+      "deviceModel": "Board 9", "orientationType": "UNKNOWN", "totalMemory": 6442450944})");
+  expected["deviceId"] = QVEnvironmentalSerivce::sharedInstance()->deviceID();
+  for (const auto& [locale, language] : {std::pair{"fr-CA", "français (Canada)"},
+                                         {"de-DE", "Deutsch (Deutschland)"},
+                                         {"ja-JP", "日本語 (日本)"},
+                                         {"en_GB", "English (United Kingdom)"}}) {
+    QVDevice::currentDevice().setPreferredLanguages({locale, "en-US"});
+    QVValue record = QVMobileEnvironment().jsonDictionary();
+    const uint64_t total = record["totalStorage"], free = record["freeStorage"];
+    EXPECT_TRUE(total > 0 && free <= total) << free << " of " << total;
+    record.erase("totalStorage"), record.erase("freeStorage");
+    expected["locale"] = locale, expected["language"] = language;
+    EXPECT_EQ(record, expected);
+  }
+  QVEnvironmentalSerivce::sharedInstance()->setVepAdvertisingIdFromCustomer(std::nullopt);
+  EXPECT_FALSE(QVMobileEnvironment().jsonDictionary().contains("advertisingId"));
 }
 
 }  // namespace

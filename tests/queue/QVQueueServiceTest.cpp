@@ -16,7 +16,6 @@
 #include "qvcore/platform/QVRepeatingTimer.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
-#include "qvcore/queue/QVDataCompression.h"
 #include "qvcore/queue/QVServerConnection.h"
 #include "support/QVGzip.h"
 #include "support/QVQueueServiceTestSupport.h"
@@ -26,7 +25,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::namesIn;
-using test::Offsets;
 using test::offsetsIn;
 
 class TerminatingModule : public test::QVTestModule, public QVAppTerminationObserver {
@@ -38,7 +36,6 @@ class TerminatingModule : public test::QVTestModule, public QVAppTerminationObse
 
 class QVQueueServiceTest : public test::QVQueueServiceTestBase {
  protected:
-  ~QVQueueServiceTest() override { ::umask(mask_); }
   std::string cacheFolder() const { return service->cachedQueuesDirectory(); }
   std::string cache(const std::string& name, const std::string& text) {
     return folder.write("home/Documents/QVCoreCachedQueues/" + name, text);
@@ -53,8 +50,6 @@ class QVQueueServiceTest : public test::QVQueueServiceTestBase {
     }
     return out;
   }
-
-  const mode_t mask_ = ::umask(0);  // modes must not depend on the umask
 };
 
 TEST_F(QVQueueServiceTest, AFlushDuringAPostOnlyAppendsAndOnlyAnEmptiedListReportsTheEnd) {
@@ -111,7 +106,9 @@ TEST_F(QVQueueServiceTest, UrlEncodedQueuesPostEachMessageInSessionThenMessageOr
 }
 
 // Which form is shorter is worked out here with zlib itself; the body sent
-// must be that form, and must decode to the body given.
+// must be that form, and must decode to the body given. (A flushed payload
+// is compressed while it is written: QVDataCompressionTest holds that this
+// gives the same bytes, the soak run that servers read them.)
 TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
   std::string large, noise;
   for (int i = 0; i < 100; ++i) large += R"({"screen":"Checkout","n":)" + std::to_string(i) + "},";
@@ -132,20 +129,6 @@ TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
                                                (gzipped ? "Content-Encoding: gzip|" : ""));
     }
   }
-
-  // A flushed payload of many stretches, compressed while it is written:
-  // the very bytes that compressing the finished text gives.
-  auto module = defineModule("Alpha");
-  ASSERT_TRUE(service->enable());
-  for (uint64_t i = 0; i < 20000; ++i) post(module, i);
-  service->flushQueues();
-  ASSERT_EQ(session->taskCount(), 1u);
-  const auto sent = session->task(0).body;
-  const std::string text = test::gunzip(*sent).value_or("");
-  EXPECT_GT(text.size(), 4 * 65536u);
-  EXPECT_EQ(*sent, *QVDataCompression::compressData(std::make_shared<const std::string>(text)));
-  EXPECT_EQ(session->task(0).request.valueForHTTPHeaderField("Content-Length"),
-            std::to_string(sent->size()));
 }
 
 TEST_F(QVQueueServiceTest, TheTimerRunsOnlyForIntervalPostingAndFlushesOnTheEnablingLoop) {
@@ -209,39 +192,15 @@ TEST_F(QVQueueServiceTest, QueuesAreKeyedByClassNameAndOutliveDisable) {
   EXPECT_EQ(posts(), "http://collector.test/Twin 1 2|");
 }
 
-// The files of unsent queues and the terminate path.
-TEST_F(QVQueueServiceTest, AFailedQueueIsCachedPrivatelyAndSentFirstAtTheNextFlush) {
-  auto alpha = defineModule("Alpha");
-  ASSERT_TRUE(service->enable());
-  EXPECT_EQ(test::modeOf(QVFileSystem::documentsDirectory()), 0700u);
-  EXPECT_EQ(test::modeOf(cacheFolder()), 0700u);
-  post(alpha, 1);
-  service->flushQueues();
-  session->completeWithStatus(0, 500);
-  const auto names = namesIn(cacheFolder());
-  ASSERT_EQ(names.size(), 1u);
-  EXPECT_TRUE(std::regex_match(names[0], std::regex(R"(Alpha_\d+\.\d{6}\.json)"))) << names[0];
-  const std::string file = cacheFolder() + "/" + names[0];
-  const std::string saved = QVFileSystem::contentsAtPath(file, 1 << 20).value_or("");
-  EXPECT_EQ(offsetsIn(saved), Offsets{1});
-  EXPECT_EQ(test::modeOf(file), 0600u);
-
-  post(defineModule("Beta"), 2);
-  service->flushQueues();
-  ASSERT_EQ(session->taskCount(), 2u);
-  EXPECT_EQ(body(1), saved) << "sent as saved, before the module queues";
-  EXPECT_TRUE(namesIn(cacheFolder()).empty());
-  setItems("QVCore", {{"HasToPersistLocalCache", false}});
-  session->completeWithStatus(1, 404);
-  session->completeWithStatus(2, 404);
-  EXPECT_TRUE(namesIn(cacheFolder()).empty()) << "not persisted when switched off";
-}
-
+// The files of unsent queues (their names, modes and order of sending are
+// held by QVDeliveryLedgerTest, through the core) and the terminate path.
 std::string queueText(int serialNumber) {
   return R"({"messageVersion":"6.0.0.0","serialNumber":)" + std::to_string(serialNumber) +
          R"(,"sessions":[]})";
 }
 
+// Only the folder's own regular files are read, posted or deleted: never
+// through a link, nor special or huge entries.
 TEST_F(QVQueueServiceTest, RecoveryDeletesEveryFileAndKeepsOnlyQueuesOfKnownModules) {
   auto alpha = defineModule("Alpha");
   auto url = defineModule(
@@ -249,6 +208,20 @@ TEST_F(QVQueueServiceTest, RecoveryDeletesEveryFileAndKeepsOnlyQueuesOfKnownModu
   service->recoverSavedQueues();
   EXPECT_FALSE(QVFileSystem::fileExistsAtPath(cacheFolder())) << "no folder: nothing happens";
   EXPECT_FALSE(service->saveQueueToFile(QVQueue::initWithJSONAndModule("{}", alpha)));
+
+  // The cache folder is a link to a folder elsewhere: nothing there is
+  // read, deleted or written.
+  const std::string outside = folder.write("outside/Alpha_1.000000.json", queueText(1));
+  folder.write("outside/inner/Alpha_2.000000.json", queueText(2));
+  folder.makeFolder("home/Documents");
+  std::filesystem::create_directory_symlink(folder.at("outside"), cacheFolder());
+  service->recoverSavedQueues();
+  EXPECT_FALSE(service->saveQueueToFile(QVQueue::initWithJSONAndModule(queueText(3), alpha)));
+  EXPECT_TRUE(service->cachedQueues().empty());
+  EXPECT_EQ(namesIn(folder.at("outside")),
+            (std::vector<std::string>{"Alpha_1.000000.json", "inner"}));
+  EXPECT_TRUE(QVFileSystem::isFileAtPath(folder.at("outside/inner/Alpha_2.000000.json")));
+  std::filesystem::remove(cacheFolder());
 
   ASSERT_TRUE(service->createCachedQueueFolder());
   // Not UTF-8, no module name, an unknown module, and (from Alpha_4) not what
@@ -262,53 +235,28 @@ TEST_F(QVQueueServiceTest, RecoveryDeletesEveryFileAndKeepsOnlyQueuesOfKnownModu
       {"Alpha_7", R"({"offset":7})"}, {"Alpha_8", queueText(8) + "}"},
       {"Url_1", R"({"offset":1})"},   {"Url_2", R"({"n":2})"}};
   for (const auto& [name, text] : files) cache(name + std::string(".000000.json"), text);
+  // A link to a queue outside, a FIFO, a folder, and a file too large to be a
+  // queue though its text would pass (deleted unread).
+  const std::string dir = cacheFolder() + "/";
+  std::filesystem::create_symlink(outside, dir + "Alpha_11.000000.json");
+  ASSERT_EQ(::mkfifo((dir + "Alpha_12.000000.json").c_str(), 0600), 0);
+  cache("Alpha_13.000000.json/Alpha_4.000000.json", queueText(4));
+  std::string huge = queueText(5);
+  huge.resize((65u << 20), ' ');
+  cache("Alpha_15.000000.json", huge);
+  huge.clear();
   service->recoverSavedQueues();
-  EXPECT_TRUE(namesIn(cacheFolder()).empty());
+
   std::vector<std::string> recovered;
   for (const auto& queue : service->cachedQueues()) recovered.push_back(queue->toJson());
   EXPECT_EQ(recovered, (std::vector<std::string>{queueText(1), queueText(2), R"({"offset":1})"}));
   EXPECT_EQ(service->cachedQueues().at(1)->module(), alpha);
   EXPECT_EQ(service->cachedQueues().at(2)->module(), url);
-}
-
-// Only the folder's own regular files are read, posted or deleted.
-TEST_F(QVQueueServiceTest, RecoveryNeverFollowsALinkNorTouchesSpecialOrHugeEntries) {
-  auto alpha = defineModule("Alpha");
-  const std::string outside = folder.write("outside/Alpha_1.000000.json", queueText(1));
-  folder.write("outside/inner/Alpha_2.000000.json", queueText(2));
-  // The cache folder is a link to a folder elsewhere: nothing there is
-  // read, deleted or written.
-  folder.makeFolder("home/Documents");
-  std::filesystem::create_directory_symlink(folder.at("outside"), cacheFolder());
-  service->recoverSavedQueues();
-  EXPECT_FALSE(service->saveQueueToFile(QVQueue::initWithJSONAndModule(queueText(3), alpha)));
-  EXPECT_TRUE(service->cachedQueues().empty());
-  EXPECT_EQ(namesIn(folder.at("outside")),
-            (std::vector<std::string>{"Alpha_1.000000.json", "inner"}));
-  EXPECT_TRUE(QVFileSystem::isFileAtPath(folder.at("outside/inner/Alpha_2.000000.json")));
-
-  std::filesystem::remove(cacheFolder());
-  ASSERT_TRUE(service->createCachedQueueFolder());
-  const std::string dir = cacheFolder() + "/";
-  std::filesystem::create_symlink(outside, dir + "Alpha_1.000000.json");
-  ASSERT_EQ(::mkfifo((dir + "Alpha_2.000000.json").c_str(), 0600), 0);
-  cache("Alpha_3.000000.json/Alpha_4.000000.json", queueText(4));
-  // Too large to be a queue, though its text would pass: deleted unread.
-  std::string huge = queueText(5);
-  huge.resize((65u << 20), ' ');
-  cache("Alpha_5.000000.json", huge);
-  huge.clear();
-  cache("Alpha_6.000000.json", queueText(6));
-  service->recoverSavedQueues();
-
-  const auto recovered = service->cachedQueues();
-  ASSERT_EQ(recovered.size(), 1u);
-  EXPECT_EQ(recovered[0]->toJson(), queueText(6));
   EXPECT_EQ(namesIn(cacheFolder()),
-            (std::vector<std::string>{"Alpha_2.000000.json", "Alpha_3.000000.json"}))
+            (std::vector<std::string>{"Alpha_12.000000.json", "Alpha_13.000000.json"}))
       << "the link is gone, the FIFO and the folder stay";
   EXPECT_EQ(QVFileSystem::contentsAtPath(outside, 1 << 10), queueText(1)) << "the target stays";
-  EXPECT_TRUE(QVFileSystem::isFileAtPath(dir + "Alpha_3.000000.json/Alpha_4.000000.json"));
+  EXPECT_TRUE(QVFileSystem::isFileAtPath(dir + "Alpha_13.000000.json/Alpha_4.000000.json"));
 }
 
 // A payload that can never become a request is dropped with a log line; a
@@ -322,16 +270,13 @@ TEST_F(QVQueueServiceTest, AnUnbuildablePayloadIsDroppedAndLoggedNotCached) {
   auto spaced = defineModule(
       "Spaced", QVValue{{"PostMessageUrl", "http://collector.test/a b"}, {"URLEncoded", true}});
   ASSERT_TRUE(service->enable());
-  for (const char* text : {"[1,2]", "not JSON", "{}"}) {
+  for (const char* text : {"[1,2]", "not JSON", "{}"})
     service->flushCachedQueue(QVQueue::initWithJSONAndModule(text, url));
-  }
   EXPECT_TRUE(namesIn(cacheFolder()).empty()) << "never cached";
   EXPECT_EQ(session->taskCount(), 0u);
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_NE(lines[0].find("Url"), std::string::npos) << lines[0];
-  EXPECT_NE(lines[0].find("not a JSON dictionary"), std::string::npos) << lines[0];
+  EXPECT_TRUE(std::regex_search(lines[0], std::regex("Url.*not a JSON dictionary"))) << lines[0];
   EXPECT_NE(lines[1].find("not JSON"), std::string::npos) << lines[1];
-
   service->flushCachedQueue(QVQueue::initWithJSONAndModule(R"({"offset":1})", spaced));
   EXPECT_EQ(namesIn(cacheFolder()).size(), 1u) << "kept for the next flush";
   EXPECT_EQ(lines.size(), 3u);
@@ -354,6 +299,18 @@ TEST_F(QVQueueServiceTest, TerminatePathTellsModulesThenReturnsOnlyOnceTheConnec
   service->flushBRVApplicationWillTerminateQueues();
   EXPECT_EQ(posts(), "http://collector.test/Telling 1 2|");
   EXPECT_FALSE(service->serverConnection()->isBusy());
+}
+
+TEST(QVMutableURLRequestTest, UrlsNeedSchemeHostAndOnlyUrlCharacters) {
+  for (const char* url : {"http://127.0.0.1:8080/p?a=1?b=2", "https://h", "ftp://h/x",
+                          "http://[::1]/%41%2f", "http://h/p?q=a'b(c)*!$,;:@"}) {
+    EXPECT_TRUE(QVMutableURLRequest::isValidURL(url)) << url;
+  }
+  for (const char* url : {"", "not a url", "/relative/path", "http://", "mailto:someone",
+                          "http://h/a b", "http://h/\"q\"", "http://h/{x}", "http://h/%4",
+                          "http://h/%zz", "http://h/\x01", "http://h/\xC3\xA9"}) {
+    EXPECT_EQ(QVMutableURLRequest::requestWithURL(url), nullptr) << url;
+  }
 }
 
 }  // namespace
