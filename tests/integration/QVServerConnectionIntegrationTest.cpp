@@ -4,6 +4,7 @@
 
 #include "QVCollectorDecoder.h"
 #include "qvcore/core/QVCore.h"
+#include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/queue/QVQueueService.h"
 #include "qvcore/queue/QVServerConnection.h"
 #include "support/QVConnectionTestSupport.h"
@@ -14,6 +15,7 @@
 namespace qv {
 namespace {
 
+using namespace std::chrono_literals;
 using Headers = std::vector<std::pair<std::string, std::string>>;
 using test::QVTestReply;
 
@@ -72,7 +74,11 @@ TEST_F(QVServerConnectionIntegrationTest, JsonPostCarriesItsHeadersTheShorterBod
   delegate_->rewrite = [](const std::shared_ptr<QVMutableURLRequest>& request) {
     return QVQueueService::sharedInstance()->beforeFlushingRequestForQueue(request, nullptr);
   };
-  module_->headers = {{"X-Module", 5}, {"X-Skipped", QVValue::array()}};
+  // Scalars are written plain and replace a fixed header of the same name;
+  // other values are left out.
+  module_->headers = QVValue::parse(
+      R"({"content-type":"application/json","X-Count":5,"X-Ratio":2.5,"X-Whole":2.0,"X-Flag":true,
+          "X-List":[1],"X-Dict":{"a":1},"X-None":null})");
   server_.addReply(QVTestReply::answer(200, {{"Set-Cookie", "sid=abc; Path=/"}}));
   std::string large = R"({"sessions":[)";
   for (int i = 0; i < 200; ++i) large += R"({"screen":"Checkout","n":)" + std::to_string(i) + "},";
@@ -90,9 +96,10 @@ TEST_F(QVServerConnectionIntegrationTest, JsonPostCarriesItsHeadersTheShorterBod
     Headers expected = fixedHeaders();
     expected.insert(expected.begin() + 1, {{"Accept", "*/*"},
                                            {"Accept-Encoding", "gzip, deflate"},
-                                           {"Content-Type", "text/json; charset=UTF-8"},
+                                           {"content-type", "application/json"},
                                            {"Content-Length", std::to_string(sent.body.size())}});
-    expected.emplace_back("X-Module", "5");
+    expected.insert(expected.end(),
+                    {{"X-Count", "5"}, {"X-Ratio", "2.5"}, {"X-Whole", "2"}, {"X-Flag", "1"}});
     if (shorter) expected.emplace_back("Content-Encoding", "gzip");
     // The server's cookie comes back in one line with the module's.
     const std::string cookie = sent.header("Cookie").value_or("");
@@ -101,11 +108,15 @@ TEST_F(QVServerConnectionIntegrationTest, JsonPostCarriesItsHeadersTheShorterBod
     std::erase_if(sent.headers, [](const auto& header) { return header.first == "Cookie"; });
     EXPECT_EQ(sent.headers, expected);
   }
+  // Asked with the session of the queue, which is the core's.
+  EXPECT_EQ(module_->askedSessionIds,
+            std::vector<std::string>(2, QVCore::sharedInstance()->currentSessionID()));
 }
 
 // A bodiless GET with only its fixed headers; nested values and null travel
 // in the query as escaped JSON text, and the collector reads them back.
 TEST_F(QVServerConnectionIntegrationTest, UrlEncodedPostIsABodilessGetTheCollectorReadsBack) {
+  module_->headers = QVValue::array({"X-Not", "a dictionary"});  // ignored
   configureModule({{"URLEncoded", true}, {"PostMessageUrl", server_.url("/collect?k=1")}});
   EXPECT_TRUE(postAndWait(R"({"screen":"Home Page","n":5,"ul":"a/b"})"));
   const auto sent = server_.request(0);
@@ -125,8 +136,9 @@ TEST_F(QVServerConnectionIntegrationTest, UrlEncodedPostIsABodilessGetTheCollect
   EXPECT_EQ(QVValue::parse(*decoded.queryFields), QVValue::parse(json + R"("w":2})"));
   EXPECT_NE(nested.query().find("&w=2"), std::string::npos) << nested.query();
 
-  // Bad input fails without reaching the server.
-  EXPECT_FALSE(postAndWait("{not json"));
+  // Bad input fails without reaching the server: a payload that is no
+  // dictionary or has nothing to encode (a nested value travels escaped).
+  for (const char* bad : {"{not json", "[1,2]", "{}"}) EXPECT_FALSE(postAndWait(bad)) << bad;
   configureModule({{"PostMessageUrl", "not a url"}});
   EXPECT_FALSE(postAndWait("{}"));
   EXPECT_EQ(server_.requests().size(), 2u);
@@ -174,6 +186,41 @@ TEST_F(QVServerConnectionIntegrationTest, PostWhileBusyFailsAtOnceAndCallbacksMa
   EXPECT_EQ(outcomes, (decltype(outcomes){{second, false}, {first, true}, {third, true}}));
   ASSERT_EQ(server_.requests().size(), 2u);
   EXPECT_EQ(server_.request(1).body, R"({"n":3})");
+}
+
+// A failure after the connection became busy leaves it busy: no outcome
+// comes to clear it, and later posts are refused as while one is in flight.
+TEST_F(QVServerConnectionIntegrationTest, ARewriteThatThrowsLeavesTheConnectionBusy) {
+  delegate_->rewrite = [](const auto&) -> std::shared_ptr<QVMutableURLRequest> {
+    throw std::runtime_error("rewrite failed");
+  };
+  EXPECT_NO_THROW(post(queue("{}")));
+  EXPECT_TRUE(connection_->isBusy());
+  EXPECT_TRUE(delegate_->outcomes().empty());
+  post(queue("{}"));
+  ASSERT_EQ(delegate_->outcomes().size(), 1u);
+  EXPECT_FALSE(delegate_->outcomes()[0].succeeded);
+  EXPECT_TRUE(server_.requests().empty());
+}
+
+// The connection holds neither its delegate nor its queue.
+TEST_F(QVServerConnectionIntegrationTest, AnOutcomeWithNobodyToTellOnlyClearsBusy) {
+  server_.addReply(QVTestReply::of(QVTestReply::Kind::kHoldThenAnswer));
+  post(queue("{}"));
+  ASSERT_TRUE(server_.waitForRequests(1));
+  EXPECT_EQ(connection_->currentQueue(), nullptr);
+  delegate_.reset();
+  server_.release();
+  EXPECT_TRUE(QVRunLoop::main().runUntil([&] { return !connection_->isBusy(); }, 30s));
+}
+
+// The edges of the range that counts as delivered; the statuses within it
+// and the failures of the wire are rows of the fault matrix.
+TEST_F(QVServerConnectionIntegrationTest, Status399CountsAsDeliveredAnd400DoesNot) {
+  for (int status : {399, 400}) {
+    server_.addReply(QVTestReply::answer(status));
+    EXPECT_EQ(postAndWait("{}"), status == 399) << status;
+  }
 }
 
 TEST_F(QVServerConnectionIntegrationTest, FiftyMegabyteBodyArrivesWhole) {
