@@ -1,15 +1,25 @@
 // QVServerConnection over the real libcurl session against a real server on
-// 127.0.0.1: what arrives on the wire, and how every outcome is reported.
+// 127.0.0.1: what arrives on the wire, and how every outcome is reported;
+// and the libcurl session's own time-out, cancelling, cookies and checks.
+#include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <climits>
+#include <cmath>
+#include <future>
 
 #include "QVCollectorDecoder.h"
+#include "platform/http/QVCurlHttpSession.h"
 #include "qvcore/core/QVCore.h"
+#include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/queue/QVQueueService.h"
 #include "qvcore/queue/QVServerConnection.h"
 #include "support/QVConnectionTestSupport.h"
 #include "support/QVFieldsMessage.h"
 #include "support/QVGzip.h"
+#include "support/QVTempFolder.h"
 #include "support/QVTestHttpServer.h"
 
 namespace qv {
@@ -52,6 +62,26 @@ class QVServerConnectionIntegrationTest : public ::testing::Test {
     EXPECT_EQ(outcomes.back().queue, posted);
     EXPECT_FALSE(connection_->isBusy());
     return outcomes.back().succeeded;
+  }
+  struct Outcome {
+    std::optional<QVHttpResponse> response;
+    std::optional<QVHttpError> error;
+  };
+  // Sends on a session of the test's own and waits for the outcome.
+  static Outcome send(QVCurlHttpSession& session, const QVMutableURLRequest& request) {
+    return await(start(session, request));
+  }
+  static std::future<Outcome> start(QVCurlHttpSession& session,
+                                    const QVMutableURLRequest& request) {
+    auto promise = std::make_shared<std::promise<Outcome>>();
+    session.dataTaskWithRequest(request, [promise](auto response, auto error) {
+      promise->set_value(Outcome{std::move(response), std::move(error)});
+    });
+    return promise->get_future();
+  }
+  static Outcome await(std::future<Outcome> future) {
+    EXPECT_EQ(future.wait_for(30s), std::future_status::ready);
+    return future.get();
   }
   Headers fixedHeaders() const {
     return {{"Host", "127.0.0.1:" + std::to_string(server_.port())},
@@ -233,6 +263,102 @@ TEST_F(QVServerConnectionIntegrationTest, FiftyMegabyteBodyArrivesWhole) {
   EXPECT_EQ(sent.headerCount("Expect"), 0u);
   EXPECT_EQ(sent.header("Content-Length"), std::to_string(json.size()));
   EXPECT_TRUE(sent.body == json);
+}
+
+TEST_F(QVServerConnectionIntegrationTest, TimeOutIsTheRequestsSecondsRoundedUpAndAlwaysBounded) {
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(1.0), 1000);
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(0.0001), 1);  // never 0, which is no limit
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(0), 60000);
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(NAN), 60000);
+  EXPECT_EQ(QVCurlHttpSession::timeoutMilliseconds(INFINITY), INT_MAX);
+}
+
+// A slow upload that keeps moving outlasts the time-out and succeeds; a
+// transfer with nothing moving fails as timed out.
+TEST_F(QVServerConnectionIntegrationTest, TimeOutLimitsTheTimeWithoutProgressNotTheWholeTransfer) {
+  test::QVTestHttpServer slowReader(4096);
+  slowReader.addReply(QVTestReply::of(QVTestReply::Kind::kTrickle));
+  slowReader.addReply(QVTestReply::of(QVTestReply::Kind::kStall));
+  QVCurlHttpSession session;
+  QVMutableURLRequest request(slowReader.url("/slow"));
+  request.setHTTPMethod("POST");
+  request.setTimeoutInterval(0.5);
+  // About 40 reads 40 ms apart: three times the time-out in all, each gap a
+  // tenth of it or less, which leaves room for a loaded machine.
+  const auto body = std::make_shared<const std::string>(40 * QVTestReply::kTrickleBytes, 'x');
+  request.setHTTPBody(body);
+  const Outcome slow = send(session, request);
+  EXPECT_FALSE(slow.error) << slow.error->message;
+  ASSERT_TRUE(slow.response);
+  EXPECT_EQ(slow.response->statusCode, 200);
+  EXPECT_EQ(slowReader.request(0).body.size(), body->size());
+
+  const Outcome stalled = send(session, request);
+  ASSERT_TRUE(stalled.error);
+  EXPECT_EQ(stalled.error->code, CURLE_OPERATION_TIMEDOUT);
+  EXPECT_FALSE(stalled.response);
+}
+
+TEST_F(QVServerConnectionIntegrationTest, DestroyingTheSessionCancelsWhatIsUnfinished) {
+  server_.addReply(QVTestReply::of(QVTestReply::Kind::kStall));
+  auto session = std::make_unique<QVCurlHttpSession>();
+  auto future = start(*session, QVMutableURLRequest(server_.url("/stall")));
+  ASSERT_TRUE(server_.waitForRequests(1));
+  session.reset();
+  EXPECT_EQ(await(std::move(future)).error.value_or(QVHttpError{}).code, QVHttpError::kCancelled);
+}
+
+// Cookies with an expiry survive a restart in the data folder; session
+// cookies do not.
+TEST_F(QVServerConnectionIntegrationTest, PersistentCookiesAreKeptInTheDataFolderAcrossARestart) {
+  test::QVTempFolder folder;
+  QVFileSystem::setHomeDirectory(folder.at("home"));
+  server_.addReply(QVTestReply::answer(
+      200, {{"Set-Cookie", "kept=1; Max-Age=3600; Path=/"}, {"Set-Cookie", "temp=2; Path=/"}}));
+  {
+    QVCurlHttpSession first;
+    send(first, QVMutableURLRequest(server_.url("/set")));
+    send(first, QVMutableURLRequest(server_.url("/same")));
+    const std::string both = server_.request(1).header("Cookie").value_or("");
+    EXPECT_TRUE(both == "kept=1; temp=2" || both == "temp=2; kept=1") << both;
+  }
+  struct stat file {
+  }, home{};
+  ASSERT_EQ(::stat(folder.at("home/QVCoreCookies.txt").c_str(), &file), 0);
+  ASSERT_EQ(::stat(folder.at("home").c_str(), &home), 0);
+  EXPECT_EQ(file.st_mode & 0777, 0600u);
+  EXPECT_EQ(home.st_mode & 0777, 0700u);
+
+  QVCurlHttpSession restarted;
+  send(restarted, QVMutableURLRequest(server_.url("/after")));
+  EXPECT_EQ(server_.request(2).header("Cookie").value_or(""), "kept=1");
+  QVFileSystem::setHomeDirectory("");
+}
+
+TEST_F(QVServerConnectionIntegrationTest,
+       UnsafeHeadersAndSchemesAreLeftOutAndCookieHandlingCanBeOff) {
+  server_.addReply(QVTestReply::answer(418, {{"Set-Cookie", "sid=abc; Path=/"}}));
+  QVCurlHttpSession session;
+  QVMutableURLRequest request(server_.url("/h"));
+  request.setValueForHTTPHeaderField("v\r\nX-Injected: 1", "X-Split");
+  request.setValueForHTTPHeaderField("v", "Bad Name");
+  request.setValueForHTTPHeaderField("", "X-Empty");
+  request.setHTTPShouldHandleCookies(false);
+  const Outcome first = send(session, request);
+  ASSERT_TRUE(first.response);
+  EXPECT_FALSE(first.error);
+  EXPECT_EQ(first.response->statusCode, 418);
+  EXPECT_EQ(first.response->valueForHTTPHeaderField("set-cookie"), "sid=abc; Path=/");
+  send(session, request);
+
+  const auto sent = server_.request(1);
+  EXPECT_EQ(sent.headers.size(), 2u);  // Host and X-Empty
+  EXPECT_EQ(sent.header("X-Empty"), "");
+  EXPECT_EQ(sent.headerCount("Cookie"), 0u);  // the store was not used
+
+  const Outcome file = send(session, QVMutableURLRequest("file:///etc/hostname"));
+  EXPECT_FALSE(file.response);
+  EXPECT_TRUE(file.error) << "only http and https are fetched";
 }
 
 }  // namespace
