@@ -11,16 +11,21 @@
 
 #include "QVCollectorDecoder.h"
 #include "platform/http/QVCurlHttpSession.h"
+#include "qvcore/config/QVConfigService.h"
+#include "qvcore/core/QVCookieProvider.h"
 #include "qvcore/core/QVCore.h"
+#include "qvcore/core/QVHttpHeadersProvider.h"
+#include "qvcore/model/QVQueue.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVRunLoop.h"
+#include "qvcore/queue/QVConnectionDelegate.h"
 #include "qvcore/queue/QVQueueService.h"
 #include "qvcore/queue/QVServerConnection.h"
-#include "support/QVConnectionTestSupport.h"
 #include "support/QVFieldsMessage.h"
 #include "support/QVGzip.h"
 #include "support/QVTempFolder.h"
 #include "support/QVTestHttpServer.h"
+#include "support/QVTestModule.h"
 
 namespace qv {
 namespace {
@@ -28,6 +33,64 @@ namespace {
 using namespace std::chrono_literals;
 using Headers = std::vector<std::pair<std::string, std::string>>;
 using test::QVTestReply;
+
+// A module with headers and cookies of its own for each post.
+struct PostingModule : test::QVTestModule, QVHttpHeadersProvider, QVCookieProvider {
+  using QVTestModule::QVTestModule;
+  QVValue httpHeadersForSessionIdAndJson(const std::string& sessionId,
+                                         const std::string&) override {
+    std::lock_guard lock(mutex);
+    askedSessionIds.push_back(sessionId);
+    return headers;
+  }
+  void addCookiesToRequest(QVMutableURLRequest& request) override {
+    if (!cookie.empty()) request.setValueForHTTPHeaderField(cookie, "Cookie");
+  }
+  QVValue headers = QVValue::object();
+  std::string cookie;
+  std::vector<std::string> askedSessionIds;
+  std::mutex mutex;
+};
+
+// Records the outcomes of a connection, which may arrive on another thread.
+struct RecordingDelegate : QVConnectionDelegate {
+  struct Outcome {
+    bool succeeded;
+    std::shared_ptr<QVQueue> queue;
+  };
+  void flushCompletedForQueue(const std::shared_ptr<QVQueue>& queue) override {
+    record({true, queue});
+  }
+  void flushFailedForQueue(const std::shared_ptr<QVQueue>& queue) override {
+    record({false, queue});
+  }
+  std::shared_ptr<QVMutableURLRequest> beforeFlushingRequestForQueue(
+      const std::shared_ptr<QVMutableURLRequest>& request,
+      const std::shared_ptr<QVQueue>&) override {
+    return rewrite ? rewrite(request) : nullptr;
+  }
+  std::vector<Outcome> outcomes() const {
+    std::lock_guard lock(mutex);
+    return recorded;
+  }
+  bool waitForOutcomes(size_t count) {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, 30s, [&] { return recorded.size() >= count; });
+  }
+  void record(Outcome outcome) {
+    if (onOutcome) onOutcome(outcome);  // on the thread that reports it
+    std::lock_guard lock(mutex);
+    recorded.push_back(std::move(outcome));
+    changed.notify_all();
+  }
+
+  std::function<std::shared_ptr<QVMutableURLRequest>(const std::shared_ptr<QVMutableURLRequest>&)>
+      rewrite;
+  std::function<void(const Outcome&)> onOutcome;
+  mutable std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<Outcome> recorded;
+};
 
 class QVServerConnectionIntegrationTest : public ::testing::Test {
  protected:
@@ -40,7 +103,9 @@ class QVServerConnectionIntegrationTest : public ::testing::Test {
   // The module's items, with "PostMessageUrl" the server's unless given.
   void configureModule(QVValue items, const QVValue& core = {{"PostMessageTimeout", 10}}) {
     if (!items.contains("PostMessageUrl")) items["PostMessageUrl"] = server_.url("/collect");
-    test::configure(*module_, items, core);
+    QVConfigService::sharedInstance()->setConfigurations(
+        {{"QVCore", std::make_shared<QVValue>(core)},
+         {module_->className(), std::make_shared<QVValue>(items)}});
   }
   std::shared_ptr<QVQueue> queue(std::string json) {
     return QVQueue::initWithJSONAndModule(std::move(json), module_);
@@ -90,10 +155,8 @@ class QVServerConnectionIntegrationTest : public ::testing::Test {
   }
 
   test::QVTestHttpServer server_;
-  std::shared_ptr<test::QVPostingModule> module_ =
-      std::make_shared<test::QVPostingModule>("WireModule", "");
-  std::shared_ptr<test::QVRecordingDelegate> delegate_ =
-      std::make_shared<test::QVRecordingDelegate>();
+  std::shared_ptr<PostingModule> module_ = std::make_shared<PostingModule>("WireModule", "");
+  std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
   std::shared_ptr<QVServerConnection> connection_;
 };
 
@@ -201,7 +264,7 @@ TEST_F(QVServerConnectionIntegrationTest, OneBadMessageLeavesTheOthersAndNumbers
 TEST_F(QVServerConnectionIntegrationTest, PostWhileBusyFailsAtOnceAndCallbacksMayPostAgain) {
   server_.addReply(QVTestReply::of(QVTestReply::Kind::kHoldThenAnswer));
   auto first = queue(R"({"n":1})"), second = queue(R"({"n":2})"), third = queue(R"({"n":3})");
-  delegate_->onOutcome = [&](const test::QVRecordingDelegate::Outcome& outcome) {
+  delegate_->onOutcome = [&](const RecordingDelegate::Outcome& outcome) {
     if (outcome.queue == first) post(third);
   };
   post(first);
