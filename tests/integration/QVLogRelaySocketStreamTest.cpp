@@ -156,30 +156,6 @@ TEST_F(QVLogRelaySocketStreamTest, AClosedStreamSaysNothingMoreAndTakesNothing) 
   EXPECT_THROW(write(*output_, "x"), QVStreamException);
 }
 
-// A peer that stops reading fills the connection: a write then takes
-// nothing at once, leaving the stream open, and the stream says when it has
-// room again.
-TEST_F(QVLogRelaySocketStreamTest, AFullConnectionTakesNothingAtOnceAndTellsWhenItHasRoom) {
-  Peer peer(4096);
-  open(peer);
-  ASSERT_TRUE(peer.accept());
-  ASSERT_TRUE(await(output_, QVByteStream::kEventOpenCompleted));
-  const std::string chunk(64 * 1024, '.');
-  ptrdiff_t taken = 1;
-  size_t total = 0;
-  for (int n = 0; n < 1000 && taken > 0; ++n) total += (taken = write(*output_, chunk));
-  EXPECT_EQ(taken, 0) << "the full connection took nothing, without waiting for room";
-  EXPECT_EQ(output_->streamStatus(), QVByteStream::kStatusOpen);
-  log_->events.clear();
-  size_t got = 0;
-  char buffer[65536];
-  for (ssize_t n = 1; got < total && n > 0; got += std::max<ssize_t>(n, 0)) {
-    n = ::recv(peer.fd, buffer, std::min(sizeof buffer, total - got), 0);
-  }
-  EXPECT_EQ(got, total);
-  EXPECT_TRUE(await(output_, QVByteStream::kEventHasSpaceAvailable));
-}
-
 // The relay itself in front of a tool that stops reading: its writes never
 // hold up the main loop; texts that find the buffer full are dropped, and the
 // next text that gets through says how many.
