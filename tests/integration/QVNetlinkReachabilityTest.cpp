@@ -75,18 +75,20 @@ TEST(QVNetlinkReachabilityTest, RefusesWhatItCannotRouteAndKnowsModemLinks) {
   }
 }
 
-// A loopback and one veth pair with its near end addressed.
-void setUp(QVNetworkNamespace& net, const char* name = "veth0", const char* peer = "veth1") {
+// A loopback, eth0 with an address of each family and wwan0, each a veth
+// pair whose far end stays up.
+void makeLinks(QVNetworkNamespace& net) {
   net.ip("link set lo up");
-  net.addVethLink(name, peer, "10.200.0.1/24");
+  net.addVethLink("eth0", "eth0peer", "10.200.0.1/24");
+  net.addVethLink("wwan0", "modem0", "10.201.0.1/24");
+  net.ip("addr add 2001:db8::1/64 dev eth0 nodad");
 }
 
 // Each kind of default route, and the addresses that the core names after
 // the link that carries it, with no interface names set.
 void flagsFollowRoutesAndLinks(QVNetworkNamespace& net) {
-  setUp(net, "eth0", "eth0peer");
-  net.addVethLink("wwan0", "modem0", "10.201.0.1/24");
-  net.ip("addr add 2001:db8::1/64 dev eth0 nodad");
+  using enum QVReachability::NetworkStatus;
+  makeLinks(net);
   const auto internet = QVReachability::reachabilityForInternetConnection();
   const auto wifi = QVReachability::reachabilityForLocalWiFi();
   const auto service = QVEnvironmentalSerivce::sharedInstance();
@@ -95,41 +97,32 @@ void flagsFollowRoutesAndLinks(QVNetworkNamespace& net) {
   EXPECT_EQ(wifi->currentReachabilityStatus(), 0);
   net.ip("route add 169.254.0.0/16 dev eth0");
   EXPECT_EQ(wifi->currentReachabilityStatus(), 1);
-  // After each change: the flags of the internet (0.0.0.0, and a name,
-  // which stands for it), the way there and the Wi-Fi address.
-  const struct {
-    const char* change;
-    uint32_t flags;
-    QVReachability::NetworkStatus status;
-    const char* wifiAddress;
-  } rows[] = {
-      {"link set lo up", 0, QVReachability::NotReachable, ""},  // no default route
+  // After each change, the way to the internet: its flags (of 0.0.0.0, and
+  // of a name, which stands for it) by status, and the Wi-Fi address.
+  const uint32_t flags[] = {0, kReachable, kReachable | kWWAN};
+  const std::pair<const char*, QVReachability::NetworkStatus> rows[] = {
+      {"link set lo up", NotReachable},  // no default route
       // IPv6 only; the internet is never direct.
-      {"-6 route add default via 2001:db8::2 dev eth0", kReachable,
-       QVReachability::ReachableViaWiFi, "10.200.0.1"},
-      {"route add default via 10.200.0.2 dev eth0", kReachable, QVReachability::ReachableViaWiFi,
-       "10.200.0.1"},
-      {"-6 route del default", kReachable, QVReachability::ReachableViaWiFi, "10.200.0.1"},
-      {"route replace default via 10.201.0.2 dev wwan0", kReachable | kWWAN,
-       QVReachability::ReachableViaWWAN, ""},
-      {"route del default", 0, QVReachability::NotReachable, ""},
-      // Not direct, even without a gateway.
-      {"route add default dev eth0", kReachable, QVReachability::ReachableViaWiFi, "10.200.0.1"},
-      // eth0 loses its carrier but keeps its routes.
-      {"link set eth0peer down", 0, QVReachability::NotReachable, ""},
+      {"-6 route add default via 2001:db8::2 dev eth0", ReachableViaWiFi},
+      {"route add default via 10.200.0.2 dev eth0", ReachableViaWiFi},
+      {"-6 route del default", ReachableViaWiFi},
+      {"route replace default via 10.201.0.2 dev wwan0", ReachableViaWWAN},
+      {"route del default", NotReachable},
+      {"route add default dev eth0", ReachableViaWiFi},  // not direct, even without a gateway
+      {"link set eth0peer down", NotReachable},  // eth0 loses its carrier but keeps its routes
   };
   bool lookedUp = false;
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.change);
-    net.ip(row.change);
-    EXPECT_EQ(hostFlags("0.0.0.0"), row.flags);
-    EXPECT_EQ(hostFlags("example.org"), row.flags);
-    EXPECT_EQ(internet->currentReachabilityStatus(), row.status);
-    EXPECT_EQ(service->networkWiFiIPAddress(), row.wifiAddress);
+  for (const auto& [change, status] : rows) {
+    SCOPED_TRACE(change);
+    net.ip(change);
+    EXPECT_EQ(hostFlags("0.0.0.0"), flags[status]);
+    EXPECT_EQ(hostFlags("example.org"), flags[status]);
+    EXPECT_EQ(internet->currentReachabilityStatus(), status);
+    EXPECT_EQ(service->networkWiFiIPAddress(), status == ReachableViaWiFi ? "10.200.0.1" : "");
     // Looked up once per process, once there is a way out.
-    lookedUp = lookedUp || row.status != QVReachability::NotReachable;
+    lookedUp = lookedUp || status != NotReachable;
     EXPECT_EQ(service->networkIPAddress(), lookedUp ? "10.200.0.1" : "Unknown");
-    if (row.status != QVReachability::ReachableViaWWAN) continue;
+    if (status != ReachableViaWWAN) continue;
     const auto addresses = service->getIPAddressesDict();
     ASSERT_TRUE(addresses);
     EXPECT_EQ(addresses->value("pdp_ip0/ipv4", ""), "10.201.0.1");
@@ -214,9 +207,7 @@ void managerFollowsChanges(QVNetworkNamespace& net) {
       &posted, "kQVEnvironmentalServiceDidPostNetworkChangeNotification", nullptr,
       [&](const QVNotification& n) { posted.push_back(n.userInfo.value_or(QVValue())); });
   auto manager = QVNetworkManager::sharedInstance();
-  setUp(net, "eth0", "eth0peer");
-  net.ip("addr add 2001:db8::1/64 dev eth0 nodad");
-  net.addVethLink("wwan0", "modem0", "10.201.0.1/24");
+  makeLinks(net);
   ASSERT_TRUE(manager->startNetworkMonitoring());
   const auto monitor = manager->networkMonitor();
   clock->advance(1s);
