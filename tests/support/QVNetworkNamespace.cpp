@@ -1,6 +1,5 @@
 #include "support/QVNetworkNamespace.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
@@ -151,10 +150,8 @@ void QVNetworkNamespace::addVethLink(const std::string& name, const std::string&
 pid_t QVNetworkNamespace::spawn(const std::vector<std::string>& argv, const std::string& stdoutPath,
                                 const std::string& stderrPath) {
   return fork([&] {
-    ::dup2(::open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
-           STDOUT_FILENO);
-    ::dup2(::open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
-           STDERR_FILENO);
+    std::freopen(stdoutPath.c_str(), "w", stdout);
+    std::freopen(stderrPath.c_str(), "w", stderr);
     std::vector<char*> args;
     for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
