@@ -95,11 +95,22 @@ TEST(QVCrashFlushTest, TheQueueIsSentBeforeTheApplicationsHandlerAndAHostMayBoun
     SCOPED_TRACE(c.name);
     QVCrashFolder folder;
     crashFolder = &folder;
-    test::QVTestHttpServer server;
-    server.addReply(test::QVTestReply::of(test::QVTestReply::Kind::kHoldThenAnswer));
+    // Forked while this process has one thread; the server's address comes
+    // down a pipe once it runs.
+    int url[2];
+    ASSERT_EQ(::pipe(url), 0);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
-    if (child == 0) crash(c, folder, server.url("/collect"));
+    if (child == 0) {
+      char text[256] = {};
+      crash(c, folder, ::read(url[0], text, sizeof text - 1) > 0 ? text : "");
+    }
+    test::QVTestHttpServer server;
+    server.addReply(test::QVTestReply::of(test::QVTestReply::Kind::kHoldThenAnswer));
+    const std::string address = server.url("/collect");
+    EXPECT_EQ(::write(url[1], address.data(), address.size()), ssize_t(address.size()));
+    ::close(url[0]);
+    ::close(url[1]);
     if (c.queued) {
       // While the answer is held back the flush cannot end, so the
       // application's handler must not have run yet.
