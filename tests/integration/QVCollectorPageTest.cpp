@@ -5,10 +5,11 @@
 #include <httplib.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <sstream>
 
 #include "QVCollectorServer.h"
+#include "qvcore/platform/QVFileSystem.h"
 #include "support/QVCapability.h"
 #include "support/QVTempFolder.h"
 
@@ -35,19 +36,14 @@ class QVCollectorPageTest : public ::testing::Test {
   // The DOM after the page's scripts ran, as Chromium prints it. Virtual
   // time lets the page's requests finish without a wall-clock wait.
   std::string renderedDom(const std::string& address) {
+    const std::string dom = folder_.at("dom.html");
     const std::string command =
         "timeout 120 " + std::string(kChromium) +
         " --headless=new --no-sandbox --disable-gpu --user-data-dir=" + folder_.at("profile") +
         " --virtual-time-budget=5000 --dump-dom 'http://127.0.0.1:" + std::to_string(port_) +
-        address + "' 2>/dev/null";
-    std::string dom;
-    if (FILE* out = ::popen(command.c_str(), "r")) {
-      char buffer[4096];
-      for (size_t got; (got = std::fread(buffer, 1, sizeof buffer, out)) > 0;)
-        dom.append(buffer, got);
-      ::pclose(out);
-    }
-    return dom;
+        address + "' 2>/dev/null >" + dom;
+    std::system(command.c_str());
+    return QVFileSystem::contentsAtPath(dom, 1 << 24).value_or("");
   }
 
   test::QVTempFolder folder_;

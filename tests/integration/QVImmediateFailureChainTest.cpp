@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <memory>
-#include <numeric>
 #include <string>
 #include <vector>
 
@@ -16,7 +15,6 @@
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/queue/QVQueueService.h"
-#include "qvcore/queue/QVServerConnection.h"
 #include "support/QVQueueServiceTestSupport.h"
 #include "support/QVTempFolder.h"
 #include "support/QVTestHost.h"
@@ -78,17 +76,12 @@ TEST(QVImmediateFailureChainTest, TensOfThousandsOfImmediateFailuresAreAllCached
   const auto names = test::namesIn(folder);
   EXPECT_EQ(names.size(), kImmediateFailures) << "one file a failed post";
   // Names carry the time of each failure: in name order, the posts' order.
-  std::vector<uint64_t> cached;
+  uint64_t next = 1;
   for (const auto& name : names) {
-    const auto text = QVFileSystem::contentsAtPath(folder + "/" + name, 1 << 16);
-    const QVValue message = QVValue::parse(text.value_or(""), nullptr, false);
-    if (message.is_object() && message.contains("offset")) {
-      cached.push_back(message["offset"].get<uint64_t>());
-    }
+    const auto text = QVFileSystem::contentsAtPath(folder + "/" + name, 1 << 16).value_or("");
+    if (QVValue::parse(text, nullptr, false).value("offset", uint64_t{0}) == next) ++next;
   }
-  std::vector<uint64_t> posted(kImmediateFailures);
-  std::iota(posted.begin(), posted.end(), 1);
-  EXPECT_TRUE(cached == posted) << "every message, once, in the order posted";
+  EXPECT_EQ(next, kImmediateFailures + 1) << "every message, once, in the order posted";
   core->disable();
 }
 

@@ -3,13 +3,10 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "qvcore/platform/QVInputStream.h"
@@ -93,7 +90,6 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
       out = output = std::make_shared<OutputStream>();
       return true;
     }
-
     // The resolve under way ends with these addresses, or fails without.
     void answer(std::vector<AddressData> addresses) {
       auto self = std::static_pointer_cast<Service>(shared_from_this());
@@ -105,7 +101,6 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
         delegate->netServiceDidResolveAddress(self);
       });
     }
-    void failToResolve() { answer({}); }
 
     std::optional<double> timeout;
     std::shared_ptr<InputStream> input;
@@ -123,13 +118,11 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
     explicit Browser(QVRunLoop& loop) : loop_(loop) {}
     void searchForServicesOfTypeInDomain(const std::string& type,
                                          const std::string& domain) override {
-      this->type = type;
-      this->domain = domain;
-      searching = true;
+      searched = type + " " + domain;
       tell([](auto& delegate, auto& self) { delegate->netServiceBrowserWillSearch(self); });
     }
     void stop() override {
-      if (!std::exchange(searching, false)) return;
+      if (std::exchange(searched, "").empty()) return;
       tell([](auto& delegate, auto& self) { delegate->netServiceBrowserDidStopSearch(self); });
     }
     // An instance appears; the delegate hears of it if the search is still
@@ -137,19 +130,18 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
     std::shared_ptr<Service> find(const std::string& name) {
       auto service = std::make_shared<Service>(loop_, name);
       tell([service](auto& delegate, auto& self) {
-        if (self->searching)
+        if (!self->searched.empty())
           delegate->netServiceBrowserDidFindServiceMoreComing(self, service, false);
       });
       return service;
     }
 
-    std::string type;
-    std::string domain;
-    bool searching = false;
+    std::string searched;  // "type domain" while searching
 
    private:
-    using Delegate = std::shared_ptr<QVNetServiceBrowserDelegate>;
-    void tell(std::function<void(const Delegate&, const std::shared_ptr<Browser>&)> event) {
+    void tell(std::function<void(const std::shared_ptr<QVNetServiceBrowserDelegate>&,
+                                 const std::shared_ptr<Browser>&)>
+                  event) {
       auto self = std::static_pointer_cast<Browser>(shared_from_this());
       loop_.post([self, event] {
         if (auto delegate = self->delegate()) event(delegate, self);
@@ -159,8 +151,7 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
   };
 
   std::shared_ptr<QVNetServiceBrowser> makeServiceBrowser(QVRunLoop& loop) override {
-    browsers.push_back(std::make_shared<Browser>(loop));
-    return browsers.back();
+    return browsers.emplace_back(std::make_shared<Browser>(loop));
   }
 
   std::vector<std::shared_ptr<Browser>> browsers;

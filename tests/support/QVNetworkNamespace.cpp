@@ -1,6 +1,5 @@
 #include "support/QVNetworkNamespace.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
@@ -31,41 +30,26 @@ constexpr const char* kAvahiDaemon = "/usr/sbin/avahi-daemon";
 // A bus that lets anyone own any name and send anything: it exists only for
 // the daemon and the processes of one test.
 constexpr const char* kBusConfig = R"(<busconfig><type>system</type>
-<listen>unix:path=/run/dbus/system_bus_socket</listen><auth>EXTERNAL</auth>
-<policy context="default"><allow user="*"/><allow own="*"/>
-<allow send_type="method_call"/><allow send_type="signal"/><allow send_type="method_return"/>
-<allow send_type="error"/><allow receive_type="method_call"/><allow receive_type="signal"/>
-<allow receive_type="method_return"/><allow receive_type="error"/></policy></busconfig>
-)";
+<listen>unix:path=/run/dbus/system_bus_socket</listen><auth>EXTERNAL</auth><policy context="default">
+<allow user="*"/><allow own="*"/><allow send_type="method_call"/><allow send_type="signal"/>
+<allow send_type="method_return"/><allow send_type="error"/><allow receive_type="method_call"/>
+<allow receive_type="signal"/><allow receive_type="method_return"/><allow receive_type="error"/>
+</policy></busconfig>)";
 
-constexpr const char* kAvahiConfig = R"([server]
-host-name=qvmdnstest
-use-ipv4=yes
-use-ipv6=no
-allow-interfaces=qvmdns0,qvmdns1
-[wide-area]
-enable-wide-area=no
-[publish]
-publish-hinfo=no
-publish-workstation=no
-publish-aaaa-on-ipv4=no
-)";
+constexpr const char* kAvahiConfig =
+    "[server]\nhost-name=qvmdnstest\nuse-ipv4=yes\nuse-ipv6=no\nallow-interfaces=qvmdns0,qvmdns1\n"
+    "[wide-area]\nenable-wide-area=no\n"
+    "[publish]\npublish-hinfo=no\npublish-workstation=no\npublish-aaaa-on-ipv4=no\n";
 
-// The ip tool of iproute2; empty when it is not installed.
-std::string findIpTool() {
-  for (const char* path : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
-    if (::access(path, X_OK) == 0) return path;
-  }
-  return {};
+// A shell command, with the system folders searched where ip lives.
+bool shell(const std::string& command) {
+  return std::system(("export PATH=$PATH:/usr/sbin:/sbin; " + command).c_str()) == 0;
 }
-
-std::string failure(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 }  // namespace
 
 void QVNetworkNamespace::run(Kind kind, const std::function<void(QVNetworkNamespace&)>& body) {
-  const std::string ip = findIpTool();
-  QV_REQUIRE_CAPABILITY(!ip.empty(), "the ip tool (iproute2)");
+  QV_REQUIRE_CAPABILITY(shell("command -v ip >/dev/null"), "the ip tool (iproute2)");
   const bool daemons = ::access(kDbusDaemon, X_OK) == 0 && ::access(kAvahiDaemon, X_OK) == 0;
   QV_REQUIRE_CAPABILITY(kind != Kind::kMdns || daemons, "dbus-daemon and avahi-daemon");
   QVTempFolder folder;
@@ -74,19 +58,15 @@ void QVNetworkNamespace::run(Kind kind, const std::function<void(QVNetworkNamesp
   ASSERT_GE(child, 0) << std::strerror(errno);
   if (child == 0) {
     ::alarm(150);  // a hang fails the test; what the child started dies with it
-    int status = 1;
+    int status;
     {
-      QVNetworkNamespace network(folder.path(), ip);
+      QVNetworkNamespace network(folder.path());
       std::string error = network.isolate(kind);
-      if (!error.empty()) {
-        std::fprintf(stderr, "%s\n", error.c_str());
-        std::fflush(nullptr);
-        ::_exit(kCannotIsolate);
-      }
-      if (kind == Kind::kMdns) error = network.startDaemons();
+      const bool isolated = error.empty();
+      if (isolated && kind == Kind::kMdns) error = network.startDaemons();
       if (error.empty()) body(network);
       if (!error.empty()) std::fprintf(stderr, "%s\n", error.c_str());
-      status = error.empty() && !::testing::Test::HasFailure() ? 0 : 1;
+      status = !isolated ? kCannotIsolate : error.empty() && !::testing::Test::HasFailure() ? 0 : 1;
     }
     std::fflush(nullptr);
     ::_exit(status);
@@ -99,8 +79,7 @@ void QVNetworkNamespace::run(Kind kind, const std::function<void(QVNetworkNamesp
       << "the checks inside the namespace failed (see above); status " << status;
 }
 
-QVNetworkNamespace::QVNetworkNamespace(std::string folder, std::string ipTool)
-    : folder_(std::move(folder)), ip_(std::move(ipTool)) {}
+QVNetworkNamespace::QVNetworkNamespace(std::string folder) : folder_(std::move(folder)) {}
 
 QVNetworkNamespace::~QVNetworkNamespace() {
   // The last started first: clients, then the daemon, then the bus.
@@ -111,11 +90,11 @@ std::string QVNetworkNamespace::isolate(Kind kind) {
   // Private mounts, so that what follows stays in this namespace.
   if (::unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
       ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    return failure("unshare or mount");
+    return std::string("unshare or mount: ") + std::strerror(errno);
   }
   if (kind == Kind::kLinks) return "";
   // No system bus and no host Avahi, nor its static services.
-  if (::mount("qvmdns", "/run", "tmpfs", 0, "mode=0755") != 0) return failure("mount /run");
+  if (::mount("qvmdns", "/run", "tmpfs", 0, "mode=0755") != 0) return "cannot mount /run";
   ::mkdir("/run/dbus", 0755);
   ::mkdir("/run/avahi-daemon", 0755);
   if (::access("/etc/avahi/services", F_OK) == 0) {
@@ -126,8 +105,7 @@ std::string QVNetworkNamespace::isolate(Kind kind) {
        {"link set lo up", "link add qvmdns0 type veth peer name qvmdns1",
         "addr add 10.231.0.1/24 dev qvmdns0", "addr add 10.231.0.2/24 dev qvmdns1",
         "link set qvmdns0 multicast on up", "link set qvmdns1 multicast on up"}) {
-    const std::string command = ip_ + " " + arguments;
-    if (std::system(command.c_str()) != 0) return "failed: " + command;
+    if (!shell(std::string("ip ") + arguments)) return std::string("failed: ip ") + arguments;
   }
   return "";
 }
@@ -156,8 +134,7 @@ std::string QVNetworkNamespace::startDaemons() {
 }
 
 void QVNetworkNamespace::ip(const std::string& arguments) const {
-  const std::string command = ip_ + " " + arguments;
-  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  ASSERT_TRUE(shell("ip " + arguments)) << arguments;
 }
 
 void QVNetworkNamespace::addVethLink(const std::string& name, const std::string& peer,
@@ -173,10 +150,8 @@ void QVNetworkNamespace::addVethLink(const std::string& name, const std::string&
 pid_t QVNetworkNamespace::spawn(const std::vector<std::string>& argv, const std::string& stdoutPath,
                                 const std::string& stderrPath) {
   return fork([&] {
-    ::dup2(::open(stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
-           STDOUT_FILENO);
-    ::dup2(::open(stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644),
-           STDERR_FILENO);
+    std::freopen(stdoutPath.c_str(), "w", stdout);
+    std::freopen(stderrPath.c_str(), "w", stderr);
     std::vector<char*> args;
     for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);

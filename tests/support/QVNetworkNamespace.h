@@ -57,13 +57,12 @@ class QVNetworkNamespace {
   QVNetworkNamespace& operator=(const QVNetworkNamespace&) = delete;
 
  private:
-  QVNetworkNamespace(std::string folder, std::string ipTool);
+  explicit QVNetworkNamespace(std::string folder);
   // In the child: what went wrong, empty when all went well.
   std::string isolate(Kind kind);
   std::string startDaemons();
 
   std::string folder_;
-  std::string ip_;
   std::vector<pid_t> started_;
 };
 
