@@ -12,18 +12,18 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-suites=(platform model config queue core environment logrelay integration faults soak)
+suites=(platform model config queue core environment integration faults soak)
 fixtures=(
   QVSerialQueueTest QVRunLoopTest QVRunLoopWatchTest QVRepeatingTimerTest
-  QVGlobalQueueTest QVNotificationCenterTest QVLogTest QVApplicationLifecycleTest
+  QVNotificationCenterTest QVLogTest QVApplicationLifecycleTest
   QVQueueTest QVSessionTest
   QVConfigServiceTest
-  QVQueueServiceTest QVDataCompressionTest
+  QVQueueServiceTest QVQueueServiceCutTest QVDataCompressionTest
   QVCoreUncaughtExceptionTest QVCoreCycleTest QVDeliveryLedgerTest QVPublishedTest
   QVApplicationLifecycleManagerTest QVOrientationManagerTest QVNetworkTest
   VintraZANLogClientTest
-  QVCurlHttpSessionTest QVServerConnectionIntegrationTest QVCrashFlushTest
-  QVLogRelaySocketStreamTest QVFaultMatrixTest QVImmediateFailureChainTest
+  QVServerConnectionIntegrationTest QVCrashFlushTest
+  QVFaultMatrixTest QVImmediateFailureChainTest
   QVNetlinkReachabilityTest
   QVSoakTest
 )
