@@ -72,11 +72,16 @@ size_t QVRecordedRequest::headerCount(const std::string& name) const {
   return count;
 }
 
-QVTestHttpServer::QVTestHttpServer(int receiveBufferBytes) {
+QVTestHttpServer::QVTestHttpServer(int receiveBufferBytes, bool listening) {
   // Clients in this process (and its children) reach it directly.
   for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) ::unsetenv(name);
-  listenFd_ = bindLoopback(port_, true, receiveBufferBytes);
+  listenFd_ = bindLoopback(port_, false, receiveBufferBytes);
   if (::pipe2(stopPipe_, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+  if (listening) listen();
+}
+
+void QVTestHttpServer::listen() {
+  if (::listen(listenFd_, 16) != 0) throw std::runtime_error("listen");
   thread_ = std::thread([this] { serve(); });
 }
 
@@ -87,7 +92,7 @@ QVTestHttpServer::~QVTestHttpServer() {
   }
   changed_.notify_all();
   (void)!::write(stopPipe_[1], "x", 1);
-  thread_.join();
+  if (thread_.joinable()) thread_.join();
   ::close(listenFd_);
   ::close(stopPipe_[0]);
   ::close(stopPipe_[1]);
@@ -236,9 +241,5 @@ QVTestReply QVTestHttpServer::nextReply() {
   replies_.pop_front();
   return reply;
 }
-
-QVTestHttpServer::RefusingPort::RefusingPort() { fd_ = bindLoopback(port_, false); }
-
-QVTestHttpServer::RefusingPort::~RefusingPort() { ::close(fd_); }
 
 }  // namespace qv::test

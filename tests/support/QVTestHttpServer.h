@@ -67,9 +67,10 @@ struct QVTestReply {
 // Every wait is bounded, so a test that goes wrong still ends. A receive
 // buffer size, when given, keeps the kernel from taking in much more than
 // the server has read (a slow reader is then slow for the client too).
+// Made not listening, its port refuses connections until listen().
 class QVTestHttpServer {
  public:
-  explicit QVTestHttpServer(int receiveBufferBytes = 0);
+  explicit QVTestHttpServer(int receiveBufferBytes = 0, bool listening = true);
   ~QVTestHttpServer();
   QVTestHttpServer(const QVTestHttpServer&) = delete;
   QVTestHttpServer& operator=(const QVTestHttpServer&) = delete;
@@ -77,6 +78,7 @@ class QVTestHttpServer {
   int port() const { return port_; }
   std::string url(const std::string& target) const;
 
+  void listen();
   void addReply(QVTestReply reply);
   // Lets a kHoldThenAnswer reply go.
   void release();
@@ -85,21 +87,6 @@ class QVTestHttpServer {
   // A copy of the request recorded at index; the test fails on a bad index.
   QVRecordedRequest request(size_t index) const;
   bool waitForRequests(size_t count, std::chrono::seconds bound = std::chrono::seconds(30)) const;
-
-  // A port on 127.0.0.1 that refuses connections for as long as the object
-  // lives (bound, never listening).
-  class RefusingPort {
-   public:
-    RefusingPort();
-    ~RefusingPort();
-    RefusingPort(const RefusingPort&) = delete;
-    RefusingPort& operator=(const RefusingPort&) = delete;
-    int port() const { return port_; }
-
-   private:
-    int fd_ = -1;
-    int port_ = 0;
-  };
 
  private:
   void serve();
