@@ -118,38 +118,41 @@ TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeF
             "query holds neither a payload (sessions) nor a message (offset)");
 }
 
+// Rows of one change each to the library's payload: a value set at a JSON
+// pointer, or the key there removed (a null value).
 TEST(QVCollectorDecoderTest, PayloadCheckNamesEachWayAPayloadStraysFromTheFormat) {
   const QVValue good = QVValue::parse(libraryPayload());
+  const std::string env = "/sessions/0/clientEnvironment";
   const struct {
-    std::function<void(QVValue&)> change;
+    std::string pointer;
+    QVValue value;
     std::string problem;
-  } cases[] = {
-      {[](QVValue& p) { p.erase("messageVersion"); }, "missing key messageVersion"},
-      {[](QVValue& p) { p["messageVersion"] = "5.0"; },
-       "messageVersion is \"5.0\", not \"6.0.0.0\""},
-      {[](QVValue& p) { p["serialNumber"] = "1"; }, "serialNumber is not an integer"},
-      {[](QVValue& p) { p["sessions"] = QVValue::object(); }, "sessions is not an array"},
-      {[](QVValue& p) { p["extra"] = 1; }, "unexpected key \"extra\""},
-      {[](QVValue& p) { p["sessions"][1] = 5; }, "sessions[1]: is not an object"},
-      {[](QVValue& p) { p["sessions"][0].erase("startTime"); },
-       "sessions[0]: missing key startTime"},
-      {[](QVValue& p) { p["sessions"][0]["id"] = 3; }, "sessions[0]: id is not a string"},
-      {[](QVValue& p) { p["sessions"][0]["clientEnvironment"]["width"] = "750"; },
-       "sessions[0].clientEnvironment: width is not a number"},
-      {[](QVValue& p) {
-         p["sessions"][0]["clientEnvironment"]["mobileEnvironment"]["appName"] = 1;
-       },
+  } rows[] = {
+      {"/messageVersion", nullptr, "missing key messageVersion"},
+      {"/messageVersion", "5.0", "messageVersion is \"5.0\", not \"6.0.0.0\""},
+      {"/serialNumber", "1", "serialNumber is not an integer"},
+      {"/sessions", QVValue::object(), "sessions is not an array"},
+      {"/extra", 1, "unexpected key \"extra\""},
+      {"/sessions/1", 5, "sessions[1]: is not an object"},
+      {"/sessions/0/startTime", nullptr, "sessions[0]: missing key startTime"},
+      {"/sessions/0/id", 3, "sessions[0]: id is not a string"},
+      {env + "/width", "750", "sessions[0].clientEnvironment: width is not a number"},
+      {env + "/mobileEnvironment/appName", 1,
        "sessions[0].clientEnvironment.mobileEnvironment: appName is not a string"},
-      {[](QVValue& p) { p["sessions"][0]["messages"][1].erase("offset"); },
-       "sessions[0].messages[1]: missing key offset"},
-      {[](QVValue& p) { p["sessions"][0]["messages"][0]["offset"] = -1; },
+      {"/sessions/0/messages/1/offset", nullptr, "sessions[0].messages[1]: missing key offset"},
+      {"/sessions/0/messages/0/offset", -1,
        "sessions[0].messages[0]: offset is not an unsigned integer"},
   };
-  for (const auto& each : cases) {
+  for (const auto& row : rows) {
     QVValue payload = good;
-    each.change(payload);
+    const QVValue::json_pointer at(row.pointer);
+    if (row.value.is_null()) {
+      payload[at.parent_pointer()].erase(at.back());
+    } else {
+      payload[at] = row.value;
+    }
     const QVCollectorDecoded decoded = post(payload.dump());
-    EXPECT_EQ(decoded.kind + ": " + decoded.problem, "json: " + each.problem);
+    EXPECT_EQ(decoded.kind + ": " + decoded.problem, "json: " + row.problem);
   }
   // Many problems: the first five, then a count.
   QVValue many = good;
