@@ -94,6 +94,8 @@ class QVTestHttpServer {
   // The head, with whatever part of the body came along with it.
   std::optional<QVRecordedRequest> readHead(int fd);
   bool readBody(int fd, QVRecordedRequest& request, bool slowly);
+  // Appends what one read brings, at most that many bytes.
+  bool receive(int fd, std::string& data, size_t most) const;
   bool nextReplyIs(QVTestReply::Kind kind) const;
   bool waitReadable(int fd, std::chrono::milliseconds bound) const;
   void answer(int fd, const QVTestReply& reply);
