@@ -304,19 +304,17 @@ TEST_F(QVCollectorServerTest, TheFileAndTheFoldersItMakesAreTheUsersAlone) {
 }
 
 TEST(QVCollectorOptionsTest, OutOfRangeOrMisplacedOptionsAreRefusedAndTheDatabaseHasAHome) {
-  for (const char* bad : {"--port 70000", "--status 99", "--status", "--delay -1", "dump --port 1",
-                          "--max-body 0", "--timeout 0", "dump --timeout 1", "--db "}) {
-    const std::string line = bad;
-    std::vector<std::string> words{"qvcore-collector"};  // split at single spaces
-    for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1) {
-      end = line.find(' ', at);
-      words.push_back(line.substr(at, end - at));
-    }
+  const std::vector<std::string> rows[] = {
+      {"--port", "70000"},     {"--status", "99"},  {"--status"},
+      {"--delay", "-1"},       {"--max-body", "0"}, {"--timeout", "0"},
+      {"dump", "--port", "1"}, {"--db", ""},        {"dump", "--timeout", "1"}};
+  for (std::vector<std::string> words : rows) {
+    words.insert(words.begin(), "qvcore-collector");
     std::vector<char*> argv;
     for (auto& word : words) argv.push_back(word.data());
     std::string error;
     EXPECT_FALSE(QVCollectorOptions::parse(static_cast<int>(argv.size()), argv.data(), error));
-    EXPECT_FALSE(error.empty()) << bad;
+    EXPECT_FALSE(error.empty()) << words[1];
   }
   ::setenv("QVCORE_HOME", "/q", 1);
   ::setenv("XDG_DATA_HOME", "/x", 1);
