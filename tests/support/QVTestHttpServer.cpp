@@ -49,6 +49,14 @@ void resetOnClose(int fd) {
   ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
 }
 
+void answer(int fd, const QVTestReply& reply) {
+  std::string response = "HTTP/1.1 " + std::to_string(reply.status) + " Test\r\n";
+  for (const auto& [name, value] : reply.headers) response += name + ": " + value + "\r\n";
+  response += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
+  response += "Connection: close\r\n\r\n" + reply.body;
+  sendAll(fd, response);
+}
+
 }  // namespace
 
 std::string QVRecordedRequest::query() const {
@@ -141,21 +149,17 @@ void QVTestHttpServer::serve() {
 }
 
 void QVTestHttpServer::handle(int fd) {
-  std::optional<QVRecordedRequest> request = readHead(fd);
-  if (!request) return;
-  if (nextReplyIs(QVTestReply::Kind::kResetWhileReading)) {
-    nextReply();
-    resetOnClose(fd);
-    return;
-  }
-  if (!readBody(fd, *request, nextReplyIs(QVTestReply::Kind::kTrickle))) return;
+  using Kind = QVTestReply::Kind;
+  QVRecordedRequest request;
+  if (!readHead(fd, request)) return;
+  const QVTestReply reply = nextReply();
+  if (reply.kind == Kind::kResetWhileReading) return resetOnClose(fd);
+  if (!readBody(fd, request, reply.kind == Kind::kTrickle)) return;
   {
     std::lock_guard lock(mutex_);
-    requests_.push_back(*request);
+    requests_.push_back(request);
   }
   changed_.notify_all();
-  using Kind = QVTestReply::Kind;
-  const QVTestReply reply = nextReply();
   if (reply.kind == Kind::kStall) waitReadable(fd, kIoBound);  // until the client hangs up
   if (reply.kind == Kind::kHoldThenAnswer) {
     std::unique_lock lock(mutex_);
@@ -185,39 +189,25 @@ bool QVTestHttpServer::receive(int fd, std::string& data, size_t most) const {
   return n > 0;
 }
 
-std::optional<QVRecordedRequest> QVTestHttpServer::readHead(int fd) {
+bool QVTestHttpServer::readHead(int fd, QVRecordedRequest& request) const {
   std::string data;
-  size_t headEnd = std::string::npos;
-  while ((headEnd = data.find("\r\n\r\n")) == std::string::npos) {
-    if (data.size() > kMaxHeaderBytes || !receive(fd, data, kMaxHeaderBytes)) return std::nullopt;
+  size_t end = 0;
+  while ((end = data.find("\r\n\r\n")) == std::string::npos) {
+    if (data.size() > kMaxHeaderBytes || !receive(fd, data, kMaxHeaderBytes)) return false;
   }
-  QVRecordedRequest request = parseHead(data.substr(0, headEnd + 4));
-  request.body = data.substr(headEnd + 4);
-  return request;
+  request = parseHead(data.substr(0, end + 4));
+  request.body = data.substr(end + 4);
+  return true;
 }
 
-bool QVTestHttpServer::readBody(int fd, QVRecordedRequest& request, bool slowly) {
+bool QVTestHttpServer::readBody(int fd, QVRecordedRequest& request, bool slowly) const {
   const size_t length =
       std::strtoull(request.header("Content-Length").value_or("0").c_str(), nullptr, 10);
-  request.body.reserve(length);
   while (request.body.size() < length) {
     if (slowly) std::this_thread::sleep_for(QVTestReply::kTrickleGap);
     if (!receive(fd, request.body, slowly ? QVTestReply::kTrickleBytes : length)) return false;
   }
   return true;
-}
-
-void QVTestHttpServer::answer(int fd, const QVTestReply& reply) {
-  std::string response = "HTTP/1.1 " + std::to_string(reply.status) + " Test\r\n";
-  for (const auto& [name, value] : reply.headers) response += name + ": " + value + "\r\n";
-  response += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
-  response += "Connection: close\r\n\r\n" + reply.body;
-  sendAll(fd, response);
-}
-
-bool QVTestHttpServer::nextReplyIs(QVTestReply::Kind kind) const {
-  std::lock_guard lock(mutex_);
-  return !replies_.empty() && replies_.front().kind == kind;
 }
 
 QVTestReply QVTestHttpServer::nextReply() {

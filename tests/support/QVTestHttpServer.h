@@ -91,14 +91,14 @@ class QVTestHttpServer {
  private:
   void serve();
   void handle(int fd);
-  // The head, with whatever part of the body came along with it.
-  std::optional<QVRecordedRequest> readHead(int fd);
-  bool readBody(int fd, QVRecordedRequest& request, bool slowly);
+  // The head, with whatever part of the body came along with it, then as
+  // much body as Content-Length says (slowly: kTrickleBytes at a time,
+  // kTrickleGap apart); false when the client stops sending first.
+  bool readHead(int fd, QVRecordedRequest& request) const;
+  bool readBody(int fd, QVRecordedRequest& request, bool slowly) const;
   // Appends what one read brings, at most that many bytes.
   bool receive(int fd, std::string& data, size_t most) const;
-  bool nextReplyIs(QVTestReply::Kind kind) const;
   bool waitReadable(int fd, std::chrono::milliseconds bound) const;
-  void answer(int fd, const QVTestReply& reply);
   QVTestReply nextReply();
 
   int listenFd_ = -1;
