@@ -2,7 +2,6 @@
 // what reaches a local server.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <mutex>
@@ -12,13 +11,8 @@
 #include "QVShell.h"
 #include "QVShellFacts.h"
 #include "QVShellLine.h"
-#include "qvcore/core/QVAppTerminationObserver.h"
-#include "qvcore/core/QVConfigurationSaver.h"
 #include "qvcore/core/QVCore.h"
-#include "qvcore/core/QVHttpHeadersProvider.h"
-#include "qvcore/core/QVUncaughtExceptionHandler.h"
 #include "qvcore/platform/QVApplication.h"
-#include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVFakeClock.h"
 #include "qvcore/platform/QVLog.h"
 #include "qvcore/platform/QVRunLoop.h"
@@ -130,34 +124,6 @@ TEST_F(QVShellTest, ABadCommandPrintsOneErrorLineAndNothingElseAndTheScriptGoesO
   auto clean = run("session-id\nmodule Shelled /nowhere\nenable-module Unknown\n");
   EXPECT_EQ(clean.status, 0) << clean.err;
   EXPECT_EQ(clean.out, QVCore::sharedInstance()->currentSessionID() + "\nok\nfalse\n");
-}
-
-TEST_F(QVShellTest, AModuleClassImplementsExactlyTheOptionalOperationsAskedFor) {
-  // Which operations: H(eaders), S(aves config), E(xceptions), T(ermination).
-  const std::pair<std::string, std::string> cases[] = {
-      {"", "----"},
-      {"saves-config=true", "-S--"},
-      {"handles-exceptions=true terminate-hook=false", "--E-"},
-      {"terminate-hook=true saves-config=true headers={\"X-Kind\": \"shell\"}", "HS-T"},
-  };
-  int index = 0;
-  for (const auto& [options, expected] : cases) {
-    const std::string name = "Module" + std::to_string(index++);
-    ASSERT_EQ(answer("module " + name + " /bundle/" + name + " " + options), "ok");
-    auto object = QVClassRegistry::shared().sharedInstanceOfClass(name);
-    auto* module = dynamic_cast<QVLifecycleObject*>(object.get());
-    ASSERT_NE(module, nullptr);
-    EXPECT_EQ(module->className() + " " + module->settingsBundlePath(), name + " /bundle/" + name);
-    auto* provider = dynamic_cast<QVHttpHeadersProvider*>(module);
-    std::string got = provider ? "H" : "-";
-    got += dynamic_cast<QVConfigurationSaver*>(module) ? "S" : "-";
-    got += dynamic_cast<QVUncaughtExceptionHandler*>(module) ? "E" : "-";
-    got += dynamic_cast<QVAppTerminationObserver*>(module) ? "T" : "-";
-    EXPECT_EQ(got, expected) << options;
-    if (provider) {
-      EXPECT_EQ(provider->httpHeadersForSessionIdAndJson("S", "{}")["X-Kind"], "shell");
-    }
-  }
 }
 
 // In a network namespace of the test's own, whose default route leaves by
