@@ -4,13 +4,12 @@
 // it runs, and is killed with SIGKILL. Every cache file it leaves must be a
 // whole queue; a second child reads them back and sends them, after which the
 // server holds every message they held and the cache folder is empty.
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <map>
 #include <random>
@@ -21,8 +20,6 @@
 #include "qvcore/platform/QVRunLoop.h"
 #include "support/QVCollectedPosts.h"
 #include "support/QVCrashTestSupport.h"
-
-extern char** environ;
 
 namespace qv {
 namespace {
@@ -96,32 +93,12 @@ Offsets sorted(Offsets offsets) {
 
 class QVKillTest : public ::testing::Test {
  protected:
-  // Starts this executable again as the child case with that task, its
-  // output going to the log; with a bound, waits that long for it to end
-  // (killing it then) and answers its wait status.
-  int runChild(const std::string& task, const test::QVTestHttpServer* killOnPost = nullptr) {
-    ::setenv(kChildVariable, task.c_str(), 1);
-    std::string self = "/proc/self/exe", filter = "--gtest_filter=QVKillChild.Run";
-    char* argv[] = {self.data(), filter.data(), nullptr};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    pid_t pid = -1;
-    const int error = ::posix_spawn(&pid, self.c_str(), &actions, nullptr, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::unsetenv(kChildVariable);
-    if (error != 0) return -1;
-    // The poster is killed at a random moment once it has posted; the
-    // recoverer ends by itself, or is killed after 90 s.
-    int status = -1;
-    if (killOnPost && killOnPost->waitForRequests(1, 20s))
-      std::this_thread::sleep_for(std::chrono::microseconds(killDelay_(random_)));
-    for (int i = 0; !killOnPost && i < 18000 && ::waitpid(pid, &status, WNOHANG) != pid; ++i)
-      std::this_thread::sleep_for(5ms);
-    if (::kill(pid, SIGKILL) == 0 && !killOnPost) ADD_FAILURE() << "a child did not end by itself";
-    ::waitpid(pid, &status, 0);
-    return status;
+  // The shell line that runs this executable again as the child case with
+  // that task, its output going to the log.
+  std::string child(const std::string& task, const std::string& runner = "") const {
+    return "exec " + runner + "env " + kChildVariable + "='" + task + "' " +
+           std::filesystem::read_symlink("/proc/self/exe").string() +
+           " --gtest_filter=QVKillChild.Run >" + log_ + " 2>&1";
   }
 
   void iterate(uint64_t iteration) {
@@ -133,14 +110,23 @@ class QVKillTest : public ::testing::Test {
       refused[k] = refuses(random_);
       server.addReply(test::QVTestReply::answer(refused[k] ? 500 : 200));
     }
-    int status = runChild("post " + server.url("/c") + " " + std::to_string(base), &server);
-    ASSERT_TRUE(!server.requests().empty() && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
-        << log();
+    // Killed at a random moment once it has posted.
+    FILE* poster = ::popen(
+        ("echo $$; " + child("post " + server.url("/c") + " " + std::to_string(base))).c_str(),
+        "r");
+    pid_t pid = 0;
+    ASSERT_TRUE(poster && std::fscanf(poster, "%d", &pid) == 1);
+    const bool posting = server.waitForRequests(1, 20s);
+    if (posting) std::this_thread::sleep_for(std::chrono::microseconds(killDelay_(random_)));
+    ::kill(pid, SIGKILL);
+    int status = ::pclose(poster);
+    ASSERT_TRUE(posting && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << log();
 
     const Offsets cached = cachedMessages();
     cachedAtKill_ += cached.size();
     const size_t before = recovery_.requests().size();
-    status = runChild("recover " + recovery_.url("/r") + " " + std::to_string(cached.size()));
+    const std::string task = "recover " + recovery_.url("/r") + " " + std::to_string(cached.size());
+    status = std::system(child(task, "timeout -s KILL 90 ").c_str());
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << log();
     const Offsets recovered = received(recovery_.requests(), before, {});
     EXPECT_EQ(sorted(recovered), sorted(cached)) << "what the cache held is what was sent";
