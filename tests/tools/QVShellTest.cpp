@@ -10,7 +10,6 @@
 
 #include "QVShell.h"
 #include "QVShellFacts.h"
-#include "QVShellLine.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVApplication.h"
 #include "qvcore/platform/QVFakeClock.h"
@@ -23,27 +22,6 @@
 
 namespace qv::shell {
 namespace {
-
-TEST(QVShellLineTest, SplitsQuotedTextsOptionsAndJsonToTheEndOfTheLine) {
-  std::string error;
-  const auto words = [&error](const std::string& text) {
-    auto line = QVShellLine::parse(text, &error);
-    if (!line) return "error: " + error;
-    std::string out = line->command();
-    for (const auto& word : line->positional()) out += "|" + word.value;
-    return out + "|name=" + line->option("name").value_or("-") +
-           "|fields=" + line->option("fields").value_or("-");
-  };
-  EXPECT_EQ(
-      words(R"(post  Mod "two words" name="Home \"Screen\"" fields={"a": "x y", "b": [1]}  )"),
-      R"(post|Mod|two words|name=Home "Screen"|fields={"a": "x y", "b": [1]})");
-  EXPECT_EQ(words(R"(config set M Key {"k": "v w"})"),
-            R"(config|set|M|Key|{"k": "v w"}|name=-|fields=-)");
-  EXPECT_EQ(QVShellLine::parse(R"(config set M Key {"k": 1})", &error)->restOfLine(2),
-            R"(Key {"k": 1})");
-  EXPECT_EQ(words("   # a comment") + words(""), "|name=-|fields=-|name=-|fields=-");
-  EXPECT_EQ(words(R"(echo "open)").substr(0, 7), "error: ");
-}
 
 struct ScriptRun {
   int status;
@@ -118,9 +96,12 @@ TEST_F(QVShellTest, ABadCommandPrintsOneErrorLineAndNothingElseAndTheScriptGoesO
     EXPECT_EQ(result.err.rfind("error: ", 0), 0u) << line << ": " << result.err;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
   }
-  auto mixed = run("# comment\n\necho \"hello  world\" a=b\nnonsense\ndisable-module Nobody\n");
+  // Quoted words, quoted options and a JSON option to the end of the line.
+  auto mixed =
+      run("# comment\n\necho \"hello  world\" a=\"b \\\"c\\\"\" fields={\"k\": \"v w\"}  \n"
+          "nonsense\ndisable-module Nobody\n");
   EXPECT_EQ(mixed.status, 1);
-  EXPECT_EQ(mixed.out, "hello  world a=b\ntrue\n");
+  EXPECT_EQ(mixed.out, "hello  world a=b \"c\" fields={\"k\": \"v w\"}\ntrue\n");
   auto clean = run("session-id\nmodule Shelled /nowhere\nenable-module Unknown\n");
   EXPECT_EQ(clean.status, 0) << clean.err;
   EXPECT_EQ(clean.out, QVCore::sharedInstance()->currentSessionID() + "\nok\nfalse\n");
@@ -191,11 +172,13 @@ TEST_F(QVShellTest, PostedMessagesPassTheGateAndReachTheServerWithTheModulesHead
                     "post Shop level=0\npost Shop level=4\n"
                     "post-many Shop 200 threads=4 session=S2 progress=true\n"
                     "network cellular\npost Shop level=2\n"
-                    "flush\nwait-flush 60\nwait-flush 0\n");
+                    "flush\nwait-flush 60\nwait-flush 0\n"
+                    "config set Shop Key {\"k\": \"v w\"}\nconfig get Shop Key\n");
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(
       result.out,
-      "ok\nok\nok\nok\ntrue\ntrue\ntrue\ntrue\nfalse\nfalse\n200\nok\nfalse\nok\ntrue\nfalse\n");
+      "ok\nok\nok\nok\ntrue\ntrue\ntrue\ntrue\nfalse\nfalse\n200\nok\nfalse\nok\ntrue\nfalse\n"
+      "true\n{\"k\":\"v w\"}\n");
   EXPECT_NE(result.err.find("] 200/200"), std::string::npos) << "the progress bar ends full";
   ASSERT_EQ(server_.requests().size(), 1u);
   const auto request = server_.request(0);
