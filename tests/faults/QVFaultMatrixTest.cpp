@@ -18,6 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using test::Offsets;
 using test::QVTestReply;
+using test::sorted;
 
 enum class Path { kJson, kUrlEncoded };
 
@@ -55,11 +56,6 @@ void PrintTo(const FaultRow& row, std::ostream* out) { *out << row.name; }
 
 const std::vector<std::string> kModules = {"Alpha", "Beta", "Gamma"};
 constexpr int kPerModule = 2;
-
-Offsets sorted(Offsets offsets) {
-  std::sort(offsets.begin(), offsets.end());
-  return offsets;
-}
 
 class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, Path>> {
  protected:

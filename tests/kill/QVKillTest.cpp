@@ -27,6 +27,7 @@ namespace {
 using namespace std::chrono_literals;
 using test::Offsets;
 using test::offsetsIn;
+using test::sorted;
 
 constexpr const char* kModule = "KillPoster";
 // "post URL BASE" or "recover URL CACHED", set only for the test's own children.
@@ -84,11 +85,6 @@ TEST(QVKillChild, Run) {
   auto core = QVCore::sharedInstance();
   ASSERT_TRUE(core->enable() && core->enableModule(kModule));
   mode == "post" ? postUntilKilled(*core, number) : sendWhatWasCached(*core, number);
-}
-
-Offsets sorted(Offsets offsets) {
-  std::sort(offsets.begin(), offsets.end());
-  return offsets;
 }
 
 class QVKillTest : public ::testing::Test {

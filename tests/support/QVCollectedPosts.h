@@ -3,6 +3,7 @@
 // What a core posted to a QVTestHttpServer, read back as the collector reads
 // it, and the core's own account of it: shared by the suites that run a whole
 // core against a scripted server (faults, soak). Needs the collector library.
+#include <algorithm>
 #include <string>
 
 #include "QVCollectorDecoder.h"
@@ -21,6 +22,11 @@ inline collector::QVCollectorRecord collected(const QVRecordedRequest& sent, int
   record.decoded = collector::QVCollectorDecoder::decode(record.request);
   record.status = status;
   return record;
+}
+
+inline Offsets sorted(Offsets offsets) {
+  std::sort(offsets.begin(), offsets.end());
+  return offsets;
 }
 
 // The offsets a decoded payload holds: a queue's sessions, or the one

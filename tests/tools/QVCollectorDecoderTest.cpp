@@ -7,7 +7,6 @@
 #include "QVCollectorQuery.h"
 #include "qvcore/model/QVCoreExtensions.h"
 #include "qvcore/model/QVQueue.h"
-#include "qvcore/queue/QVDataCompression.h"
 #include "support/QVFieldsMessage.h"
 #include "support/QVGzip.h"
 
@@ -56,7 +55,7 @@ QVCollectorDecoded get(const std::string& query) {
 // problem, messages) and whether the decoder kept what it inflated.
 TEST(QVCollectorDecoderTest, BodiesDecodeAsTheirEncodingSaysOrAreKeptWithTheReason) {
   const std::string json = libraryPayload();
-  const std::string gzip = *QVDataCompression::compressData(std::make_shared<std::string>(json));
+  const std::string gzip = test::gzip(json);
   std::string damaged = gzip;
   for (size_t i = 12; i < 40; ++i) damaged[i] = static_cast<char>(~damaged[i]);
   const std::string good = "json [] 3 inflated";

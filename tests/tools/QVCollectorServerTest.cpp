@@ -14,7 +14,7 @@
 #include "QVCollectorDump.h"
 #include "QVCollectorOptions.h"
 #include "QVCollectorServer.h"
-#include "qvcore/queue/QVDataCompression.h"
+#include "support/QVGzip.h"
 #include "support/QVLoopback.h"
 #include "support/QVTempFolder.h"
 
@@ -33,10 +33,6 @@ void runSql(const std::string& path, const char* sql) {
   ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
   EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
   sqlite3_close(db);
-}
-
-std::string gzip(const std::string& text) {
-  return *QVDataCompression::compressData(std::make_shared<std::string>(text));
 }
 
 std::string print(const QVCollectorStore& store, QVCollectorDump::Format format) {
@@ -94,7 +90,7 @@ TEST_F(QVCollectorServerTest, EachRequestGetsThePolicysGatesOrLimitsAnswerAndIsK
     return raw(line, me + more + "Content-Length: " + std::to_string(body.size()) + "\r\n", body);
   };
   const std::string payload = sized("POST /c", "", kPayload);
-  const std::string bomb = gzip(std::string((1 << 20) + 1, ' '));  // a few KiB inflating past
+  const std::string bomb = test::gzip(std::string((1 << 20) + 1, ' '));  // a few KiB inflating past
   std::string chunked;
   for (int i = 0; i < 24; ++i) chunked += "10000\r\n" + std::string(64 << 10, 'x') + "\r\n";
   // A gzip header, then a deflate block of the reserved type, with headers
@@ -192,7 +188,7 @@ TEST_F(QVCollectorServerTest, PostsFromManyThreadsAreAllKeptAndOneNotStoredIsAns
 TEST_F(QVCollectorServerTest, DumpReadsEveryRequestBackFromTheFile) {
   start(200, 1);
   auto http = client();
-  const std::string zipped = gzip(kPayload);
+  const std::string zipped = test::gzip(kPayload);
   post("/c", zipped, {{"Content-Encoding", "gzip"}});
   const std::string query = "offset=9&screen=Two%20Words";
   ASSERT_TRUE(http.Get("/c?" + query));
