@@ -83,6 +83,7 @@ class QVSoakTest : public ::testing::Test {
               : core_->postMessageForModuleName(std::move(message), kNames[module]);
       accepted_[index] = accepted;
     }
+    ++finished_;
   }
 
   // Until the posters are done: flushes through the dispatch queue and on
@@ -145,6 +146,7 @@ class QVSoakTest : public ::testing::Test {
   const uint64_t total_ = soakMessages();
   std::vector<char> accepted_ = std::vector<char>(total_, 0);  // one writer per element
   std::atomic<bool> posting_{true};
+  std::atomic<uint64_t> finished_{0};  // posting threads done
   std::map<std::string, test::Offsets> wrong_;
 };
 
@@ -152,15 +154,10 @@ TEST_F(QVSoakTest, EveryAcceptedMessageArrivesExactlyOnceWhileFlushesRace) {
   start();
   std::thread flusher([this] { flushByHand(); });
   std::vector<std::thread> posters;
-  std::atomic<uint64_t> finished{0};
-  for (uint64_t thread = 0; thread < kThreads; ++thread) {
-    posters.emplace_back([this, thread, &finished] {
-      postFrom(thread);
-      ++finished;
-    });
-  }
+  for (uint64_t thread = 0; thread < kThreads; ++thread)
+    posters.emplace_back([this, thread] { postFrom(thread); });
   // The main loop runs the flush timer while the posters work.
-  const bool posted = QVRunLoop::main().runUntil([&] { return finished == kThreads; }, 3600s);
+  const bool posted = QVRunLoop::main().runUntil([&] { return finished_ == kThreads; }, 3600s);
   for (auto& poster : posters) poster.join();
   posting_ = false;
   flusher.join();
