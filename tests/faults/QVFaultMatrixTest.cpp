@@ -7,9 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <sstream>
 
-#include "QVCollectorServer.h"
 #include "qvcore/platform/QVRunLoop.h"
 #include "support/QVCollectedPosts.h"
 #include "support/QVTestHost.h"
@@ -20,45 +18,37 @@ namespace {
 using namespace std::chrono_literals;
 using test::Offsets;
 using test::QVTestReply;
-
-// Who answers the posts.
-enum class Server {
-  kScripted,       // the raw-socket server: the first request gets the row's reply, then 200
-  kRefusingFirst,  // nothing listens during the first cycle; the collector comes up after
-  kSlow,           // the collector, answering every request late but within the time-out
-};
+using test::sorted;
 
 enum class Path { kJson, kUrlEncoded };
 
 struct FaultRow {
   const char* name;
-  Server server;
-  QVTestReply firstReply;  // kScripted only
-  double postTimeout;      // "PostMessageTimeout", seconds
-  bool firstPostFails;     // the client counts the first post failed and keeps it on disk
-  bool answerLost;         // the server took the first post in; its answer never came back
+  // The server's reply to the first request (then 200); none: nothing
+  // listens during the first cycle, the server comes up after.
+  std::optional<QVTestReply> firstReply;
+  double postTimeout;   // "PostMessageTimeout", seconds
+  bool firstPostFails;  // the client counts the first post failed and keeps it on disk
+  bool answerLost;      // the server took the first post in; its answer never came back
 };
 
+using Kind = QVTestReply::Kind;
 const FaultRow kRows[] = {
-    {"Status500", Server::kScripted, QVTestReply::answer(500), 2, true, false},
-    {"Status503", Server::kScripted, QVTestReply::answer(503, {{"Retry-After", "1"}}), 2, true,
-     false},
-    {"Status400", Server::kScripted, QVTestReply::answer(400), 2, true, false},
+    {"Status500", QVTestReply::answer(500), 2, true, false},
+    {"Status503", QVTestReply::answer(503, {{"Retry-After", "1"}}), 2, true, false},
+    {"Status400", QVTestReply::answer(400), 2, true, false},
     // Every status from 200 to 399 counts as delivered and no redirect is
     // followed: the server that answered 302 has the post, and it is sent
     // neither again nor to the Location.
-    {"Status302", Server::kScripted, QVTestReply::answer(302, {{"Location", "/elsewhere"}}), 2,
-     false, false},
-    {"TimeOut", Server::kScripted, QVTestReply::of(QVTestReply::Kind::kStall), 1, true, true},
-    {"ResetWhileAnswering", Server::kScripted,
-     QVTestReply::of(QVTestReply::Kind::kResetWhileAnswering), 2, true, true},
+    {"Status302", QVTestReply::answer(302, {{"Location", "/elsewhere"}}), 2, false, false},
+    {"TimeOut", QVTestReply::of(Kind::kStall), 1, true, true},
+    {"ResetWhileAnswering", QVTestReply::of(Kind::kResetWhileAnswering), 2, true, true},
     // The server crashed after taking the post in: it hangs up, no answer.
-    {"ClosedWithoutAnswer", Server::kScripted, QVTestReply::of(QVTestReply::Kind::kClose), 2, true,
-     true},
-    {"ResetWhileReading", Server::kScripted, QVTestReply::of(QVTestReply::Kind::kResetWhileReading),
-     2, true, false},
-    {"Refused", Server::kRefusingFirst, {}, 2, true, false},
-    {"SlowServer", Server::kSlow, {}, 2, false, false},
+    {"ClosedWithoutAnswer", QVTestReply::of(Kind::kClose), 2, true, true},
+    {"ResetWhileReading", QVTestReply::of(Kind::kResetWhileReading), 2, true, false},
+    {"Refused", std::nullopt, 2, true, false},
+    // The answer waits until more messages are posted and flushed.
+    {"SlowServer", QVTestReply::of(Kind::kHoldThenAnswer), 30, false, false},
 };
 
 // Failure messages show the row by its name.
@@ -66,12 +56,6 @@ void PrintTo(const FaultRow& row, std::ostream* out) { *out << row.name; }
 
 const std::vector<std::string> kModules = {"Alpha", "Beta", "Gamma"};
 constexpr int kPerModule = 2;
-constexpr auto kSlowAnswer = 200ms;
-
-Offsets sorted(Offsets offsets) {
-  std::sort(offsets.begin(), offsets.end());
-  return offsets;
-}
 
 class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, Path>> {
  protected:
@@ -79,68 +63,37 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
 
   const FaultRow& row() const { return std::get<0>(GetParam()); }
   bool json() const { return std::get<1>(GetParam()) == Path::kJson; }
+  bool refusing() const { return !row().firstReply; }
 
-  // The URL the modules post to, with the row's server behind it.
-  std::string startServer() {
-    switch (row().server) {
-      case Server::kScripted:
-        scripted_.addReply(row().firstReply);
-        return scripted_.url("/collect");
-      case Server::kRefusingFirst:
-        refusing_.emplace();
-        return "http://127.0.0.1:" + std::to_string(refusing_->port()) + "/collect";
-      case Server::kSlow:
-        return "http://127.0.0.1:" + std::to_string(startCollector(0, kSlowAnswer)) + "/collect";
-    }
-    return "";
-  }
-  // The collector comes up on the port that refused until now.
-  void recover() {
-    const int port = refusing_->port();
-    refusing_.reset();
-    ASSERT_EQ(startCollector(port, 0ms), port);
-  }
-  int startCollector(int port, std::chrono::milliseconds delay) {
-    policy_.emplace(200, 0, delay);
-    collector_ = std::make_unique<collector::QVCollectorServer>(store_, *policy_, log_);
-    const int bound = collector_->bind(port);
-    collector_->start();
-    return bound;
-  }
-
-  void startCore(const std::string& url) {
+  void startCore() {
+    if (!refusing()) server_.addReply(*row().firstReply);
     std::map<std::string, QVValue> modules;
     for (const auto& name : kModules)
-      modules[name] = {{"PostMessageUrl", url}, {"URLEncoded", !json()}};
+      modules[name] = {{"PostMessageUrl", server_.url("/collect")}, {"URLEncoded", !json()}};
     ASSERT_TRUE(host_.startCore({{"PostMessageLevelWiFi", 3},
                                  {"PostMessageTimeout", row().postTimeout},
                                  {"CompressPostMessage", json()},
                                  {"HasToPersistLocalCache", true}},
                                 modules));
   }
+  // Every post must be taken: a level-3 gate admits them all.
   void postBatch() {
     for (const auto& name : kModules) {
       for (int i = 0; i < kPerModule; ++i) {
-        const uint64_t offset = ++lastOffset_;
-        const bool taken = core_->postMessageForModuleName(test::messageWithOffset(offset), name);
-        EXPECT_TRUE(taken) << offset;
-        if (taken) accepted_.push_back(offset);
+        accepted_.push_back(accepted_.size() + 1);
+        EXPECT_TRUE(
+            core_->postMessageForModuleName(test::messageWithOffset(accepted_.back()), name));
       }
     }
   }
-  size_t postsPerBatch() const { return kModules.size() * (json() ? 1 : kPerModule); }
 
   // Every request the server read whole, decoded as the collector does,
   // with the status it answered (or meant to answer).
   std::vector<collector::QVCollectorRecord> records() const {
     std::vector<collector::QVCollectorRecord> out;
-    if (row().server != Server::kScripted) {
-      store_.forEach([&](const collector::QVCollectorRecord& record) { out.push_back(record); });
-    }
-    for (const auto& sent : scripted_.requests()) {
-      const bool first = out.empty() && row().firstReply.kind == QVTestReply::Kind::kAnswer;
-      out.push_back(test::collected(sent, first ? row().firstReply.status : 200));
-    }
+    for (const auto& sent : server_.requests()) out.push_back(test::collected(sent));
+    if (!out.empty() && !refusing() && row().firstReply->kind == Kind::kAnswer)
+      out[0].status = row().firstReply->status;
     return out;
   }
   // The offsets of every post the server kept (answered below 400), sorted.
@@ -152,52 +105,43 @@ class QVFaultMatrixTest : public ::testing::TestWithParam<std::tuple<FaultRow, P
     }
     return sorted(offsets);
   }
-  bool everythingDelivered() const {
-    const Offsets got = delivered();
-    return std::includes(got.begin(), got.end(), accepted_.begin(), accepted_.end());
-  }
-  size_t cachedFiles() const { return test::namesIn(service_->cachedQueuesDirectory()).size(); }
-  bool waitFor(const std::function<bool()>& predicate) {
-    return QVRunLoop::main().runUntil(predicate, 30s);
-  }
 
   test::QVTestHost host_{"com.example.faults"};
-  test::QVTempFolder& folder_ = host_.folder();
-  test::QVTestHttpServer scripted_;
-  std::optional<test::QVTestHttpServer::RefusingPort> refusing_;
-  collector::QVCollectorStore store_{folder_.at("collector.sqlite")};
-  std::optional<collector::QVCollectorReplyPolicy> policy_;
-  std::ostringstream log_;
-  std::unique_ptr<collector::QVCollectorServer> collector_;
-
+  test::QVTestHttpServer server_{0, !refusing()};
   std::shared_ptr<QVCore> core_ = QVCore::sharedInstance();
   std::shared_ptr<QVQueueService> service_ = QVQueueService::sharedInstance();
-  uint64_t lastOffset_ = 0;
   Offsets accepted_;  // ascending, as posted
 };
 
 TEST_P(QVFaultMatrixTest, EveryAcceptedMessageArrivesAndOnlyALostAnswerDuplicates) {
-  startCore(startServer());
+  startCore();
   postBatch();
   core_->flushQueues();
-  if (row().server == Server::kSlow) {
+  if (!refusing() && row().firstReply->kind == Kind::kHoldThenAnswer) {
     // More messages and flushes while the first post waits for its answer.
-    ASSERT_TRUE(waitFor([&] { return !records().empty(); }));
+    ASSERT_TRUE(server_.waitForRequests(1));
     for (int round = 0; round < 2; ++round) {
       postBatch();
       core_->flushQueues();
     }
+    server_.release();
   }
-  ASSERT_TRUE(waitFor([&] { return service_->completedFlushCycles() >= 1; }));
-  const size_t failedPosts = row().server == Server::kRefusingFirst ? postsPerBatch()
-                             : row().firstPostFails                 ? 1
-                                                                    : 0;
-  EXPECT_EQ(cachedFiles(), failedPosts) << "posts kept on disk after the first cycle";
+  auto& loop = QVRunLoop::main();
+  ASSERT_TRUE(loop.runUntil([&] { return service_->completedFlushCycles() >= 1; }, 30s));
+  const size_t perBatch = kModules.size() * (json() ? 1 : kPerModule);  // posts
+  const size_t failedPosts = refusing() ? perBatch : row().firstPostFails ? 1 : 0;
+  EXPECT_EQ(test::namesIn(service_->cachedQueuesDirectory()).size(), failedPosts)
+      << "posts kept on disk after the first cycle";
 
-  if (row().server == Server::kRefusingFirst) recover();
+  if (refusing()) server_.listen();
   postBatch();
   core_->flushQueues();
-  ASSERT_TRUE(waitFor([&] { return everythingDelivered() && test::nothingLeftToSend(*service_); }))
+  const auto everythingDelivered = [&] {
+    const Offsets got = delivered();
+    return std::includes(got.begin(), got.end(), accepted_.begin(), accepted_.end()) &&
+           test::nothingLeftToSend(*service_);
+  };
+  ASSERT_TRUE(loop.runUntil(everythingDelivered, 30s))
       << "delivered " << testing::PrintToString(delivered()) << " of "
       << testing::PrintToString(accepted_);
 

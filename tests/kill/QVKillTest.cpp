@@ -4,13 +4,12 @@
 // it runs, and is killed with SIGKILL. Every cache file it leaves must be a
 // whole queue; a second child reads them back and sends them, after which the
 // server holds every message they held and the cache folder is empty.
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <map>
 #include <random>
@@ -18,13 +17,9 @@
 #include <sstream>
 #include <thread>
 
-#include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVRunLoop.h"
-#include "qvcore/queue/QVServerConnection.h"
+#include "support/QVCollectedPosts.h"
 #include "support/QVCrashTestSupport.h"
-#include "support/QVTestHttpServer.h"
-
-extern char** environ;
 
 namespace qv {
 namespace {
@@ -32,9 +27,10 @@ namespace {
 using namespace std::chrono_literals;
 using test::Offsets;
 using test::offsetsIn;
+using test::sorted;
 
 constexpr const char* kModule = "KillPoster";
-// "post URL BASE" or "recover URL", set only for the test's own children.
+// "post URL BASE" or "recover URL CACHED", set only for the test's own children.
 constexpr const char* kChildVariable = "QVTEST_KILL_CHILD";
 
 uint64_t numberFromEnvironment(const char* name, uint64_t fallback) {
@@ -54,21 +50,18 @@ void postUntilKilled(QVCore& core, uint64_t base) {
   }
 }
 
-// Reads the cache back, sends it and prints the core's account of it.
-void sendWhatWasCached(QVCore& core) {
+// Reads the cache back and sends it; the core must count each of the
+// cached messages recovered and sent, and nothing else.
+void sendWhatWasCached(QVCore& core, uint64_t cached) {
   auto service = QVQueueService::sharedInstance();
   service->flushQueues();
   EXPECT_TRUE(QVRunLoop::main().runUntil(
-      [&] {
-        auto connection = service->serverConnection();
-        return service->completedFlushCycles() > 0 ||
-               (service->cachedQueues().empty() && connection && !connection->isBusy());
-      },
+      [&] { return service->completedFlushCycles() > 0 || test::nothingLeftToSend(*service); },
       60s))
       << "the recovered queues were not all sent";
-  const QVLedgerSnapshot ledger = core.ledgerSnapshot();
-  EXPECT_TRUE(ledger.balances()) << ledger.toJson();
-  std::cout << "ledger " << ledger.toJson() << std::endl;
+  const std::string n = std::to_string(cached);
+  EXPECT_EQ(test::ledgerLine(core.ledgerSnapshot(), kModule),
+            "accepted 0 sent " + n + " failed 0 cached 0 recovered " + n + " dropped 0 left 0");
 }
 
 TEST(QVKillChild, Run) {
@@ -76,8 +69,8 @@ TEST(QVKillChild, Run) {
   if (!child) GTEST_SKIP() << "runs only as a child process of the kill test";
   std::istringstream words(child);
   std::string mode, url;
-  uint64_t base = 0;
-  words >> mode >> url >> base;
+  uint64_t number = 0;
+  words >> mode >> url >> number;
   const test::QVCrashFolder folder;
   // A generous time-out, so that a slow machine never fails a post that the
   // server has answered; short timer flushes only while posting.
@@ -91,53 +84,19 @@ TEST(QVKillChild, Run) {
   test::configureCore(folder.at("home"), {{module, {{"PostMessageUrl", url}}}}, items);
   auto core = QVCore::sharedInstance();
   ASSERT_TRUE(core->enable() && core->enableModule(kModule));
-  if (mode == "post") {
-    postUntilKilled(*core, base);
-  } else {
-    sendWhatWasCached(*core);
-  }
-}
-
-// Starts this executable again as the child case with that task, its output
-// going to log.
-pid_t spawnChild(const std::string& task, const std::string& log) {
-  std::vector<std::string> environment{std::string(kChildVariable) + "=" + task};
-  for (char** entry = environ; *entry; ++entry) environment.emplace_back(*entry);
-  std::vector<char*> envp;
-  for (auto& entry : environment) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-  std::string self = "/proc/self/exe", filter = "--gtest_filter=QVKillChild.Run";
-  char* argv[] = {self.data(), filter.data(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  pid_t pid = -1;
-  const int error = ::posix_spawn(&pid, self.c_str(), &actions, nullptr, argv, envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  return error == 0 ? pid : -1;
-}
-
-// The child's wait status; a child still running after 90 s is killed.
-int awaitChild(pid_t pid) {
-  int status = 0;
-  for (int i = 0; i < 18000 && ::waitpid(pid, &status, WNOHANG) != pid; ++i) {
-    std::this_thread::sleep_for(5ms);
-  }
-  if (::kill(pid, SIGKILL) == 0 && ::waitpid(pid, &status, 0) == pid) {
-    ADD_FAILURE() << "a child process did not end by itself";
-  }
-  return status;
-}
-
-Offsets sorted(Offsets offsets) {
-  std::sort(offsets.begin(), offsets.end());
-  return offsets;
+  mode == "post" ? postUntilKilled(*core, number) : sendWhatWasCached(*core, number);
 }
 
 class QVKillTest : public ::testing::Test {
  protected:
+  // The shell line that runs this executable again as the child case with
+  // that task, its output going to the log.
+  std::string child(const std::string& task, const std::string& runner = "") const {
+    return "exec " + runner + "env " + kChildVariable + "='" + task + "' " +
+           std::filesystem::read_symlink("/proc/self/exe").string() +
+           " --gtest_filter=QVKillChild.Run >" + log_ + " 2>&1";
+  }
+
   void iterate(uint64_t iteration) {
     const uint64_t base = (iteration + 1) << 32;
     test::QVTestHttpServer server;
@@ -147,26 +106,26 @@ class QVKillTest : public ::testing::Test {
       refused[k] = refuses(random_);
       server.addReply(test::QVTestReply::answer(refused[k] ? 500 : 200));
     }
-    const pid_t poster = spawnChild("post " + server.url("/c") + " " + std::to_string(base), log_);
-    ASSERT_GT(poster, 0);
+    // Killed at a random moment once it has posted.
+    FILE* poster = ::popen(
+        ("echo $$; " + child("post " + server.url("/c") + " " + std::to_string(base))).c_str(),
+        "r");
+    pid_t pid = 0;
+    ASSERT_TRUE(poster && std::fscanf(poster, "%d", &pid) == 1);
     const bool posting = server.waitForRequests(1, 20s);
     if (posting) std::this_thread::sleep_for(std::chrono::microseconds(killDelay_(random_)));
-    ::kill(poster, SIGKILL);
-    int status = 0;
-    ::waitpid(poster, &status, 0);
+    ::kill(pid, SIGKILL);
+    int status = ::pclose(poster);
     ASSERT_TRUE(posting && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << log();
 
     const Offsets cached = cachedMessages();
     cachedAtKill_ += cached.size();
     const size_t before = recovery_.requests().size();
-    const pid_t recoverer = spawnChild("recover " + recovery_.url("/r"), log_);
-    ASSERT_GT(recoverer, 0);
-    status = awaitChild(recoverer);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << log();
+    const std::string task = "recover " + recovery_.url("/r") + " " + std::to_string(cached.size());
+    status = std::system(child(task, "timeout -s KILL 90 ").c_str());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << log();
     const Offsets recovered = received(recovery_.requests(), before, {});
     EXPECT_EQ(sorted(recovered), sorted(cached)) << "what the cache held is what was sent";
-    EXPECT_EQ(recoveryLedger(), "recovered " + std::to_string(cached.size()) + " sent " +
-                                    std::to_string(recovered.size()));
     EXPECT_EQ(test::namesIn(cacheFolder()), std::vector<std::string>{}) << "cache left over";
     Offsets seen = received(server.requests(), 0, refused);
     seen.insert(seen.end(), cached.begin(), cached.end());
@@ -204,17 +163,6 @@ class QVKillTest : public ::testing::Test {
       all.insert(all.end(), found.begin(), found.end());
     }
     return all;
-  }
-
-  // The module's counts, as the last recovering child printed them.
-  std::string recoveryLedger() const {
-    const std::string text = log();
-    const auto at = text.rfind("ledger ");
-    if (at == std::string::npos) return "no ledger in:\n" + text;
-    const QVValue all = QVValue::parse(text.substr(at + 7, text.find('\n', at) - at - 7));
-    const QVValue counts = all.value(kModule, QVValue::object());
-    return "recovered " + std::to_string(counts.value("recovered", 0)) + " sent " +
-           std::to_string(counts.value("sent", 0));
   }
   std::string log() const { return QVFileSystem::contentsAtPath(log_, 1 << 20).value_or(""); }
 

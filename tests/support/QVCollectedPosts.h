@@ -3,6 +3,7 @@
 // What a core posted to a QVTestHttpServer, read back as the collector reads
 // it, and the core's own account of it: shared by the suites that run a whole
 // core against a scripted server (faults, soak). Needs the collector library.
+#include <algorithm>
 #include <string>
 
 #include "QVCollectorDecoder.h"
@@ -21,6 +22,11 @@ inline collector::QVCollectorRecord collected(const QVRecordedRequest& sent, int
   record.decoded = collector::QVCollectorDecoder::decode(record.request);
   record.status = status;
   return record;
+}
+
+inline Offsets sorted(Offsets offsets) {
+  std::sort(offsets.begin(), offsets.end());
+  return offsets;
 }
 
 // The offsets a decoded payload holds: a queue's sessions, or the one
@@ -47,21 +53,17 @@ inline bool nothingLeftToSend(const QVQueueService& service) {
 
 // The counts of one module, or of all of them summed, as one line.
 inline std::string ledgerLine(const QVLedgerSnapshot& ledger, const std::string& module = "") {
-  QVLedgerCounts all;
+  const char* names[] = {"accepted", "sent", "failed", "cached", "recovered", "dropped", "left"};
+  uint64_t sums[7] = {};
   for (const auto& [name, c] : ledger.modules) {
-    if (!module.empty() && name != module) continue;
-    all.accepted += c.accepted;
-    all.sent += c.sent;
-    all.failed += c.failed;
-    all.cached += c.cached;
-    all.recovered += c.recovered;
-    all.dropped[0] += c.droppedTotal();
-    all.queued += c.queued + c.inFlight;
+    const uint64_t left = c.queued + c.inFlight;
+    const uint64_t counts[7] = {c.accepted,  c.sent,           c.failed, c.cached,
+                                c.recovered, c.droppedTotal(), left};
+    for (int i = 0; i < 7 && (module.empty() || name == module); ++i) sums[i] += counts[i];
   }
-  return "accepted " + std::to_string(all.accepted) + " sent " + std::to_string(all.sent) +
-         " failed " + std::to_string(all.failed) + " cached " + std::to_string(all.cached) +
-         " recovered " + std::to_string(all.recovered) + " dropped " +
-         std::to_string(all.dropped[0]) + " left " + std::to_string(all.queued);
+  std::string line;
+  for (int i = 0; i < 7; ++i) line += (i ? " " : "") + (names[i] + (" " + std::to_string(sums[i])));
+  return line;
 }
 
 }  // namespace qv::test

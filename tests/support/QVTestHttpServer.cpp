@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <sstream>
 #include <stdexcept>
 
 #include "support/QVLoopback.h"
@@ -27,19 +29,14 @@ bool sameName(const std::string& a, const std::string& b) {
 // Request line and header lines of a head that ends in an empty line.
 QVRecordedRequest parseHead(const std::string& head) {
   QVRecordedRequest request;
-  size_t end = head.find("\r\n");
-  const std::string first = head.substr(0, end);
-  const size_t a = first.find(' '), b = first.rfind(' ');
-  request.method = first.substr(0, a);
-  request.target = first.substr(a + 1, b - a - 1);
-  request.version = first.substr(b + 1);
-  for (size_t start = end + 2; (end = head.find("\r\n", start)) != std::string::npos && end > start;
-       start = end + 2) {
-    const std::string line = head.substr(start, end - start);
-    const size_t colon = line.find(':');
-    const size_t value = line.find_first_not_of(" \t", colon + 1);
+  std::istringstream lines(head);
+  std::string line;
+  std::getline(lines, line);
+  std::istringstream(line) >> request.method >> request.target >> request.version;
+  while (std::getline(lines, line) && line != "\r") {
+    const size_t colon = line.find(':'), value = line.find_first_not_of(" \t", colon + 1);
     if (colon == std::string::npos) continue;
-    const size_t last = line.find_last_not_of(" \t");
+    const size_t last = line.find_last_not_of(" \t\r");
     request.headers.emplace_back(line.substr(0, colon),
                                  value > last ? "" : line.substr(value, last - value + 1));
   }
@@ -50,6 +47,14 @@ QVRecordedRequest parseHead(const std::string& head) {
 void resetOnClose(int fd) {
   const linger abort{1, 0};
   ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+}
+
+void answer(int fd, const QVTestReply& reply) {
+  std::string response = "HTTP/1.1 " + std::to_string(reply.status) + " Test\r\n";
+  for (const auto& [name, value] : reply.headers) response += name + ": " + value + "\r\n";
+  response += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
+  response += "Connection: close\r\n\r\n" + reply.body;
+  sendAll(fd, response);
 }
 
 }  // namespace
@@ -67,16 +72,20 @@ std::optional<std::string> QVRecordedRequest::header(const std::string& name) co
 }
 
 size_t QVRecordedRequest::headerCount(const std::string& name) const {
-  size_t count = 0;
-  for (const auto& header : headers) count += sameName(header.first, name) ? 1 : 0;
-  return count;
+  return std::count_if(headers.begin(), headers.end(),
+                       [&](auto& h) { return sameName(h.first, name); });
 }
 
-QVTestHttpServer::QVTestHttpServer(int receiveBufferBytes) {
+QVTestHttpServer::QVTestHttpServer(int receiveBufferBytes, bool listening) {
   // Clients in this process (and its children) reach it directly.
   for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy", "ALL_PROXY"}) ::unsetenv(name);
-  listenFd_ = bindLoopback(port_, true, receiveBufferBytes);
+  listenFd_ = bindLoopback(port_, false, receiveBufferBytes);
   if (::pipe2(stopPipe_, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+  if (listening) listen();
+}
+
+void QVTestHttpServer::listen() {
+  if (::listen(listenFd_, 16) != 0) throw std::runtime_error("listen");
   thread_ = std::thread([this] { serve(); });
 }
 
@@ -87,7 +96,7 @@ QVTestHttpServer::~QVTestHttpServer() {
   }
   changed_.notify_all();
   (void)!::write(stopPipe_[1], "x", 1);
-  thread_.join();
+  if (thread_.joinable()) thread_.join();
   ::close(listenFd_);
   ::close(stopPipe_[0]);
   ::close(stopPipe_[1]);
@@ -140,42 +149,29 @@ void QVTestHttpServer::serve() {
 }
 
 void QVTestHttpServer::handle(int fd) {
-  std::optional<QVRecordedRequest> request = readHead(fd);
-  if (!request) return;
-  if (nextReplyIs(QVTestReply::Kind::kResetWhileReading)) {
-    nextReply();
-    resetOnClose(fd);
-    return;
-  }
-  if (!readBody(fd, *request, nextReplyIs(QVTestReply::Kind::kTrickle))) return;
+  using Kind = QVTestReply::Kind;
+  QVRecordedRequest request;
+  if (!readHead(fd, request)) return;
+  const QVTestReply reply = nextReply();
+  if (reply.kind == Kind::kResetWhileReading) return resetOnClose(fd);
+  if (!readBody(fd, request, reply.kind == Kind::kTrickle)) return;
   {
     std::lock_guard lock(mutex_);
-    requests_.push_back(*request);
+    requests_.push_back(request);
   }
   changed_.notify_all();
-  const QVTestReply reply = nextReply();
-  switch (reply.kind) {
-    case QVTestReply::Kind::kAnswer:
-    case QVTestReply::Kind::kTrickle:
-      answer(fd, reply);
-      break;
-    case QVTestReply::Kind::kClose:
-    case QVTestReply::Kind::kResetWhileReading:
-      break;
-    case QVTestReply::Kind::kStall:  // until the client hangs up or the bound
-      waitReadable(fd, kIoBound);
-      break;
-    case QVTestReply::Kind::kHoldThenAnswer: {
-      std::unique_lock lock(mutex_);
-      changed_.wait_for(lock, kIoBound, [&] { return released_ || stopping_; });
-      lock.unlock();
-      answer(fd, reply);
-      break;
-    }
-    case QVTestReply::Kind::kResetWhileAnswering:
-      sendAll(fd, "HTTP/1.1 200 Test\r\nContent-Length: 64\r\nConnection: close\r\n\r\npartial");
-      resetOnClose(fd);
-      break;
+  if (reply.kind == Kind::kStall) waitReadable(fd, kIoBound);  // until the client hangs up
+  if (reply.kind == Kind::kHoldThenAnswer) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, kIoBound, [&] { return released_ || stopping_; });
+  }
+  if (reply.kind == Kind::kResetWhileAnswering) {
+    sendAll(fd, "HTTP/1.1 200 Test\r\nContent-Length: 64\r\nConnection: close\r\n\r\npartial");
+    resetOnClose(fd);
+  }
+  if (reply.kind == Kind::kAnswer || reply.kind == Kind::kTrickle ||
+      reply.kind == Kind::kHoldThenAnswer) {
+    answer(fd, reply);
   }
 }
 
@@ -185,48 +181,33 @@ bool QVTestHttpServer::waitReadable(int fd, std::chrono::milliseconds bound) con
   return ready > 0 && fds[0].revents && !fds[1].revents;
 }
 
-std::optional<QVRecordedRequest> QVTestHttpServer::readHead(int fd) {
-  std::string data;
+bool QVTestHttpServer::receive(int fd, std::string& data, size_t most) const {
   char buffer[65536];
-  size_t headEnd = std::string::npos;
-  while ((headEnd = data.find("\r\n\r\n")) == std::string::npos) {
-    if (data.size() > kMaxHeaderBytes || !waitReadable(fd, kIoBound)) return std::nullopt;
-    const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-    if (n <= 0) return std::nullopt;
-    data.append(buffer, static_cast<size_t>(n));
-  }
-  QVRecordedRequest request = parseHead(data.substr(0, headEnd + 4));
-  request.body = data.substr(headEnd + 4);
-  return request;
+  if (!waitReadable(fd, kIoBound)) return false;
+  const ssize_t n = ::recv(fd, buffer, std::min(most, sizeof buffer), 0);
+  if (n > 0) data.append(buffer, static_cast<size_t>(n));
+  return n > 0;
 }
 
-bool QVTestHttpServer::readBody(int fd, QVRecordedRequest& request, bool slowly) {
-  const size_t length =
-      std::strtoull(request.header("Content-Length").value_or("0").c_str(), nullptr, 10);
-  char buffer[65536];
-  const size_t piece = slowly ? QVTestReply::kTrickleBytes : sizeof buffer;
-  request.body.reserve(length);
-  while (request.body.size() < length) {
-    if (slowly) std::this_thread::sleep_for(QVTestReply::kTrickleGap);
-    if (!waitReadable(fd, kIoBound)) return false;
-    const ssize_t n = ::recv(fd, buffer, piece, 0);
-    if (n <= 0) return false;
-    request.body.append(buffer, static_cast<size_t>(n));
+bool QVTestHttpServer::readHead(int fd, QVRecordedRequest& request) const {
+  std::string data;
+  size_t end = 0;
+  while ((end = data.find("\r\n\r\n")) == std::string::npos) {
+    if (data.size() > kMaxHeaderBytes || !receive(fd, data, kMaxHeaderBytes)) return false;
   }
+  request = parseHead(data.substr(0, end + 4));
+  request.body = data.substr(end + 4);
   return true;
 }
 
-void QVTestHttpServer::answer(int fd, const QVTestReply& reply) {
-  std::string response = "HTTP/1.1 " + std::to_string(reply.status) + " Test\r\n";
-  for (const auto& [name, value] : reply.headers) response += name + ": " + value + "\r\n";
-  response += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
-  response += "Connection: close\r\n\r\n" + reply.body;
-  sendAll(fd, response);
-}
-
-bool QVTestHttpServer::nextReplyIs(QVTestReply::Kind kind) const {
-  std::lock_guard lock(mutex_);
-  return !replies_.empty() && replies_.front().kind == kind;
+bool QVTestHttpServer::readBody(int fd, QVRecordedRequest& request, bool slowly) const {
+  const size_t length =
+      std::strtoull(request.header("Content-Length").value_or("0").c_str(), nullptr, 10);
+  while (request.body.size() < length) {
+    if (slowly) std::this_thread::sleep_for(QVTestReply::kTrickleGap);
+    if (!receive(fd, request.body, slowly ? QVTestReply::kTrickleBytes : length)) return false;
+  }
+  return true;
 }
 
 QVTestReply QVTestHttpServer::nextReply() {
@@ -236,9 +217,5 @@ QVTestReply QVTestHttpServer::nextReply() {
   replies_.pop_front();
   return reply;
 }
-
-QVTestHttpServer::RefusingPort::RefusingPort() { fd_ = bindLoopback(port_, false); }
-
-QVTestHttpServer::RefusingPort::~RefusingPort() { ::close(fd_); }
 
 }  // namespace qv::test

@@ -67,9 +67,10 @@ struct QVTestReply {
 // Every wait is bounded, so a test that goes wrong still ends. A receive
 // buffer size, when given, keeps the kernel from taking in much more than
 // the server has read (a slow reader is then slow for the client too).
+// Made not listening, its port refuses connections until listen().
 class QVTestHttpServer {
  public:
-  explicit QVTestHttpServer(int receiveBufferBytes = 0);
+  explicit QVTestHttpServer(int receiveBufferBytes = 0, bool listening = true);
   ~QVTestHttpServer();
   QVTestHttpServer(const QVTestHttpServer&) = delete;
   QVTestHttpServer& operator=(const QVTestHttpServer&) = delete;
@@ -77,6 +78,7 @@ class QVTestHttpServer {
   int port() const { return port_; }
   std::string url(const std::string& target) const;
 
+  void listen();
   void addReply(QVTestReply reply);
   // Lets a kHoldThenAnswer reply go.
   void release();
@@ -86,30 +88,17 @@ class QVTestHttpServer {
   QVRecordedRequest request(size_t index) const;
   bool waitForRequests(size_t count, std::chrono::seconds bound = std::chrono::seconds(30)) const;
 
-  // A port on 127.0.0.1 that refuses connections for as long as the object
-  // lives (bound, never listening).
-  class RefusingPort {
-   public:
-    RefusingPort();
-    ~RefusingPort();
-    RefusingPort(const RefusingPort&) = delete;
-    RefusingPort& operator=(const RefusingPort&) = delete;
-    int port() const { return port_; }
-
-   private:
-    int fd_ = -1;
-    int port_ = 0;
-  };
-
  private:
   void serve();
   void handle(int fd);
-  // The head, with whatever part of the body came along with it.
-  std::optional<QVRecordedRequest> readHead(int fd);
-  bool readBody(int fd, QVRecordedRequest& request, bool slowly);
-  bool nextReplyIs(QVTestReply::Kind kind) const;
+  // The head, with whatever part of the body came along with it, then as
+  // much body as Content-Length says (slowly: kTrickleBytes at a time,
+  // kTrickleGap apart); false when the client stops sending first.
+  bool readHead(int fd, QVRecordedRequest& request) const;
+  bool readBody(int fd, QVRecordedRequest& request, bool slowly) const;
+  // Appends what one read brings, at most that many bytes.
+  bool receive(int fd, std::string& data, size_t most) const;
   bool waitReadable(int fd, std::chrono::milliseconds bound) const;
-  void answer(int fd, const QVTestReply& reply);
   QVTestReply nextReply();
 
   int listenFd_ = -1;

@@ -7,8 +7,8 @@
 #include "QVCollectorQuery.h"
 #include "qvcore/model/QVCoreExtensions.h"
 #include "qvcore/model/QVQueue.h"
-#include "qvcore/queue/QVDataCompression.h"
 #include "support/QVFieldsMessage.h"
+#include "support/QVGzip.h"
 
 namespace qv::collector {
 namespace {
@@ -25,18 +25,14 @@ std::string libraryPayload() {
   return queue->toJson();
 }
 
-std::string zlibDeflate(const std::string& in, int windowBits) {
-  z_stream z{};
-  deflateInit2(&z, Z_DEFAULT_COMPRESSION, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY);
-  std::string out(deflateBound(&z, in.size()), '\0');
-  z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
-  z.avail_in = static_cast<uInt>(in.size());
-  z.next_out = reinterpret_cast<Bytef*>(out.data());
-  z.avail_out = static_cast<uInt>(out.size());
-  deflate(&z, Z_FINISH);
-  out.resize(z.total_out);
-  deflateEnd(&z);
-  return out;
+// The zlib stream of in (RFC 1950), or without its two-byte head and
+// four-byte check the raw deflate stream (RFC 1951).
+std::string zlibStream(const std::string& in, bool raw = false) {
+  std::string out(compressBound(in.size()), '\0');
+  uLongf size = out.size();
+  compress(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(in.data()),
+           in.size());
+  return raw ? out.substr(2, size - 6) : out.substr(0, size);
 }
 
 QVCollectorDecoded post(std::string body, const std::string& encoding = "") {
@@ -45,10 +41,9 @@ QVCollectorDecoded post(std::string body, const std::string& encoding = "") {
   return QVCollectorDecoder::decode(request);
 }
 
-// Kind, problem, messages, sizes and whether the inflated body was kept.
+// Kind, problem, messages and whether the inflated body was kept.
 std::string show(const QVCollectorDecoded& d) {
-  return d.kind + " [" + d.problem + "] " + std::to_string(d.messages) + " " +
-         std::to_string(d.rawBytes) + ">" + std::to_string(d.decodedBytes) +
+  return d.kind + " [" + d.problem + "] " + std::to_string(d.messages) +
          (d.inflated ? " inflated" : "");
 }
 
@@ -56,53 +51,44 @@ QVCollectorDecoded get(const std::string& query) {
   return QVCollectorDecoder::decode({"GET", "/collect", query, {}, ""});
 }
 
-TEST(QVCollectorDecoderTest, GzipDeflateAndPlainBodiesAllDecodeToTheLibrarysPayload) {
+// Rows of bodies and their Content-Encoding: what each decodes to (kind,
+// problem, messages) and whether the decoder kept what it inflated.
+TEST(QVCollectorDecoderTest, BodiesDecodeAsTheirEncodingSaysOrAreKeptWithTheReason) {
   const std::string json = libraryPayload();
-  const std::string gzip = *QVDataCompression::compressData(std::make_shared<std::string>(json));
-  const struct {
-    std::string encoding, body;
-  } cases[] = {{"", json},
-               {"gzip", gzip},
-               {" GZip ", gzip},
-               {"x-gzip", gzip},
-               {"deflate", zlibDeflate(json, 15)},
-               {"deflate", zlibDeflate(json, -15)},
-               // Concatenated members are one body.
-               {"gzip", zlibDeflate(json.substr(0, 10), 31) + zlibDeflate(json.substr(10), 31)}};
-  for (const auto& each : cases) {
-    const QVCollectorDecoded decoded = post(each.body, each.encoding);
-    EXPECT_EQ(show(decoded), "json [] 3 " + std::to_string(each.body.size()) + ">" +
-                                 std::to_string(json.size()) +
-                                 (each.encoding.empty() ? "" : " inflated"))
-        << each.encoding;
-    EXPECT_EQ(decoded.inflated.value_or(json), json);
-  }
-}
-
-TEST(QVCollectorDecoderTest, UnreadableBodiesAreKeptAndMarkedWithTheReason) {
-  const std::string json = libraryPayload();
-  std::string gzip = *QVDataCompression::compressData(std::make_shared<std::string>(json));
+  const std::string gzip = test::gzip(json);
   std::string damaged = gzip;
   for (size_t i = 12; i < 40; ++i) damaged[i] = static_cast<char>(~damaged[i]);
+  const std::string good = "json [] 3 inflated";
   const struct {
-    std::string encoding, body, problem;
-  } cases[] = {
-      {"gzip", damaged, "gzip stream is damaged"},
-      {"gzip", gzip.substr(0, gzip.size() / 2), "gzip stream is truncated"},
-      {"gzip", json, "gzip stream is damaged"},
-      {"deflate", "\x01\x02\x03", "deflate stream is damaged"},
-      {"br", json, "content encoding \"br\" is not supported"},
-      {"", "{\"messageVersion\": ", "body is not JSON (at byte "},
-      {"", std::string(600, '[') + std::string(600, ']'), "body nests deeper than 512 levels"}};
-  for (const auto& each : cases) {
-    const QVCollectorDecoded d = post(each.body, each.encoding);
-    EXPECT_EQ(d.kind + " " + d.problem.substr(0, each.problem.size()) + " " +
-                  std::to_string(d.messages) + (d.inflated ? " inflated" : ""),
-              "bytes " + each.problem + " 0");
+    std::string encoding, body, decoded;
+  } rows[] = {
+      {"", json, "json [] 3"},
+      {"", "", "empty [request has neither a body nor a query] 0"},
+      {"gzip", gzip, good},
+      {" GZip ", gzip, good},
+      {"x-gzip", gzip, good},
+      {"deflate", zlibStream(json), good},
+      {"deflate", zlibStream(json, true), good},
+      // Concatenated members are one body.
+      {"gzip", test::gzip(json.substr(0, 10)) + test::gzip(json.substr(10)), good},
+      {"gzip", damaged, "bytes [gzip stream is damaged] 0"},
+      {"gzip", gzip.substr(0, gzip.size() / 2), "bytes [gzip stream is truncated] 0"},
+      {"gzip", json, "bytes [gzip stream is damaged] 0"},
+      {"deflate", "\x01\x02\x03", "bytes [deflate stream is damaged] 0"},
+      {"br", json, "bytes [content encoding \"br\" is not supported] 0"},
+      {"", "{\"messageVersion\": ", "bytes [body is not JSON (at byte 20)] 0"},
+      {"", std::string(600, '[') + std::string(600, ']'),
+       "bytes [body nests deeper than 512 levels] 0"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.encoding + " " + row.decoded);
+    const QVCollectorDecoded d = post(row.body, row.encoding);
+    EXPECT_EQ(show(d), row.decoded);
+    EXPECT_EQ(std::to_string(d.rawBytes) + ">" + std::to_string(d.decodedBytes),
+              std::to_string(row.body.size()) + ">" +
+                  std::to_string(d.kind == "json" ? json.size() : row.body.size()));
+    EXPECT_EQ(d.inflated.value_or(json), json);
   }
-  const QVCollectorDecoded nothing = QVCollectorDecoder::decode({"GET", "/", "", {}, ""});
-  EXPECT_EQ(nothing.kind, "empty");
-  EXPECT_NE(nothing.problem, "");
 }
 
 TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeFrom) {
@@ -110,7 +96,7 @@ TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeF
   // numbers not.
   const QVValue payload = QVValue::parse(libraryPayload());
   const QVCollectorDecoded whole = get(QVCoreExtensions::urlEncodedString(payload));
-  EXPECT_EQ(show(whole).substr(0, 16), "urlencoded [] 3 ");
+  EXPECT_EQ(show(whole), "urlencoded [] 3");
   EXPECT_EQ(QVValue::parse(*whole.queryFields), payload);
 
   const QVValue message = {{"offset", 7},      {"name", "Home Page & more"},
@@ -119,7 +105,7 @@ TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeF
                            {"list", {1, "x"}}, {"obj", {{"k", "v&w/x=y"}}},
                            {"none", nullptr}};
   const QVCollectorDecoded one = get(QVCoreExtensions::urlEncodedString(message));
-  EXPECT_EQ(show(one).substr(0, 16), "urlencoded [] 1 ");
+  EXPECT_EQ(show(one), "urlencoded [] 1");
   EXPECT_EQ(QVValue::parse(*one.queryFields), message);
 
   EXPECT_EQ(QVValue::parse(*get("k=1&&k=%zz&k&=v&%4").queryFields),
@@ -129,38 +115,41 @@ TEST(QVCollectorDecoderTest, UrlEncodedQueryReadsBackIntoTheDictionaryItWasMadeF
             "query holds neither a payload (sessions) nor a message (offset)");
 }
 
+// Rows of one change each to the library's payload: a value set at a JSON
+// pointer, or the key there removed (a null value).
 TEST(QVCollectorDecoderTest, PayloadCheckNamesEachWayAPayloadStraysFromTheFormat) {
   const QVValue good = QVValue::parse(libraryPayload());
+  const std::string env = "/sessions/0/clientEnvironment";
   const struct {
-    std::function<void(QVValue&)> change;
+    std::string pointer;
+    QVValue value;
     std::string problem;
-  } cases[] = {
-      {[](QVValue& p) { p.erase("messageVersion"); }, "missing key messageVersion"},
-      {[](QVValue& p) { p["messageVersion"] = "5.0"; },
-       "messageVersion is \"5.0\", not \"6.0.0.0\""},
-      {[](QVValue& p) { p["serialNumber"] = "1"; }, "serialNumber is not an integer"},
-      {[](QVValue& p) { p["sessions"] = QVValue::object(); }, "sessions is not an array"},
-      {[](QVValue& p) { p["extra"] = 1; }, "unexpected key \"extra\""},
-      {[](QVValue& p) { p["sessions"][1] = 5; }, "sessions[1]: is not an object"},
-      {[](QVValue& p) { p["sessions"][0].erase("startTime"); },
-       "sessions[0]: missing key startTime"},
-      {[](QVValue& p) { p["sessions"][0]["id"] = 3; }, "sessions[0]: id is not a string"},
-      {[](QVValue& p) { p["sessions"][0]["clientEnvironment"]["width"] = "750"; },
-       "sessions[0].clientEnvironment: width is not a number"},
-      {[](QVValue& p) {
-         p["sessions"][0]["clientEnvironment"]["mobileEnvironment"]["appName"] = 1;
-       },
+  } rows[] = {
+      {"/messageVersion", nullptr, "missing key messageVersion"},
+      {"/messageVersion", "5.0", "messageVersion is \"5.0\", not \"6.0.0.0\""},
+      {"/serialNumber", "1", "serialNumber is not an integer"},
+      {"/sessions", QVValue::object(), "sessions is not an array"},
+      {"/extra", 1, "unexpected key \"extra\""},
+      {"/sessions/1", 5, "sessions[1]: is not an object"},
+      {"/sessions/0/startTime", nullptr, "sessions[0]: missing key startTime"},
+      {"/sessions/0/id", 3, "sessions[0]: id is not a string"},
+      {env + "/width", "750", "sessions[0].clientEnvironment: width is not a number"},
+      {env + "/mobileEnvironment/appName", 1,
        "sessions[0].clientEnvironment.mobileEnvironment: appName is not a string"},
-      {[](QVValue& p) { p["sessions"][0]["messages"][1].erase("offset"); },
-       "sessions[0].messages[1]: missing key offset"},
-      {[](QVValue& p) { p["sessions"][0]["messages"][0]["offset"] = -1; },
+      {"/sessions/0/messages/1/offset", nullptr, "sessions[0].messages[1]: missing key offset"},
+      {"/sessions/0/messages/0/offset", -1,
        "sessions[0].messages[0]: offset is not an unsigned integer"},
   };
-  for (const auto& each : cases) {
+  for (const auto& row : rows) {
     QVValue payload = good;
-    each.change(payload);
+    const QVValue::json_pointer at(row.pointer);
+    if (row.value.is_null()) {
+      payload[at.parent_pointer()].erase(at.back());
+    } else {
+      payload[at] = row.value;
+    }
     const QVCollectorDecoded decoded = post(payload.dump());
-    EXPECT_EQ(decoded.kind + ": " + decoded.problem, "json: " + each.problem);
+    EXPECT_EQ(decoded.kind + ": " + decoded.problem, "json: " + row.problem);
   }
   // Many problems: the first five, then a count.
   QVValue many = good;
