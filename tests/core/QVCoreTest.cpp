@@ -252,8 +252,6 @@ TEST_F(QVCoreTest, IdsAreMadeOnceAndPendingItemsAreTakenOnce) {
 // are not repeated here.
 TEST_F(QVCoreTest, AdvertisingIdAndUserAgentAreKeptByTheEnvironmentalService) {
   auto environment = QVEnvironmentalSerivce::sharedInstance();
-  EXPECT_TRUE(core_->setQVAdvertisingId("ad-7"));
-  EXPECT_EQ(environment->vepAdvertisingIdFromCustomer(), "ad-7");
   EXPECT_TRUE(core_->setQVAdvertisingId(std::nullopt));
   EXPECT_EQ(core_->getQVAdvertisingId(), "N/A");
   environment->setVepAdvertisingIdFromCustomer(std::nullopt);

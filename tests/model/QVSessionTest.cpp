@@ -2,9 +2,7 @@
 // environment that it carries.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
-#include <thread>
 
 #include "qvcore/core/QVCore.h"
 #include "qvcore/environment/QVEnvironmentalSerivce.h"
@@ -124,27 +122,6 @@ TEST(QVSessionTest, TextIsTheTreesJsonWithBadValuesMended) {
     }
     EXPECT_EQ(read["messages"], want) << out;
   }
-}
-
-// Adders race with the close; whatever was accepted is serialised, nothing
-// refused is.
-TEST(QVSessionTest, AddsRacingWithCloseAreEitherKeptOrRefused) {
-  auto session = QVSession::initWithSessionID("S1");
-  std::atomic<int> accepted{0};
-  std::vector<std::thread> adders;
-  for (int t = 0; t < 4; ++t) {
-    adders.emplace_back([&, t] {
-      for (uint64_t i = 0; i < 2000; ++i)
-        accepted += session->addMessage(messageWithOffset(t * 10000 + i));
-    });
-  }
-  while (session->messageCount() < 100) std::this_thread::yield();
-  session->close();
-  const QVValue closedForm = session->jsonSerializedMessages();
-  for (auto& adder : adders) adder.join();
-  EXPECT_FALSE(session->addMessage(messageWithOffset(1)));
-  EXPECT_EQ(closedForm.size(), static_cast<size_t>(accepted.load()));
-  EXPECT_EQ(session->jsonSerializedMessages(), closedForm);
 }
 
 // Pixels are the points times the density, each the float nearest to it

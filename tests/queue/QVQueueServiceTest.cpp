@@ -17,7 +17,6 @@
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
 #include "qvcore/queue/QVServerConnection.h"
-#include "support/QVGzip.h"
 #include "support/QVQueueServiceTestSupport.h"
 
 namespace qv {
@@ -101,34 +100,7 @@ TEST_F(QVQueueServiceTest, UrlEncodedQueuesPostEachMessageInSessionThenMessageOr
   EXPECT_EQ(posts(), "http://c.test/e?offset=1|") << "one at a time";
   for (size_t i = 0; i < 3; ++i) session->completeWithStatus(i, 200);
   EXPECT_EQ(posts(), "http://c.test/e?offset=1|http://c.test/e?offset=3|http://c.test/e?offset=2|");
-  EXPECT_FALSE(session->task(0).upload);
   EXPECT_EQ(service->completedFlushCycles(), 1u);
-}
-
-// Which form is shorter is worked out here with zlib itself; the body sent
-// must be that form, and must decode to the body given. (A flushed payload
-// is compressed while it is written: QVDataCompressionTest holds that this
-// gives the same bytes, the soak run that servers read them.)
-TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
-  std::string large, noise;
-  for (int i = 0; i < 100; ++i) large += R"({"screen":"Checkout","n":)" + std::to_string(i) + "},";
-  for (unsigned i = 0; i < 1000; ++i) noise += static_cast<char>((i * 2654435761u) >> 13);
-  for (bool on : {false, true}) {
-    setItems("QVCore", {{"CompressPostMessage", on}});
-    for (const std::string& text : {large, std::string("{}"), std::string(60, 'a'), noise}) {
-      SCOPED_TRACE(::testing::Message() << "on " << on << ", " << text.size() << " bytes");
-      auto request = std::make_shared<QVMutableURLRequest>("http://c.test/");
-      request->setValueForHTTPHeaderField(std::to_string(text.size()), "Content-Length");
-      request->setHTTPBody(text);
-      EXPECT_EQ(service->beforeFlushingRequestForQueue(request, nullptr), request);
-      const std::string gzip = test::gzip(text);
-      const bool gzipped = on && gzip.size() < text.size();
-      const std::string sent = gzipped ? gzip : text;
-      EXPECT_EQ(*request->HTTPBody(), sent);
-      EXPECT_EQ(test::headersOf(*request), "Content-Length: " + std::to_string(sent.size()) + "|" +
-                                               (gzipped ? "Content-Encoding: gzip|" : ""));
-    }
-  }
 }
 
 TEST_F(QVQueueServiceTest, TheTimerRunsOnlyForIntervalPostingAndFlushesOnTheEnablingLoop) {

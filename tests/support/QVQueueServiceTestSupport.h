@@ -14,7 +14,6 @@
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVHttpSession.h"
-#include "qvcore/platform/QVMutableURLRequest.h"
 #include "qvcore/queue/QVQueueService.h"
 #include "support/QVFakeHttpSession.h"
 #include "support/QVFieldsMessage.h"
@@ -34,13 +33,6 @@ inline Offsets offsetsIn(const std::string& payload) {
     for (const auto& message : session["messages"]) offsets.push_back(message["offset"]);
   }
   return offsets;
-}
-
-// "name: value|" for each header of a request, in order.
-inline std::string headersOf(const QVMutableURLRequest& request) {
-  std::string text;
-  for (const auto& [name, value] : request.allHTTPHeaderFields()) text += name + ": " + value + "|";
-  return text;
 }
 
 inline std::vector<std::string> namesIn(const std::string& folder) {
