@@ -49,8 +49,8 @@ class QVDataCompressionTest : public ::testing::Test {
 };
 
 // A large payload needs more than one step of the output buffer; a tiny one
-// comes out longer; there is no file name nor time stamp in the header.
-TEST_F(QVDataCompressionTest, OutputInflatesBackAndUsesGzipDefaultsAndAFailureGivesTheInputBack) {
+// comes out longer.
+TEST_F(QVDataCompressionTest, OutputInflatesBackAndAFailureGivesTheInputBack) {
   std::string json = "[";
   for (unsigned i = 0; json.size() < 400 * 1024; ++i)
     json += R"({"screen":"Checkout","n":)" + std::to_string(i * 2654435761u % 99991) + "},";
@@ -59,7 +59,6 @@ TEST_F(QVDataCompressionTest, OutputInflatesBackAndUsesGzipDefaultsAndAFailureGi
   EXPECT_GT(output->size(), 16384u);
   EXPECT_LT(output->size(), json.size());
   EXPECT_EQ(test::gunzip(*output), json);
-  EXPECT_EQ(output->substr(3, 5), std::string(5, '\0'));
   EXPECT_EQ(calls.end.load(), 0);  // a finished stream is ended by zlib directly
 
   const Bytes one = QVDataCompression::compressData(bytes("x"));

@@ -24,6 +24,12 @@ namespace qv::test {
 
 using Offsets = std::vector<uint64_t>;
 
+// The text of a queue with no sessions, as the service writes it.
+inline std::string queueText(int serialNumber) {
+  return R"({"messageVersion":"6.0.0.0","serialNumber":)" + std::to_string(serialNumber) +
+         R"(,"sessions":[]})";
+}
+
 // The offsets of a queue payload's messages, session by session.
 inline Offsets offsetsIn(const std::string& payload) {
   Offsets offsets;
