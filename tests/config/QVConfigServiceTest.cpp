@@ -147,7 +147,6 @@ TEST_F(QVConfigServiceTest, UnreadableOrMisshapenFilesAddNothing) {
   for (const auto& [plistBytes, jsonBytes] :
        Files{{"<plist><dict><key>P</key>", json},  // truncated XML
              {binary, R"({"J": )"},                // malformed JSON
-             {binary, "{\"J\": \"\xff\xfe\"}"},    // not UTF-8
              {binary, "3"},                        // a bare number
              {binary, "[1, 2]"}}) {                // not a dictionary
     auto m = moduleWith(plistBytes, jsonBytes);
@@ -246,13 +245,13 @@ QVValue read(S& service) {
   }
 }
 
-// One accessor of each kind of conversion (a whole number, a fraction, a
-// negative number, a text that may be absent) with its key, default and a
-// value that differs from it; the others are the same one-line reads of other
-// keys. Those whose value takes effect are held there: manual and interval
-// posting, compression and caching (QVQueueServiceTest, QVDeliveryLedgerTest),
-// the Wi-Fi level (QVCoreTest), the lifecycle flags and the orientation item
-// (tests/environment).
+// One accessor of each kind of conversion (a flag, a whole number, a
+// fraction, a negative number, a text that may be absent) with its key,
+// default and a value that differs from it; the others are the same one-line
+// reads of other keys. Those whose value takes effect are held there: manual
+// and interval posting, compression and caching (QVQueueServiceTest,
+// QVDeliveryLedgerTest), the Wi-Fi level (QVCoreTest), the to-background flag
+// and the orientation item (tests/environment).
 struct Accessor {
   const char* key;
   QVValue (*read)(S&);
@@ -260,6 +259,7 @@ struct Accessor {
 };
 const Accessor kAccessors[] = {
     {"PostMessageLevelCellular", read<&S::postMessageLevelCellular>, 3, 1},
+    {"DoPostAppComesFromBackground", read<&S::isDoPostAppComesFromBackgroundEnabled>, false, true},
     {"PostMessageTimeIntervals", read<&S::postMessageTimeIntervals>, 30, 12.5},
     {"CriticalBatteryLevel", read<&S::criticalBatteryLevel>, 0.2, 0.1},
     {"LibraryVersion", read<&S::libraryVersion>, nullptr, "1.0"},

@@ -65,6 +65,9 @@ TEST(QVSessionTest, PayloadEntryHasItsKeysInOrderAndItsAcceptedMessages) {
   anonymous.setCoreSessionID(std::nullopt);
   EXPECT_EQ(shape(anonymous.jsonDictionary()),
             R"({"startTime":null,"clientEnvironment":null,"messages":[]})");
+  // A message that cannot describe itself ends the entry, without throwing.
+  anonymous.addMessage(std::make_shared<test::QVFailingMessage>());
+  EXPECT_EQ(shape(anonymous.jsonDictionary()), R"({"startTime":null,"clientEnvironment":null})");
 }
 
 // The streamed text is the tree's JSON text, byte for byte, whatever the
