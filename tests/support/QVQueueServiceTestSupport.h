@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "qvcore/config/QVConfigService.h"
-#include "qvcore/model/QVMessage.h"
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVHttpSession.h"
