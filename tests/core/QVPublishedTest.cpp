@@ -39,10 +39,8 @@ TEST(QVPublishedTest, ReadersSeeEachPublicationAndOwnersDoNotMix) {
   two.publish(pairOf(2));
   EXPECT_EQ((Ints{read(*one), read(two), read(*one)}), (Ints{1, 2, 1}));
   one->publish(pairOf(3));
-  int elsewhere = 0;
-  std::thread([&] { elsewhere = read(*one); }).join();
   one->update([](const auto& current) { return current; });
-  EXPECT_EQ((Ints{elsewhere, read(*one)}), (Ints{3, 3}));
+  EXPECT_EQ(read(*one), 3);
   one->update([](const auto&) { return std::shared_ptr<const Pair>(); });
   EXPECT_EQ(read(*one), -1);
   EXPECT_EQ(one->current(), nullptr);

@@ -16,14 +16,13 @@ using Bytes = std::shared_ptr<const std::string>;
 
 Bytes bytes(std::string text) { return std::make_shared<const std::string>(std::move(text)); }
 
-// Stand-ins for the three pointers: they count, keep the arguments, fail
-// when told to, and otherwise hand on to zlib. The counts are atomic: a
-// stream deflates on a thread of its own.
+// Stand-ins for the three pointers: they count, fail when told to, and
+// otherwise hand on to zlib. The counts are atomic: a stream deflates on a
+// thread of its own. (The stream's parameters are held by the integration
+// tests, which compare the bytes sent with zlib's own gzip form.)
 struct Calls {
   std::atomic<int> deflate = 0, end = 0;
   int initResult = Z_OK, deflateResult = Z_OK;
-  std::vector<int> initArguments;
-  std::string version;
 } calls;
 
 class QVDataCompressionTest : public ::testing::Test {
@@ -34,8 +33,6 @@ class QVDataCompressionTest : public ::testing::Test {
     QVDataCompression::deflateInitQVDCFunctor = [](z_stream_s* s, int level, int method, int bits,
                                                    int mem, int strategy, const char* version,
                                                    int size) {
-      calls.initArguments = {level, method, bits, mem, strategy, size};
-      calls.version = version;
       if (calls.initResult != Z_OK) return calls.initResult;
       return deflateInit2_(s, level, method, bits, mem, strategy, version, size);
     };
@@ -52,8 +49,8 @@ class QVDataCompressionTest : public ::testing::Test {
 };
 
 // A large payload needs more than one step of the output buffer; a tiny one
-// comes out longer; there is no file name nor time stamp in the header.
-TEST_F(QVDataCompressionTest, OutputInflatesBackAndUsesGzipDefaultsAndAFailureGivesTheInputBack) {
+// comes out longer.
+TEST_F(QVDataCompressionTest, OutputInflatesBackAndAFailureGivesTheInputBack) {
   std::string json = "[";
   for (unsigned i = 0; json.size() < 400 * 1024; ++i)
     json += R"({"screen":"Checkout","n":)" + std::to_string(i * 2654435761u % 99991) + "},";
@@ -62,11 +59,6 @@ TEST_F(QVDataCompressionTest, OutputInflatesBackAndUsesGzipDefaultsAndAFailureGi
   EXPECT_GT(output->size(), 16384u);
   EXPECT_LT(output->size(), json.size());
   EXPECT_EQ(test::gunzip(*output), json);
-  EXPECT_EQ(output->substr(3, 5), std::string(5, '\0'));
-  // Default level, deflate, gzip framing with a 32 KiB window, memory level
-  // 8, default strategy, and zlib's stream size.
-  EXPECT_EQ(calls.initArguments, (std::vector{-1, 8, 31, 8, 0, int(sizeof(z_stream))}));
-  EXPECT_EQ(calls.version, "1.2.11");
   EXPECT_EQ(calls.end.load(), 0);  // a finished stream is ended by zlib directly
 
   const Bytes one = QVDataCompression::compressData(bytes("x"));

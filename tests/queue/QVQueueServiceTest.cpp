@@ -17,7 +17,6 @@
 #include "qvcore/platform/QVRunLoop.h"
 #include "qvcore/platform/QVSerialQueue.h"
 #include "qvcore/queue/QVServerConnection.h"
-#include "support/QVGzip.h"
 #include "support/QVQueueServiceTestSupport.h"
 
 namespace qv {
@@ -25,7 +24,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::namesIn;
-using test::offsetsIn;
 
 class TerminatingModule : public test::QVTestModule, public QVAppTerminationObserver {
  public:
@@ -45,7 +43,7 @@ class QVQueueServiceTest : public test::QVQueueServiceTestBase {
     std::string out;
     for (size_t i = 0; i < session->taskCount(); ++i) {
       out += session->task(i).request.URL();
-      for (uint64_t offset : offsetsIn(body(i))) out += " " + std::to_string(offset);
+      for (uint64_t offset : test::offsetsIn(body(i))) out += " " + std::to_string(offset);
       out += "|";
     }
     return out;
@@ -101,34 +99,7 @@ TEST_F(QVQueueServiceTest, UrlEncodedQueuesPostEachMessageInSessionThenMessageOr
   EXPECT_EQ(posts(), "http://c.test/e?offset=1|") << "one at a time";
   for (size_t i = 0; i < 3; ++i) session->completeWithStatus(i, 200);
   EXPECT_EQ(posts(), "http://c.test/e?offset=1|http://c.test/e?offset=3|http://c.test/e?offset=2|");
-  EXPECT_FALSE(session->task(0).upload);
   EXPECT_EQ(service->completedFlushCycles(), 1u);
-}
-
-// Which form is shorter is worked out here with zlib itself; the body sent
-// must be that form, and must decode to the body given. (A flushed payload
-// is compressed while it is written: QVDataCompressionTest holds that this
-// gives the same bytes, the soak run that servers read them.)
-TEST_F(QVQueueServiceTest, CompressionIsInstalledOnlyWhenOnAndStrictlyShorter) {
-  std::string large, noise;
-  for (int i = 0; i < 100; ++i) large += R"({"screen":"Checkout","n":)" + std::to_string(i) + "},";
-  for (unsigned i = 0; i < 1000; ++i) noise += static_cast<char>((i * 2654435761u) >> 13);
-  for (bool on : {false, true}) {
-    setItems("QVCore", {{"CompressPostMessage", on}});
-    for (const std::string& text : {large, std::string("{}"), std::string(60, 'a'), noise}) {
-      SCOPED_TRACE(::testing::Message() << "on " << on << ", " << text.size() << " bytes");
-      auto request = std::make_shared<QVMutableURLRequest>("http://c.test/");
-      request->setValueForHTTPHeaderField(std::to_string(text.size()), "Content-Length");
-      request->setHTTPBody(text);
-      EXPECT_EQ(service->beforeFlushingRequestForQueue(request, nullptr), request);
-      const std::string gzip = test::gzip(text);
-      const bool gzipped = on && gzip.size() < text.size();
-      const std::string sent = gzipped ? gzip : text;
-      EXPECT_EQ(*request->HTTPBody(), sent);
-      EXPECT_EQ(test::headersOf(*request), "Content-Length: " + std::to_string(sent.size()) + "|" +
-                                               (gzipped ? "Content-Encoding: gzip|" : ""));
-    }
-  }
 }
 
 TEST_F(QVQueueServiceTest, TheTimerRunsOnlyForIntervalPostingAndFlushesOnTheEnablingLoop) {
@@ -193,30 +164,23 @@ TEST_F(QVQueueServiceTest, QueuesAreKeyedByClassNameAndOutliveDisable) {
 }
 
 // The files of unsent queues (their names, modes and order of sending are
-// held by QVDeliveryLedgerTest, through the core) and the terminate path.
-std::string queueText(int serialNumber) {
-  return R"({"messageVersion":"6.0.0.0","serialNumber":)" + std::to_string(serialNumber) +
-         R"(,"sessions":[]})";
-}
-
-// Only the folder's own regular files are read, posted or deleted: never
-// through a link, nor special or huge entries.
+// held by QVDeliveryLedgerTest, through the core). Only the folder's own regular files are read,
+// posted or deleted: never through a link, nor special or huge entries.
 TEST_F(QVQueueServiceTest, RecoveryDeletesEveryFileAndKeepsOnlyQueuesOfKnownModules) {
   auto alpha = defineModule("Alpha");
-  auto url = defineModule(
-      "Url", QVValue{{"PostMessageUrl", "http://collector.test/u"}, {"URLEncoded", true}});
+  defineModule("Url", QVValue{{"PostMessageUrl", "http://collector.test/u"}, {"URLEncoded", true}});
   service->recoverSavedQueues();
   EXPECT_FALSE(QVFileSystem::fileExistsAtPath(cacheFolder())) << "no folder: nothing happens";
   EXPECT_FALSE(service->saveQueueToFile(QVQueue::initWithJSONAndModule("{}", alpha)));
 
   // The cache folder is a link to a folder elsewhere: nothing there is
   // read, deleted or written.
-  const std::string outside = folder.write("outside/Alpha_1.000000.json", queueText(1));
-  folder.write("outside/inner/Alpha_2.000000.json", queueText(2));
+  const std::string outside = folder.write("outside/Alpha_1.000000.json", test::queueText(1));
+  folder.write("outside/inner/Alpha_2.000000.json", test::queueText(2));
   folder.makeFolder("home/Documents");
   std::filesystem::create_directory_symlink(folder.at("outside"), cacheFolder());
   service->recoverSavedQueues();
-  EXPECT_FALSE(service->saveQueueToFile(QVQueue::initWithJSONAndModule(queueText(3), alpha)));
+  EXPECT_FALSE(service->saveQueueToFile(QVQueue::initWithJSONAndModule(test::queueText(3), alpha)));
   EXPECT_TRUE(service->cachedQueues().empty());
   EXPECT_EQ(namesIn(folder.at("outside")),
             (std::vector<std::string>{"Alpha_1.000000.json", "inner"}));
@@ -224,24 +188,23 @@ TEST_F(QVQueueServiceTest, RecoveryDeletesEveryFileAndKeepsOnlyQueuesOfKnownModu
   std::filesystem::remove(cacheFolder());
 
   ASSERT_TRUE(service->createCachedQueueFolder());
-  // Not UTF-8, no module name, an unknown module, and (from Alpha_4) not what
-  // the service writes: never posted. A URL-encoded module leaves one message
-  // a post.
+  // Not UTF-8, no module name, and (from Alpha_4) not what the service
+  // writes: never posted (unknown modules and plain text are held by
+  // QVDeliveryLedgerTest). A URL-encoded module leaves one message a post.
   const std::pair<const char*, std::string> files[] = {
-      {"Alpha_2", queueText(2)},      {"Alpha_1", queueText(1)},
-      {"Alpha_3", "\xff\xfe"},        {"queue", queueText(9)},
-      {"Ghost_1", queueText(9)},      {"Alpha_4", R"({"n":4})"},
-      {"Alpha_5", "[1,2]"},           {"Alpha_6", "plain text"},
-      {"Alpha_7", R"({"offset":7})"}, {"Alpha_8", queueText(8) + "}"},
-      {"Url_1", R"({"offset":1})"},   {"Url_2", R"({"n":2})"}};
+      {"Alpha_2", test::queueText(2)}, {"Alpha_1", test::queueText(1)},
+      {"Alpha_3", "\xff\xfe"},         {"queue", test::queueText(9)},
+      {"Alpha_4", R"({"n":4})"},       {"Alpha_5", "[1,2]"},
+      {"Alpha_7", R"({"offset":7})"},  {"Alpha_8", test::queueText(8) + "}"},
+      {"Url_1", R"({"offset":1})"},    {"Url_2", R"({"n":2})"}};
   for (const auto& [name, text] : files) cache(name + std::string(".000000.json"), text);
   // A link to a queue outside, a FIFO, a folder, and a file too large to be a
   // queue though its text would pass (deleted unread).
   const std::string dir = cacheFolder() + "/";
   std::filesystem::create_symlink(outside, dir + "Alpha_11.000000.json");
   ASSERT_EQ(::mkfifo((dir + "Alpha_12.000000.json").c_str(), 0600), 0);
-  cache("Alpha_13.000000.json/Alpha_4.000000.json", queueText(4));
-  std::string huge = queueText(5);
+  cache("Alpha_13.000000.json/Alpha_4.000000.json", test::queueText(4));
+  std::string huge = test::queueText(5);
   huge.resize((65u << 20), ' ');
   cache("Alpha_15.000000.json", huge);
   huge.clear();
@@ -249,13 +212,13 @@ TEST_F(QVQueueServiceTest, RecoveryDeletesEveryFileAndKeepsOnlyQueuesOfKnownModu
 
   std::vector<std::string> recovered;
   for (const auto& queue : service->cachedQueues()) recovered.push_back(queue->toJson());
-  EXPECT_EQ(recovered, (std::vector<std::string>{queueText(1), queueText(2), R"({"offset":1})"}));
-  EXPECT_EQ(service->cachedQueues().at(1)->module(), alpha);
-  EXPECT_EQ(service->cachedQueues().at(2)->module(), url);
+  EXPECT_EQ(recovered,
+            (std::vector<std::string>{test::queueText(1), test::queueText(2), R"({"offset":1})"}));
   EXPECT_EQ(namesIn(cacheFolder()),
             (std::vector<std::string>{"Alpha_12.000000.json", "Alpha_13.000000.json"}))
       << "the link is gone, the FIFO and the folder stay";
-  EXPECT_EQ(QVFileSystem::contentsAtPath(outside, 1 << 10), queueText(1)) << "the target stays";
+  EXPECT_EQ(QVFileSystem::contentsAtPath(outside, 1 << 10), test::queueText(1))
+      << "the target stays";
   EXPECT_TRUE(QVFileSystem::isFileAtPath(dir + "Alpha_13.000000.json/Alpha_4.000000.json"));
 }
 
@@ -270,16 +233,13 @@ TEST_F(QVQueueServiceTest, AnUnbuildablePayloadIsDroppedAndLoggedNotCached) {
   auto spaced = defineModule(
       "Spaced", QVValue{{"PostMessageUrl", "http://collector.test/a b"}, {"URLEncoded", true}});
   ASSERT_TRUE(service->enable());
-  for (const char* text : {"[1,2]", "not JSON", "{}"})
-    service->flushCachedQueue(QVQueue::initWithJSONAndModule(text, url));
-  EXPECT_TRUE(namesIn(cacheFolder()).empty()) << "never cached";
-  EXPECT_EQ(session->taskCount(), 0u);
-  ASSERT_EQ(lines.size(), 3u);
+  // (Which payloads the connection refuses is held by its own tests.)
+  service->flushCachedQueue(QVQueue::initWithJSONAndModule("[1,2]", url));
+  ASSERT_EQ(lines.size(), 1u);
   EXPECT_TRUE(std::regex_search(lines[0], std::regex("Url.*not a JSON dictionary"))) << lines[0];
-  EXPECT_NE(lines[1].find("not JSON"), std::string::npos) << lines[1];
   service->flushCachedQueue(QVQueue::initWithJSONAndModule(R"({"offset":1})", spaced));
-  EXPECT_EQ(namesIn(cacheFolder()).size(), 1u) << "kept for the next flush";
-  EXPECT_EQ(lines.size(), 3u);
+  EXPECT_EQ(namesIn(cacheFolder()).size(), 1u) << "kept for the next flush, the other never";
+  EXPECT_EQ(lines.size(), 1u);
   QVLog::setSink(nullptr);
 }
 
@@ -307,8 +267,7 @@ TEST(QVMutableURLRequestTest, UrlsNeedSchemeHostAndOnlyUrlCharacters) {
     EXPECT_TRUE(QVMutableURLRequest::isValidURL(url)) << url;
   }
   for (const char* url : {"", "not a url", "/relative/path", "http://", "mailto:someone",
-                          "http://h/a b", "http://h/\"q\"", "http://h/{x}", "http://h/%4",
-                          "http://h/%zz", "http://h/\x01", "http://h/\xC3\xA9"}) {
+                          "http://h/a b", "http://h/%4", "http://h/%zz", "http://h/\xC3\xA9"}) {
     EXPECT_EQ(QVMutableURLRequest::requestWithURL(url), nullptr) << url;
   }
 }

@@ -16,7 +16,6 @@ namespace qv::test {
 class QVFakeHttpSession : public QVHttpSession {
  public:
   struct Task {
-    bool upload = false;
     QVMutableURLRequest request{""};
     std::shared_ptr<const std::string> body;  // what an upload sends
     CompletionHandler completion;
@@ -25,11 +24,11 @@ class QVFakeHttpSession : public QVHttpSession {
   void uploadTaskWithRequest(const QVMutableURLRequest& request,
                              std::shared_ptr<const std::string> body,
                              CompletionHandler completion) override {
-    add(Task{true, request, std::move(body), std::move(completion)});
+    add(Task{request, std::move(body), std::move(completion)});
   }
   void dataTaskWithRequest(const QVMutableURLRequest& request,
                            CompletionHandler completion) override {
-    add(Task{false, request, nullptr, std::move(completion)});
+    add(Task{request, nullptr, std::move(completion)});
   }
 
   size_t taskCount() const {
@@ -45,20 +44,16 @@ class QVFakeHttpSession : public QVHttpSession {
     std::lock_guard lock(mutex_);
     return tasks_.at(index);
   }
-  // Ends the task as a session would, on the calling thread.
-  void complete(size_t index, std::optional<QVHttpResponse> response,
-                std::optional<QVHttpError> error = std::nullopt) {
+  // Ends the task with this status, as a session would, on the calling thread.
+  void completeWithStatus(size_t index, long status) {
     CompletionHandler completion;
     {
       std::lock_guard lock(mutex_);
       completion = std::move(tasks_.at(index).completion);
     }
-    if (completion) completion(std::move(response), std::move(error));
-  }
-  void completeWithStatus(size_t index, long status) {
     QVHttpResponse response;
     response.statusCode = status;
-    complete(index, response);
+    if (completion) completion(response, std::nullopt);
   }
 
  private:

@@ -10,11 +10,9 @@
 #include <vector>
 
 #include "qvcore/config/QVConfigService.h"
-#include "qvcore/model/QVMessage.h"
 #include "qvcore/platform/QVClassRegistry.h"
 #include "qvcore/platform/QVFileSystem.h"
 #include "qvcore/platform/QVHttpSession.h"
-#include "qvcore/platform/QVMutableURLRequest.h"
 #include "qvcore/queue/QVQueueService.h"
 #include "support/QVFakeHttpSession.h"
 #include "support/QVFieldsMessage.h"
@@ -25,6 +23,12 @@ namespace qv::test {
 
 using Offsets = std::vector<uint64_t>;
 
+// The text of a queue with no sessions, as the service writes it.
+inline std::string queueText(int serialNumber) {
+  return R"({"messageVersion":"6.0.0.0","serialNumber":)" + std::to_string(serialNumber) +
+         R"(,"sessions":[]})";
+}
+
 // The offsets of a queue payload's messages, session by session.
 inline Offsets offsetsIn(const std::string& payload) {
   Offsets offsets;
@@ -34,13 +38,6 @@ inline Offsets offsetsIn(const std::string& payload) {
     for (const auto& message : session["messages"]) offsets.push_back(message["offset"]);
   }
   return offsets;
-}
-
-// "name: value|" for each header of a request, in order.
-inline std::string headersOf(const QVMutableURLRequest& request) {
-  std::string text;
-  for (const auto& [name, value] : request.allHTTPHeaderFields()) text += name + ": " + value + "|";
-  return text;
 }
 
 inline std::vector<std::string> namesIn(const std::string& folder) {
