@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -139,9 +138,8 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
     std::string searched;  // "type domain" while searching
 
    private:
-    void tell(std::function<void(const std::shared_ptr<QVNetServiceBrowserDelegate>&,
-                                 const std::shared_ptr<Browser>&)>
-                  event) {
+    template <typename Event>
+    void tell(Event event) {
       auto self = std::static_pointer_cast<Browser>(shared_from_this());
       loop_.post([self, event] {
         if (auto delegate = self->delegate()) event(delegate, self);

@@ -35,9 +35,6 @@ constexpr const char* kCaBundle = "QVCORE_CA_BUNDLE";
 class TlsServer {
  public:
   explicit TlsServer(const std::string& certificatePath) {
-    for (const char* name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
-      ::unsetenv(name);
-    }
     const std::string key = certificatePath + ".key";
     const std::string command =
         "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 "
