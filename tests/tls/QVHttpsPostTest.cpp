@@ -3,14 +3,10 @@
 // session that trusts the certificate (QVCORE_CA_BUNDLE) carries it there.
 #include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <stdlib.h>
 
 #include <future>
-
-#ifndef CPPHTTPLIB_OPENSSL_SUPPORT
-#define CPPHTTPLIB_OPENSSL_SUPPORT
-#endif
-#include <httplib.h>
 
 #include "platform/http/QVCurlHttpSession.h"
 #include "qvcore/core/QVCore.h"
