@@ -38,11 +38,9 @@
 #include "support/QVTempFolder.h"
 
 using namespace std::chrono_literals;
-using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
 using ::testing::Not;
 using Event = qv::QVByteStream::Event;
 
@@ -155,10 +153,10 @@ TEST_F(VintraZANLogClientTest, TextsWaitSevenSecondsAndGoOutWholeAfterOneHeader)
   EXPECT_EQ(stream->written, "") << "nothing goes out before 7 seconds";
   pass(1ns);
   EXPECT_THAT(stream->written,
-              MatchesRegex("ZAN_SDK_START_NEW_RUN_FOR_APP\tDemo App\t"
-                           "[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3} [^ \t\n]+ on "
-                           "[0-9]{4}\\.[01][0-9]\\.[0-3][0-9]\none\n" +
-                           text));
+              ::testing::MatchesRegex("ZAN_SDK_START_NEW_RUN_FOR_APP\tDemo App\t"
+                                      "[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3} [^ \t\n]+ on "
+                                      "[0-9]{4}\\.[01][0-9]\\.[0-3][0-9]\none\n" +
+                                      text));
   EXPECT_THAT(stream->writerThreads, ::testing::Each(std::this_thread::get_id()));
 
   stream->written.clear();
@@ -447,9 +445,10 @@ void toolPrintsWhatAppsPost(Namespace& network, const std::string& tool) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
         << apps[i].name << " ended with " << status;
     const std::string log = Namespace::readFile(network.folder() + "/" + apps[i].name + ".log");
-    EXPECT_THAT(log, AllOf(HasSubstr("didFindService: "), HasSubstr("connected to: 10.231.0."),
-                           Not(HasSubstr("Stream has no space")), Not(HasSubstr("Caught:")),
-                           Not(HasSubstr("connected to: 0.0.0.0"))));
+    EXPECT_THAT(
+        log, ::testing::AllOf(HasSubstr("didFindService: "), HasSubstr("connected to: 10.231.0."),
+                              Not(HasSubstr("Stream has no space")), Not(HasSubstr("Caught:")),
+                              Not(HasSubstr("connected to: 0.0.0.0"))));
   }
   // The tool has printed everything once it has seen both peers close.
   EXPECT_TRUE(Namespace::waitFor(

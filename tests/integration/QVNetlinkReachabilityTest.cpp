@@ -57,7 +57,6 @@ TEST(QVNetlinkReachabilityTest, RefusesWhatItCannotRouteAndKnowsModemLinks) {
   EXPECT_EQ(source.targetWithAddress(reinterpret_cast<sockaddr*>(&local)), nullptr);
   EXPECT_EQ(source.targetWithAddress(nullptr), nullptr);
   EXPECT_EQ(source.targetWithHostName(""), nullptr);
-  EXPECT_EQ(source.currentRadioAccessTechnology(), std::nullopt);
   // By name, kind or link type; an index no link has, so sysfs is never read.
   const struct {
     const char* name;

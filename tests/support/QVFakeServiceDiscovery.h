@@ -44,7 +44,6 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
       return static_cast<ptrdiff_t>(taken);
     }
     bool hasSpaceAvailable() const override { return true; }
-    std::string description() const override { return describe("FakeOutputStream"); }
     // The tool went away: end-of-stream comes, and writes fail from now on.
     void endFromPeer() {
       failure = "send: Broken pipe";
@@ -68,7 +67,6 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
     void close() override { setStatus(kStatusClosed); }
     ptrdiff_t read(uint8_t*, size_t) override { return 0; }
     bool hasBytesAvailable() const override { return false; }
-    std::string description() const override { return describe("FakeInputStream"); }
   };
 
   class Service final : public QVNetService {
