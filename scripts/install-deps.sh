@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config clang-format
   clang libclang-rt-14-dev
   zlib1g-dev nlohmann-json3-dev libplist-dev libcurl4-openssl-dev
-  libasio-dev libssl-dev uuid-dev libicu-dev
+  libasio-dev libssl-dev openssl uuid-dev libicu-dev
   libavahi-client-dev avahi-daemon avahi-utils dbus
   libcpp-httplib-dev libsqlite3-dev
   chromium

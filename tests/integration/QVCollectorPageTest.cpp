@@ -24,38 +24,27 @@ size_t count(const std::string& text, const std::string& part) {
   return found;
 }
 
-class QVCollectorPageTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    QV_REQUIRE_CAPABILITY(::access(kChromium, X_OK) == 0, kChromium);
-    port_ = server_.bind(0);
-    ASSERT_GT(port_, 0);
-    server_.start();
-  }
-
+TEST(QVCollectorPageTest, ShowsTheMessagesOfTheRequestNamedInTheAddress) {
+  QV_REQUIRE_CAPABILITY(::access(kChromium, X_OK) == 0, kChromium);
+  test::QVTempFolder folder;
+  QVCollectorStore store{folder.at("collector.sqlite")};
+  QVCollectorReplyPolicy policy;
+  std::ostringstream log;
+  QVCollectorServer server{store, policy, log};
+  const int port = server.bind(0);
+  server.start();
   // The DOM after the page's scripts ran, as Chromium prints it. Virtual
   // time lets the page's requests finish without a wall-clock wait.
-  std::string renderedDom(const std::string& address) {
-    const std::string dom = folder_.at("dom.html");
+  const auto renderedDom = [&](const std::string& address) {
     const std::string command =
         "timeout 120 " + std::string(kChromium) +
-        " --headless=new --no-sandbox --disable-gpu --user-data-dir=" + folder_.at("profile") +
-        " --virtual-time-budget=5000 --dump-dom 'http://127.0.0.1:" + std::to_string(port_) +
-        address + "' 2>/dev/null >" + dom;
+        " --headless=new --no-sandbox --disable-gpu --user-data-dir=" + folder.at("profile") +
+        " --virtual-time-budget=5000 --dump-dom 'http://127.0.0.1:" + std::to_string(port) +
+        address + "' 2>/dev/null >" + folder.at("dom.html");
     std::system(command.c_str());
-    return QVFileSystem::contentsAtPath(dom, 1 << 24).value_or("");
-  }
-
-  test::QVTempFolder folder_;
-  QVCollectorStore store_{folder_.at("collector.sqlite")};
-  QVCollectorReplyPolicy policy_;
-  std::ostringstream log_;
-  QVCollectorServer server_{store_, policy_, log_};
-  int port_ = 0;
-};
-
-TEST_F(QVCollectorPageTest, ShowsTheMessagesOfTheRequestNamedInTheAddress) {
-  httplib::Client client("127.0.0.1", port_);
+    return QVFileSystem::contentsAtPath(folder.at("dom.html"), 1 << 24).value_or("");
+  };
+  httplib::Client client("127.0.0.1", port);
   const std::string payload =
       R"({"messageVersion":"6.0.0.0","serialNumber":3,"sessions":[{"id":"page-session",)"
       R"("startTime":1700000000000,"clientEnvironment":{"osType":"Linux"},"QVCoreSessionID":"core-1",)"

@@ -54,9 +54,7 @@ TEST(QVImmediateFailureChainTest, TensOfThousandsOfImmediateFailuresAreAllCached
   host.defineModule("Broken", {{"PostMessageUrl", server.url("/a b")}, {"URLEncoded", true}});
   auto core = QVCore::sharedInstance();
   auto service = QVQueueService::sharedInstance();
-  ASSERT_TRUE(core->enable());
-  ASSERT_TRUE(core->enableModule("Slow"));
-  ASSERT_TRUE(core->enableModule("Broken"));
+  ASSERT_TRUE(core->enable() && core->enableModule("Slow") && core->enableModule("Broken"));
 
   ASSERT_TRUE(core->postMessageForModuleName(test::messageWithOffset(0), "Slow"));
   core->flushQueues();

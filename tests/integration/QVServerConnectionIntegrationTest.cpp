@@ -167,7 +167,9 @@ TEST_F(QVServerConnectionIntegrationTest, JsonPostCarriesItsHeadersTheShorterBod
   module_->headers = QVValue::parse(
       R"({"content-type":"application/json","X-Count":5,"X-Ratio":2.5,"X-Whole":2.0,"X-Flag":true,
           "X-List":[1],"X-Dict":{"a":1},"X-None":null})");
-  server_.addReply(QVTestReply::answer(200, {{"Set-Cookie", "sid=abc; Path=/"}}));
+  // 399 is the last status that counts as delivered (400 is a row of the
+  // fault matrix).
+  server_.addReply(QVTestReply::answer(399, {{"Set-Cookie", "sid=abc; Path=/"}}));
   std::string large = R"({"sessions":[)";
   for (int i = 0; i < 200; ++i) large += R"({"screen":"Checkout","n":)" + std::to_string(i) + "},";
   large.back() = ']';
@@ -268,24 +270,12 @@ TEST_F(QVServerConnectionIntegrationTest, AnOutcomeWithNobodyToTellOnlyClearsBus
   EXPECT_TRUE(QVRunLoop::main().runUntil([&] { return !connection_->isBusy(); }, 30s));
 }
 
-// The edges of the range that counts as delivered; the statuses within it
-// and the failures of the wire are rows of the fault matrix.
-TEST_F(QVServerConnectionIntegrationTest, Status399CountsAsDeliveredAnd400DoesNot) {
-  for (int status : {399, 400}) {
-    server_.addReply(QVTestReply::answer(status));
-    EXPECT_EQ(postAndWait("{}"), status == 399) << status;
-  }
-}
-
-TEST_F(QVServerConnectionIntegrationTest, FiftyMegabyteBodyArrivesWhole) {
-  configureModule(QVValue::object(), {{"PostMessageTimeout", 120}});
-  std::string json = R"({"blob":")";
-  json.resize(50 * 1000 * 1000 - 2, 'q');
-  json += "\"}";
+// libcurl would ask a server before sending a body past a megabyte.
+TEST_F(QVServerConnectionIntegrationTest, ALargeBodyGoesOutWholeWithoutWaitingForAContinue) {
+  const std::string json = R"({"blob":")" + std::string(2 << 20, 'q') + "\"}";
   EXPECT_TRUE(postAndWait(json));
   const auto sent = server_.request(0);
   EXPECT_EQ(sent.headerCount("Expect"), 0u);
-  EXPECT_EQ(sent.header("Content-Length"), std::to_string(json.size()));
   EXPECT_TRUE(sent.body == json);
 }
 

@@ -31,7 +31,6 @@ class QVCrashFolder {
     if (owned_) ::unsetenv("QVTEST_CRASH_FOLDER");
   }
 
-  bool isChild() const { return !owned_; }
   std::string at(const std::string& name) const { return path_ + "/" + name; }
   void append(const std::string& name, const std::string& line) const {
     std::ofstream(at(name), std::ios::app) << line << "\n";

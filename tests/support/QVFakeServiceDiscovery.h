@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -45,7 +44,6 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
       return static_cast<ptrdiff_t>(taken);
     }
     bool hasSpaceAvailable() const override { return true; }
-    std::string description() const override { return describe("FakeOutputStream"); }
     // The tool went away: end-of-stream comes, and writes fail from now on.
     void endFromPeer() {
       failure = "send: Broken pipe";
@@ -69,7 +67,6 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
     void close() override { setStatus(kStatusClosed); }
     ptrdiff_t read(uint8_t*, size_t) override { return 0; }
     bool hasBytesAvailable() const override { return false; }
-    std::string description() const override { return describe("FakeInputStream"); }
   };
 
   class Service final : public QVNetService {
@@ -139,9 +136,8 @@ class QVFakeServiceDiscovery final : public QVServiceDiscovery {
     std::string searched;  // "type domain" while searching
 
    private:
-    void tell(std::function<void(const std::shared_ptr<QVNetServiceBrowserDelegate>&,
-                                 const std::shared_ptr<Browser>&)>
-                  event) {
+    template <typename Event>
+    void tell(Event event) {
       auto self = std::static_pointer_cast<Browser>(shared_from_this());
       loop_.post([self, event] {
         if (auto delegate = self->delegate()) event(delegate, self);

@@ -3,21 +3,16 @@
 // session that trusts the certificate (QVCORE_CA_BUNDLE) carries it there.
 #include <curl/curl.h>
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
+#include <httplib.h>
 #include <stdlib.h>
 
 #include <future>
-
-#ifndef CPPHTTPLIB_OPENSSL_SUPPORT
-#define CPPHTTPLIB_OPENSSL_SUPPORT
-#endif
-#include <httplib.h>
 
 #include "platform/http/QVCurlHttpSession.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/model/QVQueue.h"
 #include "qvcore/platform/QVRunLoop.h"
+#include "support/QVCapability.h"
 #include "support/QVQueueServiceTestSupport.h"
 #include "support/QVTestHost.h"
 
@@ -30,51 +25,23 @@ using test::offsetsIn;
 
 constexpr const char* kCaBundle = "QVCORE_CA_BUNDLE";
 
-// Names 127.0.0.1 (as its one subjectAltName); valid from an hour ago for a
-// day, so clock skew does not matter.
-X509* selfSigned(EVP_PKEY* key) {
-  X509* certificate = X509_new();
-  X509_set_version(certificate, X509_VERSION_3);
-  ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
-  X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(certificate), 24 * 3600);
-  X509_NAME* name = X509_get_subject_name(certificate);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
-  X509_set_issuer_name(certificate, name);
-  X509_set_pubkey(certificate, key);
-  X509V3_CTX context;
-  X509V3_set_ctx_nodb(&context);
-  X509V3_set_ctx(&context, certificate, certificate, nullptr, nullptr, 0);
-  X509_EXTENSION* altName =
-      X509V3_EXT_conf_nid(nullptr, &context, NID_subject_alt_name, "IP:127.0.0.1");
-  X509_add_ext(certificate, altName, -1);
-  X509_EXTENSION_free(altName);
-  X509_sign(certificate, key, EVP_sha256());
-  return certificate;
-}
-
-// An HTTPS server on 127.0.0.1 with a certificate of its own, written as
-// PEM to certificatePath. It answers 200 to every POST and records it, the
-// body as cpp-httplib hands it over (inflated when it came gzipped).
+// An HTTPS server on 127.0.0.1 with a self-signed certificate that names
+// 127.0.0.1 (as its one subjectAltName), written as PEM to certificatePath.
+// It answers 200 to every POST and records it as ("path encoding", body).
 class TlsServer {
  public:
   explicit TlsServer(const std::string& certificatePath) {
-    for (const char* name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
-      ::unsetenv(name);
-    }
-    EVP_PKEY* key = EVP_EC_gen("P-256");
-    X509* certificate = selfSigned(key);
-    FILE* file = std::fopen(certificatePath.c_str(), "w");
-    PEM_write_X509(file, certificate);
-    std::fclose(file);
-    server_ = std::make_unique<httplib::SSLServer>(certificate, key);  // holds references
-    X509_free(certificate);
-    EVP_PKEY_free(key);
+    const std::string key = certificatePath + ".key";
+    const std::string command =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 "
+        "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " +
+        key + " -out " + certificatePath + " 2>/dev/null";
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    server_ = std::make_unique<httplib::SSLServer>(certificatePath.c_str(), key.c_str());
     server_->Post(".*", [this](const httplib::Request& request, httplib::Response& response) {
       std::lock_guard lock(mutex_);
-      const std::string encoding = request.get_header_value("Content-Encoding");
-      posts_.emplace_back(request.path + " " + encoding, request.body);
+      posts_.emplace_back(request.path + " " + request.get_header_value("Content-Encoding"),
+                          request.body);
       response.status = 200;
     });
     port_ = server_->bind_to_any_port("127.0.0.1");
@@ -89,7 +56,6 @@ class TlsServer {
   std::string url(const std::string& host, const std::string& path) const {
     return "https://" + host + ":" + std::to_string(port_) + path;
   }
-  // ("path encoding", body) of each.
   std::vector<std::pair<std::string, std::string>> posts() const {
     std::lock_guard lock(mutex_);
     return posts_;
@@ -104,6 +70,7 @@ class TlsServer {
 };
 
 TEST(QVHttpsPostTest, ASelfSignedServerIsRefusedUntilItsCertificateIsTrusted) {
+  QV_REQUIRE_CAPABILITY(std::system("command -v openssl >/dev/null") == 0, "the openssl command");
   ::unsetenv(kCaBundle);  // the first session trusts the system's bundle only
   test::QVTestHost host{"com.example.tls"};
   const std::string certificate = host.folder().at("server.pem");
