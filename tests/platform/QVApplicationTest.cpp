@@ -1,5 +1,6 @@
 // The host application and device: facts with Linux defaults, lifecycle and
-// orientation events, background tasks, the interfaces' addresses.
+// orientation events, background tasks, the interfaces' addresses, and what
+// the platform reads from the environment.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -11,6 +12,7 @@
 #include "config/QVConfigTestSupport.h"
 #include "qvcore/core/QVCore.h"
 #include "qvcore/platform/QVApplication.h"
+#include "qvcore/platform/QVBundle.h"
 #include "qvcore/platform/QVDevice.h"
 #include "qvcore/platform/QVNotificationCenter.h"
 #include "qvcore/platform/QVRunLoop.h"
@@ -202,11 +204,23 @@ TEST(QVInterfaceAddressSourceTest, SystemListsLoopbackWithItsRawAddressUnderTheM
   EXPECT_EQ(ipv4Of(entries, "en0"), Texts{"127.0.0.1"});
 }
 
-TEST(QVInterfaceAddressSourceTest, EnvironmentGivesTheStartingMap) {
+// Read once: later changes of the environment are not seen.
+TEST(QVPlatformEnvironmentTest, BundlesAndInterfaceNamesAreReadAtFirstUse) {
   test::expectInFreshProcess([] {
+    test::QVTempFolder folder;
+    const std::string main = folder.makeFolder("Main");
+    folder.makeFolder("A/QVCoreSettings.bundle");
+    ::setenv("QVCORE_MAIN_BUNDLE", main.c_str(), 1);
+    ::setenv("QVCORE_BUNDLE_PATH", (folder.at("B") + "::" + folder.at("A")).c_str(), 1);
     ::setenv("QVCORE_INTERFACE_NAMES", "lo=pdp_ip0", 1);
-    return ipv4Of(QVSystemInterfaceAddressSource().interfaceAddresses(), "pdp_ip0") ==
-           Texts{"127.0.0.1"};
+    const bool ok =
+        QVBundle::mainBundlePath() == main &&
+        QVBundle::searchPaths() == std::vector<std::string>{folder.at("B"), folder.at("A")} &&
+        QVBundle::coreSettingsBundlePath() == folder.at("A/QVCoreSettings.bundle") &&
+        ipv4Of(QVSystemInterfaceAddressSource().interfaceAddresses(), "pdp_ip0") ==
+            Texts{"127.0.0.1"};
+    ::setenv("QVCORE_BUNDLE_PATH", "/elsewhere", 1);
+    return ok && QVBundle::searchPaths().size() == 2;
   });
 }
 
