@@ -104,7 +104,6 @@ TEST(QVApplicationTest, HostFactsAreLinuxsUntilTheHostSetsItsOwn) {
   device.setSystemName("iOS");
   device.setPhysicalMemory(1ull << 40);
   EXPECT_EQ(app.userAgent() + " " + device.systemName(), "Mozilla/5.0 (iPhone) iOS");
-  EXPECT_EQ(device.physicalMemory(), 1ull << 40);
   app.setUserAgent("");
   device.setSystemName("");
   device.setPhysicalMemory(0);
@@ -129,8 +128,6 @@ TEST(QVDeviceTest, PreferredLanguagesComeFromTheLocaleEnvironment) {
     for (int i = 0; i < 4; ++i) values[i] ? ::setenv(names[i], values[i], 1) : ::unsetenv(names[i]);
     EXPECT_EQ(device.preferredLanguages(), expected) << expected.front();
   }
-  device.setPreferredLanguages({"ja-JP"});
-  EXPECT_EQ(device.preferredLanguages(), Languages{"ja-JP"});
   device.setPreferredLanguages({});
   EXPECT_EQ(device.preferredLanguages(), Languages{"en-US"});
 }
