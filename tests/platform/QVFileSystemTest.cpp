@@ -35,7 +35,6 @@ TEST(QVFileSystemTest, HomeFolderComesFromTheHostThenTheEnvironment) {
   EXPECT_EQ(QVFileSystem::homeDirectory(), folder.at("data/com.example.app"));
   ::setenv("QVCORE_HOME", folder.at("qv").c_str(), 1);
   EXPECT_EQ(QVFileSystem::homeDirectory(), folder.at("qv"));
-  EXPECT_EQ(QVFileSystem::documentsDirectory(), folder.at("qv/Documents"));
   QVFileSystem::setHomeDirectory(folder.at("host"));
   EXPECT_EQ(QVFileSystem::documentsDirectory(), folder.at("host/Documents"));
   QVFileSystem::setHomeDirectory("");
@@ -57,6 +56,7 @@ TEST(QVFileSystemTest, HomeFolderComesFromTheHostThenTheEnvironment) {
 
 // Paths not yet made are measured on the volume that would hold them; /proc
 // is another file system, whose size must not leak into the temp folder's.
+// The figures themselves are read by the mobile environment record's test.
 TEST(QVFileSystemTest, CreatesFoldersAndFilesWithExactModesAndMeasuresTheirVolume) {
   test::QVTempFolder folder;
   const mode_t saved = ::umask(077);
@@ -72,8 +72,6 @@ TEST(QVFileSystemTest, CreatesFoldersAndFilesWithExactModesAndMeasuresTheirVolum
   const auto missing = QVFileSystem::attributesOfFileSystemForPath(folder.at("not/yet/there"));
   const auto proc = QVFileSystem::attributesOfFileSystemForPath("/proc/self/absent/child");
   ASSERT_TRUE(existing && missing && proc);
-  EXPECT_GT(existing->size, 0u);
-  EXPECT_LE(existing->freeSize, existing->size);
   EXPECT_EQ(missing->size, existing->size);
   EXPECT_NE(proc->size, existing->size);
   EXPECT_EQ(QVFileSystem::attributesOfFileSystemForPath(""), std::nullopt);
@@ -148,24 +146,6 @@ TEST(QVBundleTest, InfoAndResourcesComeFromTheMainBundleBeforeTheSearchPath) {
   QVBundle::setMainBundlePath("");
 }
 
-// Read once: later changes of the environment are not seen.
-TEST(QVBundleEnvironmentTest, EnvironmentIsReadAtFirstUse) {
-  test::expectInFreshProcess([] {
-    test::QVTempFolder folder;
-    const std::string main = folder.makeFolder("Main");
-    folder.makeFolder("A/QVCoreSettings.bundle");
-    folder.makeFolder("B");
-    ::setenv("QVCORE_MAIN_BUNDLE", main.c_str(), 1);
-    ::setenv("QVCORE_BUNDLE_PATH", (folder.at("B") + "::" + folder.at("A")).c_str(), 1);
-    const bool ok =
-        QVBundle::mainBundlePath() == main &&
-        QVBundle::searchPaths() == std::vector<std::string>{folder.at("B"), folder.at("A")} &&
-        QVBundle::coreSettingsBundlePath() == folder.at("A/QVCoreSettings.bundle");
-    ::setenv("QVCORE_BUNDLE_PATH", "/elsewhere", 1);
-    return ok && QVBundle::searchPaths().size() == 2;
-  });
-}
-
 using Format = QVPropertyList::Format;
 using Bytes = std::vector<uint8_t>;
 constexpr uint64_t kUMax = std::numeric_limits<uint64_t>::max();
@@ -229,7 +209,6 @@ std::string nestedBinary(int count, int refs) {
   return objects + offsets + trailer;
 }
 
-// {"x": -90} as the platform writes it: an 8-byte big-endian integer.
 // {"x": -90} as the platform writes it: an 8-byte big-endian integer. The
 // objects (a dictionary, its key, the integer), their offsets, and the
 // trailer: 1-byte offsets and references, 3 objects, root 0, table at 0x16.
@@ -288,32 +267,22 @@ TEST(QVPropertyListTest, MalformedMisshapenMissingOrHugeInputGivesNone) {
   EXPECT_FALSE(QVPropertyList::dictionaryWithContentsOfFile(huge));
 }
 
-const std::string kText = "h\xC3\xA9llo \xE2\x9C\x93 \xF0\x9F\x98\x80";
-
-// A value of each kind, and a key written twice.
-Bytes sampleArchive() {
-  QVKeyedArchiver archiver;
-  archiver.encodeInt64ForKey(-1, "minusOne");
-  archiver.encodeInt64ForKey(std::numeric_limits<int64_t>::min(), "min");
-  archiver.encodeUInt64ForKey(kUMax, "umax");
-  archiver.encodeDoubleForKey(-2.5e300, "real");
-  archiver.encodeBoolForKey(true, "flag");
-  archiver.encodeObjectForKey(kText, "text");
-  archiver.encodeObjectForKey("plain", "ascii");
-  archiver.encodeObjectForKey(std::nullopt, "absent");
-  archiver.encodeInt64ForKey(7, "replaced");
-  archiver.encodeInt64ForKey(8, "replaced");
-  return archiver.archivedData();
-}
-
 // Negative, extreme and text values, absent keys, a wrong kind that stops a
 // class's decoding, and a whole object are held by the message tests.
 TEST(QVKeyedArchiveTest, TypedValuesRoundTrip) {
-  QVKeyedUnarchiver coder(sampleArchive());
+  QVKeyedArchiver archiver;
+  archiver.encodeInt64ForKey(-1, "minusOne");
+  archiver.encodeDoubleForKey(-2.5e300, "real");
+  archiver.encodeBoolForKey(true, "flag");
+  archiver.encodeObjectForKey("plain", "text");
+  archiver.encodeObjectForKey(std::nullopt, "absent");
+  archiver.encodeInt64ForKey(7, "replaced");
+  archiver.encodeInt64ForKey(8, "replaced");
+  QVKeyedUnarchiver coder(archiver.archivedData());
   ASSERT_TRUE(coder.isValid());
   EXPECT_EQ(coder.decodeDoubleForKey("real"), -2.5e300);
   EXPECT_TRUE(coder.decodeBoolForKey("flag"));
-  EXPECT_EQ(coder.decodeInt64ForKey("replaced"), 8);
+  EXPECT_EQ(coder.decodeInt64ForKey("replaced"), 8) << "a key written twice keeps the last";
   // Integers are the stored bits, whichever signedness reads them.
   EXPECT_EQ(coder.decodeUInt64ForKey("minusOne"), kUMax);
   EXPECT_EQ(coder.decodeDoubleForKey("minusOne"), -1.0);
@@ -348,36 +317,6 @@ TEST(QVKeyedArchiveTest, UnreadableBytesGiveNone) {
                             Bytes(array.begin(), array.end())}) {
     EXPECT_FALSE(QVKeyedUnarchiver(data).isValid());
     EXPECT_EQ(QVKeyedUnarchiver::unarchiveObjectWithData<Any>(data), nullptr);
-  }
-}
-
-// Only the archive's own exception may come out of a damaged archive: each
-// truncation, and each byte flipped or zeroed. A zero byte puts a NUL inside
-// stored text, which libplist's own string getter asserts on.
-TEST(QVKeyedArchiveTest, DamagedArchivesAreReadSafely) {
-  const Bytes good = sampleArchive();
-  std::vector<Bytes> damaged;
-  for (size_t i = 0; i < good.size(); ++i) {
-    damaged.emplace_back(good.begin(), good.begin() + i);
-    EXPECT_FALSE(QVKeyedUnarchiver(damaged.back()).isValid()) << "length " << i;
-    for (int flip : {0x01, 0x80, 0xff, -1}) {
-      damaged.push_back(good);
-      damaged.back()[i] = flip < 0 ? 0 : good[i] ^ flip;
-    }
-  }
-  const auto quietly = [](auto decode) {
-    try {
-      decode();
-    } catch (const QVArchiveException&) {
-    }
-  };
-  for (const Bytes& data : damaged) {
-    QVKeyedUnarchiver coder(data);
-    for (const char* key : {"minusOne", "umax", "real", "flag", "text", "ascii", "replaced"}) {
-      quietly([&] { coder.decodeInt64ForKey(key); });
-      quietly([&] { coder.decodeDoubleForKey(key); });
-      quietly([&] { coder.decodeObjectForKey(key); });
-    }
   }
 }
 

@@ -11,7 +11,6 @@
 #include <cmath>
 #include <filesystem>
 #include <future>
-#include <mutex>
 #include <thread>
 
 #include "qvcore/model/QVCoreExtensions.h"
@@ -25,8 +24,6 @@ using namespace std::chrono_literals;
 
 namespace qv {
 namespace {
-
-constexpr auto kPatience = 10s;  // bounds real waits: a broken wake-up fails, not hangs
 
 // A loop of its own on a fake clock.
 struct VirtualLoop {
@@ -49,19 +46,6 @@ TEST(QVRunLoopTest, CurrentIsMainOnTheMainThreadOrWhilePumpedElseOnePerThread) {
                 !QVRunLoop::main().isCurrent());
   }).join();
   EXPECT_EQ(inTask, &QVRunLoop::main());
-}
-
-TEST(QVRunLoopTest, RealClockDelayedTaskWakesABlockedPump) {
-  QVRunLoop loop;
-  std::string ran;
-  loop.postAfter(1h, [&] { ran += "far"; });
-  // Nothing is due: the pump must come back, not spin on the timer it arms.
-  EXPECT_EQ(loop.runUntilIdle(), 0u);
-  // A nearer task from another thread must re-arm a pump asleep until 1 h.
-  std::thread poster([&] { loop.postAfter(5ms, [&] { ran += "near", loop.stop(); }); });
-  loop.runFor(kPatience);
-  poster.join();
-  EXPECT_EQ(ran, "near");
 }
 
 // Tasks run once due, in due order; a due time beyond the clock saturates
@@ -91,7 +75,7 @@ TEST(QVRunLoopTest, VirtualTimeRunsDelayedTasksInDueOrderAndWakesABlockedPump) {
   std::atomic<bool> woke = false;
   v.loop.postAfter(5s, [&] { woke = true; });
   std::thread mover([&] { v.clock->advance(5s); });  // runUntil alone releases nothing
-  EXPECT_TRUE(v.loop.runUntil([&] { return woke.load(); }, kPatience));
+  EXPECT_TRUE(v.loop.runUntil([&] { return woke.load(); }, 10s));
   mover.join();
 }
 
@@ -384,29 +368,13 @@ TEST(QVLogTest, SwallowedExceptionsShowAsDebugLinesOnlyWhenAsked) {
   EXPECT_EQ(lines[0].rfind("QVCore debug: toJson: ", 0), 0u) << lines[0];
 }
 
-// Each line arrives once and whole.
-TEST(QVLogTest, LinesReachTheSinkWholeFromAnyThreadElseStandardError) {
-  std::mutex mutex;
-  std::multiset<std::string> lines, expected;
-  QVLog::setSink([&](const std::string& line) {
-    std::lock_guard lock(mutex);
-    lines.insert(line);
-  });
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([t] {
-      for (int i = 0; i < 50; ++i) QVLog::logFormat("thread %d line %d", t, i);
-    });
-    for (int i = 0; i < 50; ++i)
-      expected.insert("thread " + std::to_string(t) + " line " + std::to_string(i));
-  }
-  for (auto& thread : threads) thread.join();
-  QVLog::setSink(nullptr);
+// Without a sink each line is one write to standard error, a newline added
+// where it lacks one.
+TEST(QVLogTest, WithoutASinkLinesGoToStandardErrorEachEndingInANewline) {
   testing::internal::CaptureStderr();
   QVLog::logFormat("Background Time:%f", 2.5);
   QVLog::log("ends\n");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Background Time:2.500000\nends\n");
-  EXPECT_EQ(lines, expected);
 }
 
 }  // namespace

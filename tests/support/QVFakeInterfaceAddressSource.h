@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -14,17 +13,12 @@
 namespace qv::test {
 
 // Interface addresses that a test chooses. Install it with
-// QVInterfaceAddressSource::setShared, and set it back to null afterwards.
+// QVInterfaceAddressSource::setShared, and set it back to null afterwards;
+// set the entries before other threads read them.
 class QVFakeInterfaceAddressSource : public QVInterfaceAddressSource {
  public:
-  std::optional<std::vector<QVInterfaceAddress>> interfaceAddresses() override {
-    std::lock_guard lock(mutex_);
-    return entries_;
-  }
-  void setEntries(std::vector<QVInterfaceAddress> entries) {
-    std::lock_guard lock(mutex_);
-    entries_ = std::move(entries);
-  }
+  std::optional<std::vector<QVInterfaceAddress>> interfaceAddresses() override { return entries_; }
+  void setEntries(std::vector<QVInterfaceAddress> entries) { entries_ = std::move(entries); }
 
   // An entry laid out as the system lays it out, the address given as text
   // (inet_pton, IPv6 when it holds a ':'; the test fails on text that is not
@@ -52,7 +46,6 @@ class QVFakeInterfaceAddressSource : public QVInterfaceAddressSource {
     return std::vector<uint8_t>(bytes, bytes + sizeof address);
   }
 
-  std::mutex mutex_;
   std::vector<QVInterfaceAddress> entries_;
 };
 

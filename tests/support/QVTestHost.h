@@ -39,8 +39,6 @@ class QVTestHost {
     QVFileSystem::setHomeDirectory("");
     QVBundle::setMainBundlePath("");
   }
-  QVTestHost(const QVTestHost&) = delete;
-  QVTestHost& operator=(const QVTestHost&) = delete;
 
   QVTempFolder& folder() { return folder_; }
   // The host-fed network, for tests that change what it reports.
@@ -64,10 +62,9 @@ class QVTestHost {
   bool startCore(const QVValue& coreItems, const std::map<std::string, QVValue>& modules) {
     writeCoreConfig(coreItems);
     for (const auto& [name, items] : modules) defineModule(name, items);
-    bool enabled = QVCore::sharedInstance()->enable();
-    for (const auto& entry : modules) {
-      enabled = enabled && QVCore::sharedInstance()->enableModule(entry.first);
-    }
+    auto core = QVCore::sharedInstance();
+    bool enabled = core->enable();
+    for (const auto& entry : modules) enabled = enabled && core->enableModule(entry.first);
     return enabled;
   }
 
