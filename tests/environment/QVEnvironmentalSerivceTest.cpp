@@ -404,7 +404,10 @@ TEST_F(QVNetworkTest, EvaluatesASecondAfterStartAndPostsOnlyStatusChanges) {
   });
   setFlags(kCellular);
   const std::pair<std::optional<std::string>, const char*> rows[] = {
-      {"GPRS", "2G"}, {"WCDMA", "3G"}, {"LTE", "4G"}, {"NR", "WWAN"}, {std::nullopt, "WWAN"}};
+      {"GPRS", "2G"},         {"Edge", "2G"},  {"CDMA1x", "2G"},       {"WCDMA", "3G"},
+      {"HSDPA", "3G"},        {"HSUPA", "3G"}, {"CDMAEVDORev0", "3G"}, {"CDMAEVDORevA", "3G"},
+      {"CDMAEVDORevB", "3G"}, {"eHRPD", "3G"}, {"LTE", "4G"},          {"NR", "WWAN"},
+      {std::nullopt, "WWAN"}};
   for (const auto& [technology, type] : rows) {
     setRadio(technology ? "CTRadioAccessTechnology" + *technology : technology);
     EXPECT_EQ(state(), std::string("3 ReachableViaWWAN ") + type) << technology.value_or("none");

@@ -60,9 +60,10 @@ struct CrashCase {
   if (c.queued && !core->postMessageForModuleName(test::messageWithOffset(5), "Recorder")) {
     ::_exit(5);
   }
-  // A child still waiting after a second is ended (an ending one has as
-  // long as any test).
-  ::alarm(c.ends ? 60 : 1);
+  // A child still waiting after two seconds is ended (an ending one has as
+  // long as any test); the margin keeps a loaded machine from ending one
+  // before its modules were told.
+  ::alarm(c.ends ? 60 : 2);
   test::crashWithUncaughtException("fatal");
   ::_exit(6);  // not reached: a terminate handler does not return
 }

@@ -63,11 +63,10 @@ TEST(QVNetlinkReachabilityTest, RefusesWhatItCannotRouteAndKnowsModemLinks) {
     unsigned short type;
     const char* kind;
     bool cellular;
-  } links[] = {{"wwan0", ARPHRD_ETHER, "", true},
-               {"mbim0", ARPHRD_NONE, "wwan", true},
-               {"usb0", ARPHRD_RAWIP, "", true},
-               {"eth0", ARPHRD_ETHER, "", false},
-               {"tun0", ARPHRD_NONE, "tun", false}};
+  } links[] = {{"wwan0", ARPHRD_ETHER, "", true},    {"rmnet_data0", ARPHRD_ETHER, "", true},
+               {"ccmni0", ARPHRD_ETHER, "", true},   {"mbim0", ARPHRD_NONE, "wwan", true},
+               {"qmi0", ARPHRD_NONE, "rmnet", true}, {"usb0", ARPHRD_RAWIP, "", true},
+               {"eth0", ARPHRD_ETHER, "", false},    {"tun0", ARPHRD_NONE, "tun", false}};
   for (const auto& l : links) {
     EXPECT_EQ(netlinkLinkIsCellular({1 << 30, l.type, 0, l.name, l.kind}), l.cellular) << l.name;
   }
