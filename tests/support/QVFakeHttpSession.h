@@ -16,6 +16,7 @@ namespace qv::test {
 class QVFakeHttpSession : public QVHttpSession {
  public:
   struct Task {
+    bool upload = false;  // the cache fuzzer tells POSTs from GETs by it
     QVMutableURLRequest request{""};
     std::shared_ptr<const std::string> body;  // what an upload sends
     CompletionHandler completion;
@@ -24,11 +25,11 @@ class QVFakeHttpSession : public QVHttpSession {
   void uploadTaskWithRequest(const QVMutableURLRequest& request,
                              std::shared_ptr<const std::string> body,
                              CompletionHandler completion) override {
-    add(Task{request, std::move(body), std::move(completion)});
+    add(Task{true, request, std::move(body), std::move(completion)});
   }
   void dataTaskWithRequest(const QVMutableURLRequest& request,
                            CompletionHandler completion) override {
-    add(Task{request, nullptr, std::move(completion)});
+    add(Task{false, request, nullptr, std::move(completion)});
   }
 
   size_t taskCount() const {
