@@ -195,7 +195,8 @@ void managerFollowsChanges(QVNetworkNamespace& net) {
                {"-6 route del default", true, 2},
                {"route replace default via 10.201.0.2 dev wwan0", true, 3},
                {"route del default", true, 1}};
-  // Read on a thread of its own, as a posting thread does.
+  // Read on a fresh thread and on this one, which keeps its copy throughout,
+  // as posting threads do.
   const auto gate = [&] {
     return std::async(std::launch::async, [&] { return manager->isConnectedViaWifi(); }).get();
   };
@@ -206,6 +207,7 @@ void managerFollowsChanges(QVNetworkNamespace& net) {
     if (step.readAtOnce) {
       ASSERT_TRUE(monitor->awaitPublished(10s));
       EXPECT_EQ(gate(), step.status == 2);
+      EXPECT_EQ(manager->isConnectedViaWifi(), step.status == 2);
     }
     EXPECT_TRUE(loop.runUntil([&] { return manager->currentNetworkStatus() == step.status; }, 5s));
     const char* names[] = {"", "NotReachable N/A", "ReachableViaWiFi Wifi",
