@@ -4,6 +4,7 @@
 #include "qvcore/platform/QVFileSystem.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "config/QVConfigTestSupport.h"
 #include "qvcore/platform/QVArchiveException.h"
@@ -75,6 +76,22 @@ TEST(QVFileSystemTest, CreatesFoldersAndFilesWithExactModesAndMeasuresTheirVolum
   EXPECT_EQ(missing->size, existing->size);
   EXPECT_NE(proc->size, existing->size);
   EXPECT_EQ(QVFileSystem::attributesOfFileSystemForPath(""), std::nullopt);
+}
+
+// The cache's reads, listings and deletions never go through a link put in
+// place of a file or folder, even when the name was checked a moment before.
+TEST(QVFileSystemTest, NoFollowCallsRefuseLinksAndLeaveTheirTargets) {
+  test::QVTempFolder folder;
+  ASSERT_TRUE(QVFileSystem::createDirectoryAtPath(folder.at("real"), 0700));
+  ASSERT_TRUE(QVFileSystem::writeAtomically(folder.at("real/f"), "x", 0600));
+  ASSERT_EQ(::symlink(folder.at("real/f").c_str(), folder.at("file link").c_str()), 0);
+  ASSERT_EQ(::symlink(folder.at("real").c_str(), folder.at("folder link").c_str()), 0);
+  EXPECT_EQ(QVFileSystem::contentsAtPathNoFollow(folder.at("file link"), 10), std::nullopt);
+  EXPECT_EQ(QVFileSystem::entriesOfFolderNoFollow(folder.at("folder link")), std::nullopt);
+  EXPECT_FALSE(QVFileSystem::isDirectoryNoFollowAtPath(folder.at("folder link")));
+  EXPECT_TRUE(QVFileSystem::removeFileNoFollow(folder.at("file link")));
+  EXPECT_EQ(QVFileSystem::contentsAtPath(folder.at("file link"), 10), std::nullopt);
+  EXPECT_EQ(QVFileSystem::contentsAtPath(folder.at("real/f"), 10), "x");
 }
 
 TEST(QVUserDefaultsTest, ValuesSurviveInPrivateFilesAndDamagedFilesAreReplaced) {
