@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "platform/value/QVText.h"
 #include "support/QVLoopback.h"
 
 namespace qv::test {
@@ -22,10 +22,6 @@ namespace {
 constexpr auto kIoBound = std::chrono::seconds(30);
 constexpr size_t kMaxHeaderBytes = 64 * 1024;
 
-bool sameName(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
 // Request line and header lines of a head that ends in an empty line.
 QVRecordedRequest parseHead(const std::string& head) {
   QVRecordedRequest request;
@@ -34,11 +30,10 @@ QVRecordedRequest parseHead(const std::string& head) {
   std::getline(lines, line);
   std::istringstream(line) >> request.method >> request.target >> request.version;
   while (std::getline(lines, line) && line != "\r") {
-    const size_t colon = line.find(':'), value = line.find_first_not_of(" \t", colon + 1);
+    const size_t colon = line.find(':');
     if (colon == std::string::npos) continue;
-    const size_t last = line.find_last_not_of(" \t\r");
     request.headers.emplace_back(line.substr(0, colon),
-                                 value > last ? "" : line.substr(value, last - value + 1));
+                                 QVText::trimmed(std::string_view(line).substr(colon + 1)));
   }
   return request;
 }
@@ -66,14 +61,14 @@ std::string QVRecordedRequest::query() const {
 
 std::optional<std::string> QVRecordedRequest::header(const std::string& name) const {
   for (const auto& [key, value] : headers) {
-    if (sameName(key, name)) return value;
+    if (QVText::equalsIgnoringCase(key, name)) return value;
   }
   return std::nullopt;
 }
 
 size_t QVRecordedRequest::headerCount(const std::string& name) const {
   return std::count_if(headers.begin(), headers.end(),
-                       [&](auto& h) { return sameName(h.first, name); });
+                       [&](auto& h) { return QVText::equalsIgnoringCase(h.first, name); });
 }
 
 QVTestHttpServer::QVTestHttpServer(int receiveBufferBytes, bool listening) {
