@@ -15,7 +15,7 @@ cd "$(dirname "$0")/.."
 suites=(platform model config queue core environment integration faults soak)
 fixtures=(
   QVSerialQueueTest QVRunLoopTest QVRunLoopWatchTest QVRepeatingTimerTest
-  QVNotificationCenterTest QVLogTest QVApplicationLifecycleTest
+  QVNotificationCenterTest QVApplicationLifecycleTest
   QVQueueTest QVSessionTest
   QVConfigServiceTest
   QVQueueServiceTest QVQueueServiceCutTest QVDataCompressionTest
